@@ -1,0 +1,61 @@
+#include "host_functions.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <string>
+
+int writeFile(const char* path, const char* data, unsigned int length) {
+  if (path == nullptr || *path == '\0' || (data == nullptr && length > 0)) return -1;
+  const std::string target(path);
+  const std::string temp = target + ".part." + std::to_string(getpid());
+  const int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  if (fd < 0) return -1;
+  unsigned int done = 0;
+  while (done < length) {
+    const ssize_t n = write(fd, data + done, length - done);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      close(fd);
+      unlink(temp.c_str());
+      return -1;
+    }
+    done += static_cast<unsigned int>(n);
+  }
+  if (fsync(fd) != 0 || close(fd) != 0) {
+    unlink(temp.c_str());
+    return -1;
+  }
+  if (rename(temp.c_str(), target.c_str()) != 0) {
+    unlink(temp.c_str());
+    return -1;
+  }
+  return static_cast<int>(length);
+}
+
+long long strToLL(std::string text) {
+  size_t i = 0;
+  while (i < text.size() && std::isspace(static_cast<unsigned char>(text[i]))) ++i;
+  bool negative = false;
+  if (i < text.size() && (text[i] == '+' || text[i] == '-')) {
+    negative = text[i] == '-';
+    ++i;
+  }
+  unsigned long long value = 0;
+  const unsigned long long limit =
+      negative ? static_cast<unsigned long long>(LLONG_MAX) + 1 : LLONG_MAX;
+  for (; i < text.size() && std::isdigit(static_cast<unsigned char>(text[i])); ++i) {
+    const unsigned digit = static_cast<unsigned>(text[i] - '0');
+    if (value > (limit - digit) / 10) {
+      value = limit;  // Clamp instead of overflowing.
+      break;
+    }
+    value = value * 10 + digit;
+  }
+  if (negative) return value == limit ? LLONG_MIN : -static_cast<long long>(value);
+  return static_cast<long long>(value);
+}

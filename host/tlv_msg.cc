@@ -1,0 +1,62 @@
+#include <memory>
+#include <mutex>
+
+#include "qpn_debug_kit.h"
+#include "tlv_backend.h"
+#include "tlv_package.h"
+
+namespace {
+
+constexpr char kSource[] = "host/tlv_msg";
+constexpr int kModule = 2;
+
+std::mutex& backendMutex() {
+  static std::mutex m;
+  return m;
+}
+
+std::shared_ptr<TlvBackend>& backendSlot() {
+  static std::shared_ptr<TlvBackend> backend;
+  return backend;
+}
+
+}  // namespace
+
+std::shared_ptr<TlvBackend> installTlvBackend(std::shared_ptr<TlvBackend> backend) {
+  std::lock_guard<std::mutex> lock(backendMutex());
+  backend.swap(backendSlot());
+  return backend;
+}
+
+int CTlvMsg::sendMessage(const CDeviceID& device, const UserContext& user, CR3MPackageV3& request,
+                         CR3MPackageV3& reply, std::string interfaceVersion, int timeout,
+                         CommunicationTarget::TargetType target) {
+  std::shared_ptr<TlvBackend> backend;
+  {
+    std::lock_guard<std::mutex> lock(backendMutex());
+    backend = backendSlot();
+  }
+  CQPNDebugKitGuard guard(kModule, "sendMessage");
+  const unsigned command = request.size() > 0 ? request[0].command() : 0;
+  if (!backend) {
+    guard.error(0, "sendMessage", __LINE__, "no backend for command 0x%08X", command);
+    throw QPNExceptionWithErrCode_(kErrBackendUnavailable, kSource, __LINE__, false, nullptr);
+  }
+  TlvCall call{device, user, std::move(interfaceVersion), timeout, target};
+  long long code = 0;
+  try {
+    code = backend->handle(call, request, reply);
+  } catch (const QPNException&) {
+    throw;
+  } catch (const std::exception& e) {
+    guard.error(0, "sendMessage", __LINE__, "backend failed on command 0x%08X: %s", command,
+                e.what());
+    throw QPNExceptionWithErrCode_(kErrBackendFailure, kSource, __LINE__, false, nullptr);
+  }
+  if (code != 0) {
+    guard.debug(0, "sendMessage", __LINE__, "command 0x%08X answered with code %lld", command,
+                code);
+    throw QPNExceptionWithErrCode_(code, kSource, __LINE__, false, nullptr);
+  }
+  return 0;
+}

@@ -1,0 +1,201 @@
+#include <sys/time.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <map>
+#include <memory>
+#include <mutex>
+
+#include "qpn_debug_kit.h"
+#include "trace_sink.h"
+
+namespace {
+
+std::atomic<int> g_level{static_cast<int>(TraceLevel::kInfo)};
+
+std::mutex& sinkMutex() {
+  static std::mutex m;
+  return m;
+}
+
+std::shared_ptr<TraceSink>& sinkSlot() {
+  static std::shared_ptr<TraceSink> sink = std::make_shared<StreamTraceSink>(stderr, false);
+  return sink;
+}
+
+std::shared_ptr<TraceSink> currentSink() {
+  std::lock_guard<std::mutex> lock(sinkMutex());
+  return sinkSlot();
+}
+
+bool enabled(TraceLevel level) { return static_cast<int>(level) >= g_level.load(std::memory_order_relaxed); }
+
+void emit(int module, TraceLevel level, const char* function, unsigned int line, std::string text) {
+  TraceRecord record;
+  record.module = module;
+  record.level = level;
+  if (function != nullptr) record.function = function;
+  record.line = line;
+  record.text = std::move(text);
+  currentSink()->write(record);
+}
+
+std::string format(const char* fmt, va_list args) {
+  if (fmt == nullptr) return std::string();
+  char small[512];
+  va_list copy;
+  va_copy(copy, args);
+  const int n = std::vsnprintf(small, sizeof(small), fmt, copy);
+  va_end(copy);
+  if (n < 0) return std::string(fmt);
+  if (static_cast<size_t>(n) < sizeof(small)) return std::string(small, static_cast<size_t>(n));
+  std::string out(static_cast<size_t>(n) + 1, '\0');
+  std::vsnprintf(&out[0], out.size(), fmt, args);
+  out.resize(static_cast<size_t>(n));
+  return out;
+}
+
+void logFormatted(int module, TraceLevel level, const char* function, unsigned int line,
+                  const char* fmt, va_list args) {
+  if (!enabled(level)) return;
+  emit(module, level, function, line, format(fmt, args));
+}
+
+}  // namespace
+
+const char* traceLevelName(TraceLevel level) {
+  switch (level) {
+    case TraceLevel::kTrace: return "trace";
+    case TraceLevel::kDebug: return "debug";
+    case TraceLevel::kInfo: return "info";
+    case TraceLevel::kWarn: return "warn";
+    case TraceLevel::kError: return "error";
+    case TraceLevel::kOff: return "off";
+  }
+  return "?";
+}
+
+bool parseTraceLevel(const std::string& name, TraceLevel* level) {
+  static const std::pair<const char*, TraceLevel> kNames[] = {
+      {"trace", TraceLevel::kTrace}, {"debug", TraceLevel::kDebug}, {"info", TraceLevel::kInfo},
+      {"warn", TraceLevel::kWarn},   {"error", TraceLevel::kError}, {"off", TraceLevel::kOff}};
+  for (const auto& entry : kNames) {
+    if (name == entry.first) {
+      *level = entry.second;
+      return true;
+    }
+  }
+  return false;
+}
+
+std::shared_ptr<TraceSink> setTraceSink(std::shared_ptr<TraceSink> sink) {
+  if (!sink) sink = std::make_shared<StreamTraceSink>(stderr, false);
+  std::lock_guard<std::mutex> lock(sinkMutex());
+  sink.swap(sinkSlot());
+  return sink;
+}
+
+void setTraceLevel(TraceLevel level) { g_level.store(static_cast<int>(level)); }
+TraceLevel getTraceLevel() { return static_cast<TraceLevel>(g_level.load()); }
+
+StreamTraceSink::StreamTraceSink(FILE* stream, bool owned) : stream_(stream), owned_(owned) {}
+
+StreamTraceSink::~StreamTraceSink() {
+  if (owned_ && stream_ != nullptr) std::fclose(stream_);
+}
+
+std::shared_ptr<StreamTraceSink> StreamTraceSink::openFile(const std::string& path) {
+  FILE* f = std::fopen(path.c_str(), "ae");
+  if (f == nullptr) return nullptr;
+  std::setvbuf(f, nullptr, _IOLBF, 0);
+  return std::make_shared<StreamTraceSink>(f, true);
+}
+
+void StreamTraceSink::write(const TraceRecord& record) {
+  struct timeval tv;
+  gettimeofday(&tv, nullptr);
+  struct tm utc;
+  gmtime_r(&tv.tv_sec, &utc);
+  char stamp[32];
+  std::strftime(stamp, sizeof(stamp), "%Y-%m-%dT%H:%M:%S", &utc);
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (record.function.empty()) {
+    std::fprintf(stream_, "%s.%03ldZ %-5s [%d] %s\n", stamp, static_cast<long>(tv.tv_usec / 1000),
+                 traceLevelName(record.level), record.module, record.text.c_str());
+  } else {
+    std::fprintf(stream_, "%s.%03ldZ %-5s [%d] %s:%u %s\n", stamp,
+                 static_cast<long>(tv.tv_usec / 1000), traceLevelName(record.level), record.module,
+                 record.function.c_str(), record.line, record.text.c_str());
+  }
+}
+
+void CaptureTraceSink::write(const TraceRecord& record) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  records_.push_back(record);
+}
+
+std::vector<TraceRecord> CaptureTraceSink::records() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return records_;
+}
+
+void CaptureTraceSink::clear() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  records_.clear();
+}
+
+CQPNDebugKit::CQPNDebugKit(int moduleId) : moduleId_(moduleId) {}
+CQPNDebugKit::~CQPNDebugKit() {}
+
+void CQPNDebugKit::trace(const std::string& text) {
+  if (!enabled(TraceLevel::kTrace)) return;
+  emit(moduleId_, TraceLevel::kTrace, nullptr, 0, text);
+}
+
+void CQPNDebugKit::info(unsigned long long, const char* function, unsigned int line,
+                        const char* fmt, va_list args) {
+  logFormatted(moduleId_, TraceLevel::kInfo, function, line, fmt, args);
+}
+void CQPNDebugKit::warn(unsigned long long, const char* function, unsigned int line,
+                        const char* fmt, va_list args) {
+  logFormatted(moduleId_, TraceLevel::kWarn, function, line, fmt, args);
+}
+void CQPNDebugKit::error(unsigned long long, const char* function, unsigned int line,
+                         const char* fmt, va_list args) {
+  logFormatted(moduleId_, TraceLevel::kError, function, line, fmt, args);
+}
+void CQPNDebugKit::debug(unsigned long long, const char* function, unsigned int line,
+                         const char* fmt, va_list args) {
+  logFormatted(moduleId_, TraceLevel::kDebug, function, line, fmt, args);
+}
+
+void CQPNDebugKit::warn(const std::string& text) {
+  if (enabled(TraceLevel::kWarn)) emit(moduleId_, TraceLevel::kWarn, nullptr, 0, text);
+}
+void CQPNDebugKit::error(const std::string& text) {
+  if (enabled(TraceLevel::kError)) emit(moduleId_, TraceLevel::kError, nullptr, 0, text);
+}
+
+CQPNDebugKitMgr* CQPNDebugKitMgr::instance() {
+  static CQPNDebugKitMgr mgr;
+  return &mgr;
+}
+
+CQPNDebugKit* CQPNDebugKitMgr::find(int moduleId) {
+  // Kits live for the whole process; a fixed table avoids a lock for the
+  // module ids in use (0..63), a locked map serves any other.
+  static CQPNDebugKit* fixed[64] = {};
+  static std::once_flag once;
+  std::call_once(once, [] {
+    for (int i = 0; i < 64; ++i) fixed[i] = new CQPNDebugKit(i);
+  });
+  if (moduleId >= 0 && moduleId < 64) return fixed[moduleId];
+  static std::mutex m;
+  static std::map<int, CQPNDebugKit*> others;
+  std::lock_guard<std::mutex> lock(m);
+  CQPNDebugKit*& kit = others[moduleId];
+  if (kit == nullptr) kit = new CQPNDebugKit(moduleId);
+  return kit;
+}

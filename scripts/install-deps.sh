@@ -1,0 +1,34 @@
+#!/usr/bin/env bash
+# Installs every package the project builds, tests and runs with, from
+# Debian's archive. Idempotent: packages already present are left alone.
+# Works as root or, for another user, through sudo.
+set -euo pipefail
+
+PACKAGES=(
+  build-essential cmake pkg-config clang libclang-rt-14-dev
+  libjsoncpp-dev libtinyxml2-dev libpcre2-dev libace-dev
+  libgtest-dev libgmock-dev googletest libbenchmark-dev
+  libcpp-httplib-dev libssl-dev libsqlite3-dev zlib1g-dev libbrotli-dev
+  openssl curl python3 binutils
+)
+
+missing=()
+for p in "${PACKAGES[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then
+    missing+=("$p")
+  fi
+done
+if [ ${#missing[@]} -eq 0 ]; then
+  echo "install-deps: all ${#PACKAGES[@]} packages present"
+  exit 0
+fi
+
+SUDO=""
+if [ "$(id -u)" -ne 0 ]; then
+  command -v sudo >/dev/null || { echo "install-deps: run as root or install sudo" >&2; exit 1; }
+  SUDO="sudo"
+fi
+echo "install-deps: installing ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+$SUDO apt-get update -qq
+$SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"
