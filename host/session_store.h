@@ -1,0 +1,50 @@
+// The gateway's logged-in sessions, keyed by their secret token.
+//
+// A token is 128 random bits or more from the operating system's generator,
+// written as hex; it is the client's credential and is never logged. Each
+// session also has a public identifier (HttpSession::getId), which is what
+// logs and RedirectInfoMgr keys use. A session ends at logout or after
+// idleTimeout seconds without a request.
+//
+// Thread-safety: every member may be called from any thread.
+#ifndef NOX_HOST_SESSION_STORE_H_
+#define NOX_HOST_SESSION_STORE_H_
+
+#include <ctime>
+#include <memory>
+#include <string>
+
+#include "nox_visibility.h"
+#include "request_msg.h"
+#include "tlv_package.h"
+
+class HOST_API SessionStore {
+ public:
+  static SessionStore& instance();
+
+  // Creates a session for a logged-in user. Stores the new token in *token
+  // and returns the session.
+  std::shared_ptr<HttpSession> create(const CDeviceID& device, const UserContext& user,
+                                      const std::string& language, std::string* token);
+  // Looks the token up; on success refreshes the idle timer, fills the
+  // session side of `info` (session, device, user, language) and returns true.
+  // An unknown or expired token returns false and leaves `info` alone.
+  bool lookup(const std::string& token, CSessionInfo& info);
+  // Ends the session of `token`. Returns false when there was none.
+  bool remove(const std::string& token);
+  // Drops sessions idle for longer than the idle time-out; returns how many.
+  size_t expire();
+  size_t size() const;
+
+  void setIdleTimeout(int seconds);
+  int idleTimeout() const;
+  // For tests: the clock the store uses (null: the real one).
+  void setClock(time_t (*clock)());
+
+ private:
+  SessionStore();
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+#endif  // NOX_HOST_SESSION_STORE_H_
