@@ -1,0 +1,83 @@
+#include "error_table.h"
+
+#include <cstddef>
+
+namespace gw {
+
+namespace {
+
+struct CodeRow {
+  long long code;
+  int status;
+  const char* description;
+};
+
+// One row per code a client may see. Certificate and CRL verdicts
+// (0x60E01Dxx) not listed here still map to 422 by their range.
+constexpr CodeRow kCodes[] = {
+    {0x03000003, 400, "Invalid argument."},
+    {0x03000004, 404, "The object does not exist."},
+    {0x03000005, 400, "The backend does not know the command."},
+    {0x03000010, 401, "The user name or password is wrong."},
+    {0x03000011, 401, "A valid session is required. Log in first."},
+    {0x03000012, 403, "The user may not log in with this scope."},
+    {0x03000013, 429, "Too many failed logins. Try again later."},
+    {0x03000014, 401, "The verification code is missing, wrong or already used."},
+    {0x03000020, 500, "The backend could not store the data."},
+    {0x03000101, 503, "The backend is not available."},
+    {0x03000102, 504, "The backend did not answer in time."},
+    {0x03000103, 502, "The backend failed."},
+    {kErrRouteNotFound, 404, "No such path."},
+    {kErrMethodNotAllowed, 405, "The path does not take this method."},
+    {kErrBodyTooLarge, 413, "The request body is too large."},
+    {kErrInternal, 500, "Internal error."},
+    {0x60E01D01, 422, "The certificate is neither PEM nor DER."},
+    {0x60E01D02, 422, "The certificate is outside its validity dates."},
+    {0x60E01D03, 422, "The certificate is not a CA certificate."},
+    {0x60E01D04, 422, "The certificate's key is too weak."},
+    {0x60E01D0A, 422, "The certificate is not safe."},
+    {0x60E01D11, 422, "The CRL is neither PEM nor DER."},
+    {0x60E01D12, 422, "The CRL's issuer is not an imported CA."},
+    {0x60E01D13, 422, "The CRL's signature does not verify."},
+    {0x60E01D14, 422, "The CRL's next update is in the past."},
+    {2000000001, 413, "The file is larger than 1048576 bytes."},
+    {1000005, 500, "The file could not be written."},
+};
+
+const CodeRow* findRow(long long code) {
+  for (const CodeRow& row : kCodes) {
+    if (row.code == code) return &row;
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+int httpStatusForCode(long long code) {
+  if (const CodeRow* row = findRow(code)) return row->status;
+  if ((code & ~0xFFLL) == 0x60E01D00LL) return 422;
+  return 500;
+}
+
+std::string describeCode(long long code) {
+  if (const CodeRow* row = findRow(code)) return row->description;
+  if ((code & ~0xFFLL) == 0x60E01D00LL) return "The certificate or CRL was refused.";
+  return std::string();
+}
+
+Json::Value errorEnvelope(long long code, const std::string& description) {
+  Json::Value envelope(Json::objectValue);
+  envelope["data"] = Json::Value(Json::nullValue);
+  envelope["error"]["code"] = Json::Value(static_cast<Json::Int64>(code));
+  envelope["error"]["description"] = description;
+  return envelope;
+}
+
+std::string toCompactJson(const Json::Value& value) {
+  Json::StreamWriterBuilder builder;
+  builder["indentation"] = "";
+  builder["emitUTF8"] = true;
+  return Json::writeString(builder, value);
+}
+
+}  // namespace gw

@@ -1,0 +1,42 @@
+// How the gateway answers a failure: the HTTP status and the fixed English
+// description of an error code, and the error envelope every failure carries.
+//
+//   {"data": null, "error": {"code": 50331651, "description": "Invalid argument."}}
+//
+// Thread-safety: every function here is pure and may be called from any
+// thread.
+#ifndef NOX_GATEWAY_ERROR_TABLE_H_
+#define NOX_GATEWAY_ERROR_TABLE_H_
+
+#include <json/json.h>
+
+#include <string>
+
+namespace gw {
+
+// Codes the gateway itself answers with (the backend's and the plug-in's
+// codes are listed in docs/operations.md beside these).
+constexpr long long kErrRouteNotFound = 0x03000201;    // 404: no route for the path
+constexpr long long kErrMethodNotAllowed = 0x03000202;  // 405: the route does not take the method
+constexpr long long kErrBodyTooLarge = 0x03000203;     // 413: body over --max-body
+constexpr long long kErrInternal = 0x03000204;         // 500: an uncoded exception
+constexpr long long kErrBadRequest = 0x03000003;       // 400: unreadable body or arguments
+constexpr long long kErrSessionRequired = 0x03000011;  // 401: no valid session
+
+// The HTTP status for an error code. Codes the table does not know are
+// server-side failures: 500.
+//   httpStatusForCode(0x03000003) == 400, httpStatusForCode(0x60E01D02) == 422
+int httpStatusForCode(long long code);
+
+// The fixed description of a code, or "" when the table has none.
+std::string describeCode(long long code);
+
+// {"data": null, "error": {"code": code, "description": description}}.
+Json::Value errorEnvelope(long long code, const std::string& description);
+
+// Compact JSON text (no trailing line feed) of `value`.
+std::string toCompactJson(const Json::Value& value);
+
+}  // namespace gw
+
+#endif  // NOX_GATEWAY_ERROR_TABLE_H_

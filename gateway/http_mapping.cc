@@ -1,0 +1,368 @@
+#include "http_mapping.h"
+
+#include <strings.h>
+
+#include <cctype>
+#include <exception>
+#include <memory>
+
+#include "error_table.h"
+#include "qpn_exception.h"
+#include "reply_json.h"
+
+namespace gw {
+
+const char kSessionCookie[] = "NOX_SESSION";
+
+namespace {
+
+const char kJsonType[] = "application/json";
+
+int hexDigit(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+bool startsWithNoCase(const std::string& text, const char* prefix) {
+  return strncasecmp(text.c_str(), prefix, std::char_traits<char>::length(prefix)) == 0;
+}
+
+std::string trim(const std::string& text) {
+  size_t begin = 0;
+  size_t end = text.size();
+  while (begin < end && std::isspace(static_cast<unsigned char>(text[begin]))) ++begin;
+  while (end > begin && std::isspace(static_cast<unsigned char>(text[end - 1]))) --end;
+  return text.substr(begin, end - begin);
+}
+
+// The value of cookie `name` in a Cookie header ("a=1; NOX_SESSION=ab12").
+std::string cookieValue(const std::string& header, const std::string& name) {
+  size_t pos = 0;
+  while (pos <= header.size()) {
+    size_t end = header.find(';', pos);
+    if (end == std::string::npos) end = header.size();
+    const std::string pair = trim(header.substr(pos, end - pos));
+    const size_t eq = pair.find('=');
+    if (eq != std::string::npos && pair.compare(0, eq, name) == 0 && eq == name.size()) {
+      return pair.substr(eq + 1);
+    }
+    pos = end + 1;
+  }
+  return std::string();
+}
+
+bool isMethod(const std::string& method, const char* name) {
+  return strcasecmp(method.c_str(), name) == 0;
+}
+
+// True when the operation left nothing in the response.
+bool untouched(const CResponseMsg& response) {
+  return response.size() == 0 && response.getJsonBody().isNull() &&
+         response.getReplyTemplates().empty() &&
+         response.getContentKind() == CResponseMsg::kContentGeneric;
+}
+
+// The description of a coded exception: the fixed text of its code, else the
+// sentence the thrower gave in place of its source name, else a general text.
+std::string describeException(const QPNExceptionWithErrCode_& e) {
+  std::string text = describeCode(e.getErrCode());
+  if (!text.empty()) return text;
+  const std::string& given = e.getFile();
+  if (given.find(' ') != std::string::npos && !given.empty() && given.back() == '.') return given;
+  return "The request failed.";
+}
+
+HttpOutput jsonOutput(int status, const Json::Value& value) {
+  HttpOutput out;
+  out.status = status;
+  out.body = toCompactJson(value);
+  return out;
+}
+
+// Fills the body of `request` from the input. Returns 0, or the error code
+// that refuses the request (kErrBodyTooLarge, kErrBadRequest).
+long long fillBody(const HttpInput& in, size_t maxBody, CRequestMsg& request) {
+  CRequestMsgBody& body = request.getBody();
+  if (in.multipart) {
+    size_t fileBytes = 0;
+    Json::Value fields(Json::objectValue);
+    for (const FormPart& part : in.parts) {
+      if (!part.fileName.empty()) {
+        fileBytes += part.content.size();
+        if (fileBytes > maxBody) return kErrBodyTooLarge;
+        body.addUpload(part.fileName, part.content);
+      } else if (!part.name.empty()) {
+        fields[part.name] = part.content;
+      }
+    }
+    if (!fields.empty()) body.setJson(fields);
+    return 0;
+  }
+  if (in.body.empty()) return 0;
+  if (in.body.size() > maxBody) return kErrBodyTooLarge;
+  const std::string type = headerValue(in.headers, "Content-Type");
+  if (startsWithNoCase(type, "application/x-www-form-urlencoded")) {
+    Json::Value fields(Json::objectValue);
+    for (const auto& field : parseQuery(in.body)) fields[field.first] = field.second;
+    body.setJson(fields);
+    return 0;
+  }
+  // JSON when declared so, or when no type is declared at all; other types
+  // carry nothing the operations read.
+  if (!type.empty() && !startsWithNoCase(type, kJsonType)) return 0;
+  Json::CharReaderBuilder builder;
+  builder["collectComments"] = false;
+  std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+  Json::Value json;
+  std::string errors;
+  if (!reader->parse(in.body.data(), in.body.data() + in.body.size(), &json, &errors)) {
+    return kErrBadRequest;
+  }
+  body.setJson(json);
+  return 0;
+}
+
+void copyResponseHeaders(const HttpRequest& connection, HttpOutput& out) {
+  for (const auto& header : connection.responseHeaders()) {
+    if (strcasecmp(header.first.c_str(), "Content-Type") == 0) {
+      out.contentType = header.second;
+    } else {
+      out.headers.push_back(header);
+    }
+  }
+}
+
+}  // namespace
+
+std::string urlDecode(const std::string& text, bool plusIsSpace) {
+  std::string out;
+  out.reserve(text.size());
+  for (size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    if (c == '%' && i + 2 < text.size()) {
+      const int hi = hexDigit(text[i + 1]);
+      const int lo = hexDigit(text[i + 2]);
+      if (hi >= 0 && lo >= 0) {
+        out.push_back(static_cast<char>(hi * 16 + lo));
+        i += 2;
+        continue;
+      }
+    }
+    out.push_back(plusIsSpace && c == '+' ? ' ' : c);
+  }
+  return out;
+}
+
+std::vector<std::pair<std::string, std::string>> parseQuery(const std::string& query) {
+  std::vector<std::pair<std::string, std::string>> args;
+  size_t pos = 0;
+  while (pos <= query.size()) {
+    size_t end = query.find('&', pos);
+    if (end == std::string::npos) end = query.size();
+    if (end > pos) {
+      const std::string piece = query.substr(pos, end - pos);
+      const size_t eq = piece.find('=');
+      if (eq == std::string::npos) {
+        args.emplace_back(urlDecode(piece, true), std::string());
+      } else {
+        args.emplace_back(urlDecode(piece.substr(0, eq), true), urlDecode(piece.substr(eq + 1), true));
+      }
+    }
+    pos = end + 1;
+  }
+  return args;
+}
+
+std::string headerValue(const HeaderList& headers, const std::string& name) {
+  for (const auto& header : headers) {
+    if (strcasecmp(header.first.c_str(), name.c_str()) == 0) return header.second;
+  }
+  return std::string();
+}
+
+std::string sessionToken(const HttpInput& in) {
+  const std::string token = trim(headerValue(in.headers, "X-Auth-Token"));
+  if (!token.empty()) return token;
+  for (const auto& header : in.headers) {
+    if (strcasecmp(header.first.c_str(), "Cookie") != 0) continue;
+    const std::string value = cookieValue(header.second, kSessionCookie);
+    if (!value.empty()) return value;
+  }
+  return std::string();
+}
+
+std::string languageFromAcceptLanguage(const std::string& value) {
+  return startsWithNoCase(trim(value), "zh") ? "zh" : "en";
+}
+
+RouteMatch matchRoute(const CSpecifyProc& registry, const std::string& path) {
+  RouteMatch match;
+  std::string rest = path;
+  if (path.compare(0, 4, "/v1/") == 0) {
+    match.interfaceVersion = "v1";
+    rest = path.substr(3);
+  }
+  if (const CSpecifyProc::Route* route = registry.find(rest, match.interfaceVersion)) {
+    match.route = route;
+    return match;
+  }
+  // Routes registered with the flag false also serve the paths below them;
+  // the longest such route wins.
+  for (const CSpecifyProc::Route& route : registry.routes()) {
+    if (route.flag || route.interfaceVersion != match.interfaceVersion) continue;
+    if (rest.size() <= route.url.size() || rest.compare(0, route.url.size(), route.url) != 0 ||
+        rest[route.url.size()] != '/') {
+      continue;
+    }
+    if (match.route != nullptr && match.route->url.size() >= route.url.size()) continue;
+    match.route = &route;
+  }
+  if (match.route != nullptr) {
+    const std::string below = rest.substr(match.route->url.size() + 1);
+    size_t pos = 0;
+    while (pos <= below.size()) {
+      size_t end = below.find('/', pos);
+      if (end == std::string::npos) end = below.size();
+      if (end > pos) match.resIDs.push_back(urlDecode(below.substr(pos, end - pos), false));
+      pos = end + 1;
+    }
+  }
+  return match;
+}
+
+bool isPublicRoute(const std::string& url, const std::string& method) {
+  if (url != "/sessions" && url != "/login") return false;
+  return isMethod(method, CRequestUri::URI_ACT_GET) || isMethod(method, CRequestUri::URI_ACT_POST);
+}
+
+HttpOutput errorOutput(long long code, const std::string& description) {
+  return jsonOutput(httpStatusForCode(code), errorEnvelope(code, description));
+}
+
+HttpOutput renderResponse(const CRequestMsg& request, const CResponseMsg& response,
+                          const HttpRequest& connection) {
+  HttpOutput out;
+  out.contentType.clear();
+  copyResponseHeaders(connection, out);
+  const uint32_t kind = response.getContentKind();
+  if (kind == CResponseMsg::kContentJson || kind == CResponseMsg::kContentText) {
+    out.body = toCompactJson(response.getJsonBody());
+    if (out.contentType.empty()) {
+      out.contentType = kind == CResponseMsg::kContentText ? "text/plain; charset=utf-8" : kJsonType;
+    }
+    return out;
+  }
+  if (out.contentType.empty()) out.contentType = kJsonType;
+  if (!response.getJsonBody().isNull()) {
+    out.body = toCompactJson(response.getJsonBody());
+  } else {
+    out.body = toCompactJson(genericReply(request, response));
+  }
+  return out;
+}
+
+Dispatcher::Dispatcher(const CSpecifyProc& registry, SessionLookup lookup, DispatchOptions options)
+    : registry_(registry), lookup_(std::move(lookup)), options_(std::move(options)) {}
+
+HttpOutput Dispatcher::handle(const HttpInput& in) const {
+  try {
+    const size_t mark = in.target.find('?');
+    const std::string path = in.target.substr(0, mark);
+    const std::string query = mark == std::string::npos ? std::string() : in.target.substr(mark + 1);
+    const bool isGet = isMethod(in.method, "GET") || isMethod(in.method, "HEAD");
+    if (path == "/healthz" || path == "/openapi.json") {
+      if (!isGet) return errorOutput(kErrMethodNotAllowed, describeCode(kErrMethodNotAllowed));
+      if (path == "/healthz") {
+        Json::Value ok(Json::objectValue);
+        ok["status"] = "ok";
+        return jsonOutput(200, ok);
+      }
+      HttpOutput out;
+      out.body = options_.openApi;
+      return out;
+    }
+    const RouteMatch match = matchRoute(registry_, path);
+    if (match.route == nullptr) return errorOutput(kErrRouteNotFound, describeCode(kErrRouteNotFound));
+    return serveRoute(in, match, path, query);
+  } catch (const std::exception&) {
+    return errorOutput(kErrInternal, describeCode(kErrInternal));
+  } catch (...) {
+    return errorOutput(kErrInternal, describeCode(kErrInternal));
+  }
+}
+
+HttpOutput Dispatcher::serveRoute(const HttpInput& in, const RouteMatch& match,
+                                  const std::string& path, const std::string& query) const {
+  const CSpecifyProc::Route& route = *match.route;
+  HttpRequest connection(in.method, urlDecode(path, false), in.clientAddress);
+  for (const auto& header : in.headers) connection.addHeader(header.first, header.second);
+
+  CRequestMsg request;
+  request.setMethod(in.method);
+  request.setUrl(route.url);
+  request.setInterfaceVersion(match.interfaceVersion);
+  request.getResIDs() = match.resIDs;
+  for (const auto& arg : parseQuery(query)) {
+    // The first occurrence of a repeated argument counts.
+    if (request.args().count(arg.first) == 0) request.setArg(arg.first, arg.second);
+  }
+
+  CSessionInfo& info = request.getSessionInfo();
+  info.setHttpConnection(&connection);
+  info.setLanguage(languageFromAcceptLanguage(headerValue(in.headers, "Accept-Language")));
+  info.getUserContext().clientAddress_ = in.clientAddress;
+  const std::string token = sessionToken(in);
+  const bool haveSession = !token.empty() && lookup_ && lookup_(token, info);
+  if (!haveSession && !isPublicRoute(route.url, in.method)) {
+    return errorOutput(kErrSessionRequired, describeCode(kErrSessionRequired));
+  }
+  // The session (or Accept-Language) gives the language unless the request
+  // names one.
+  const std::string language = request.getArg("LANGUAGE");
+  if (!language.empty()) info.setLanguage(language == "zh" ? "zh" : "en");
+
+  const long long bodyError = fillBody(in, options_.maxBody, request);
+  if (bodyError != 0) {
+    HttpOutput out = errorOutput(bodyError, bodyError == kErrBadRequest
+                                                ? "The request body is not valid JSON."
+                                                : describeCode(bodyError));
+    out.user = info.getUserContext().userName_;
+    return out;
+  }
+
+  CResponseMsg response;
+  HttpOutput out;
+  try {
+    SpecifyOpPrivData privData;
+    const std::string resource = connection.path();
+    if (!route.op->isSupport(in.method, resource, privData)) {
+      out = errorOutput(kErrMethodNotAllowed, describeCode(kErrMethodNotAllowed));
+    } else {
+      const int result = route.op->op(in.method, resource, request, response);
+      if (result == -1 && untouched(response)) {
+        out = errorOutput(kErrMethodNotAllowed, describeCode(kErrMethodNotAllowed));
+      } else if (result != 0 && result != -1) {
+        out = errorOutput(result, describeCode(result).empty() ? "The request failed."
+                                                               : describeCode(result));
+        copyResponseHeaders(connection, out);
+        out.contentType = kJsonType;
+      } else {
+        out = renderResponse(request, response, connection);
+      }
+    }
+  } catch (const QPNExceptionWithErrCode_& e) {
+    out = errorOutput(e.getErrCode(), describeException(e));
+    copyResponseHeaders(connection, out);
+    out.contentType = kJsonType;
+  } catch (const std::exception&) {
+    out = errorOutput(kErrInternal, describeCode(kErrInternal));
+  } catch (...) {
+    out = errorOutput(kErrInternal, describeCode(kErrInternal));
+  }
+  out.user = info.getUserContext().userName_;
+  return out;
+}
+
+}  // namespace gw

@@ -1,0 +1,139 @@
+// The mapping between HTTP and the host framework: from one HTTP request to
+// the host's CRequestMsg, through the registered operation, to the HTTP
+// answer. Nothing here touches a socket, so the whole mapping can be driven by
+// unit tests and fuzzers with plain values.
+//
+//   Dispatcher dispatcher(registry, lookup, options);
+//   HttpInput in;
+//   in.method = "GET";
+//   in.target = "/kestrel_task/T-0001?LANGUAGE=zh";
+//   in.headers = {{"X-Auth-Token", token}};
+//   HttpOutput out = dispatcher.handle(in);   // out.status == 200, out.body == "{...}"
+//
+// Thread-safety: a Dispatcher is immutable after construction; handle() may
+// run on any number of threads at once (the operations lock what they share).
+#ifndef NOX_GATEWAY_HTTP_MAPPING_H_
+#define NOX_GATEWAY_HTTP_MAPPING_H_
+
+#include <json/json.h>
+
+#include <cstddef>
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "request_msg.h"
+#include "specify_op.h"
+
+namespace gw {
+
+using HeaderList = std::vector<std::pair<std::string, std::string>>;
+
+// One part of a multipart/form-data body: a file when fileName is not empty,
+// else a form field.
+struct FormPart {
+  std::string name;
+  std::string fileName;
+  std::string contentType;
+  std::string content;
+};
+
+struct HttpInput {
+  std::string method;         // as sent ("GET", "post", ...)
+  std::string target;         // path and query as sent, percent-encoded
+  HeaderList headers;         // names compare case-insensitively
+  std::string body;           // the raw body (not used when multipart)
+  bool multipart = false;     // the body arrived as multipart/form-data
+  std::vector<FormPart> parts;  // its parts, in order
+  std::string clientAddress;
+};
+
+struct HttpOutput {
+  int status = 200;
+  std::string contentType = "application/json";
+  HeaderList headers;  // further headers of the answer (never Content-Type)
+  std::string body;
+  std::string user;    // the session's user, for the access log ("" without one)
+};
+
+// Finds a session by its token. On success fills the session side of `info`
+// and returns true; returns false for an unknown or expired token.
+using SessionLookup = std::function<bool(const std::string& token, CSessionInfo& info)>;
+
+struct DispatchOptions {
+  size_t maxBody = 2 * 1024 * 1024;  // bytes of JSON body or of all file parts together
+  std::string openApi;               // the text served at GET /openapi.json
+};
+
+// The name of the session cookie.
+extern const char kSessionCookie[];  // "NOX_SESSION"
+
+// Percent-decoding. `plusIsSpace` also turns '+' into a blank (query texts).
+// Malformed escapes are kept as they are.
+//   urlDecode("a%2Fb+c", true) == "a/b c", urlDecode("%zz", false) == "%zz"
+std::string urlDecode(const std::string& text, bool plusIsSpace);
+
+// Splits "a=1&b=x%20y&c" into {("a","1"), ("b","x y"), ("c","")}, decoding
+// names and values; empty pieces are skipped.
+std::vector<std::pair<std::string, std::string>> parseQuery(const std::string& query);
+
+// The value of header `name` (case-insensitive), or "".
+std::string headerValue(const HeaderList& headers, const std::string& name);
+
+// The session token of a request: the X-Auth-Token header, else the
+// NOX_SESSION cookie, else "".
+std::string sessionToken(const HttpInput& in);
+
+// The language from an Accept-Language value: "zh" when the first choice
+// starts with "zh" (any case), else "en".
+std::string languageFromAcceptLanguage(const std::string& value);
+
+// Where a path leads.
+struct RouteMatch {
+  const CSpecifyProc::Route* route = nullptr;  // null: no route
+  std::string interfaceVersion;                // "" or "v1"
+  std::vector<std::string> resIDs;             // decoded identifiers below the route
+};
+
+// Matches `path` (percent-encoded, without query) against the registry:
+// "/URL" on the default interface, "/v1/URL" on "v1"; a route registered with
+// the flag false also takes "/URL/<id>[/<id>...]", each further non-empty
+// segment becoming a decoded resource identifier.
+RouteMatch matchRoute(const CSpecifyProc& registry, const std::string& path);
+
+// Whether a route takes requests without a session: logging in and the
+// challenge (GET and POST on "/sessions" and "/login").
+bool isPublicRoute(const std::string& url, const std::string& method);
+
+class Dispatcher {
+ public:
+  Dispatcher(const CSpecifyProc& registry, SessionLookup lookup, DispatchOptions options);
+
+  // Serves one request: built-in paths (/healthz, /openapi.json), then the
+  // registry. Never throws; every failure becomes an answer with the error
+  // envelope.
+  HttpOutput handle(const HttpInput& in) const;
+
+ private:
+  HttpOutput serveRoute(const HttpInput& in, const RouteMatch& match, const std::string& path,
+                        const std::string& query) const;
+
+  const CSpecifyProc& registry_;
+  SessionLookup lookup_;
+  DispatchOptions options_;
+};
+
+// An error answer: the status for `code` and the envelope.
+HttpOutput errorOutput(long long code, const std::string& description);
+
+// Renders what an operation left: the JSON body as it stands for content
+// kinds 1 and 3 (kind 3 with the Content-Type the operation set), else the
+// JSON body when there is one, else the generic conversion of the reply.
+// `connection` supplies the headers the operation set.
+HttpOutput renderResponse(const CRequestMsg& request, const CResponseMsg& response,
+                          const HttpRequest& connection);
+
+}  // namespace gw
+
+#endif  // NOX_GATEWAY_HTTP_MAPPING_H_

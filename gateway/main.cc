@@ -1,0 +1,236 @@
+// nox-gateway: the reference gateway. Loads the plug-in, installs the
+// simulated backend and serves the registered routes over HTTP(S) until
+// SIGINT or SIGTERM. docs/operations.md describes options, files and logs.
+#include <limits.h>
+#include <pthread.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "access_log.h"
+#include "http_mapping.h"
+#include "http_server.h"
+#include "options.h"
+#include "plugin_loader.h"
+#include "request_msg.h"
+#include "specify_op.h"
+#include "tls.h"
+#include "tlv_backend.h"
+#include "trace_sink.h"
+#ifdef NOX_HAVE_SESSION_STORE
+#include "session_store.h"
+#endif
+#ifdef NOX_HAVE_EXPOSE_VERIFY_CODE
+#include "login_op.h"
+#endif
+#ifdef NOX_HAVE_SIM_BACKEND
+#include "sim_backend.h"
+#endif
+
+extern const char kNoxOpenApiText[];  // docs/openapi.json, embedded by the build
+
+namespace {
+
+const char kVersion[] = "nox-gateway 1.0.0";
+
+void fail(const std::string& text) { fprintf(stderr, "nox-gateway: %s\n", text.c_str()); }
+
+std::string dirName(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  if (slash == std::string::npos) return ".";
+  if (slash == 0) return "/";
+  return path.substr(0, slash);
+}
+
+std::string currentDir() {
+  char buffer[PATH_MAX];
+  return getcwd(buffer, sizeof(buffer)) != nullptr ? std::string(buffer) : std::string(".");
+}
+
+// `path` made absolute against `base`; "" stays "".
+std::string absoluteFrom(const std::string& base, const std::string& path) {
+  if (path.empty() || path[0] == '/') return path;
+  return base + "/" + path;
+}
+
+// The folder of the running executable.
+std::string executableDir() {
+  char buffer[PATH_MAX];
+  const ssize_t n = readlink("/proc/self/exe", buffer, sizeof(buffer) - 1);
+  if (n <= 0) return currentDir();
+  buffer[n] = '\0';
+  return dirName(buffer);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  gw::GatewayOptions options;
+  std::string error;
+  if (!gw::parseOptions(std::vector<std::string>(argv + 1, argv + argc), &options, &error)) {
+    fail(error);
+    return 2;
+  }
+  if (options.help) {
+    fputs(gw::usageText().c_str(), stdout);
+    return 0;
+  }
+  if (options.version) {
+    puts(kVersion);
+    return 0;
+  }
+
+  // Paths given on the command line are relative to where the gateway was
+  // started; it works from <home>/bin afterwards.
+  const std::string startDir = currentDir();
+  const std::string home = options.home.empty() ? dirName(executableDir())
+                                                : absoluteFrom(startDir, options.home);
+  const std::string binDir = home + "/bin";
+  const std::string pluginPath = options.plugin.empty()
+                                     ? home + "/lib/libucore_nox.so"
+                                     : absoluteFrom(startDir, options.plugin);
+  const std::string dataDir =
+      options.dataDir.empty() ? home + "/data" : absoluteFrom(startDir, options.dataDir);
+
+  TraceLevel level = TraceLevel::kInfo;
+  if (!parseTraceLevel(options.logLevel, &level)) {
+    fail("--log-level wants trace, debug, info, warn, error or off, not '" + options.logLevel +
+         "'");
+    return 2;
+  }
+  setTraceLevel(level);
+  if (!options.log.empty()) {
+    const std::string logPath = absoluteFrom(startDir, options.log);
+    std::shared_ptr<StreamTraceSink> sink = StreamTraceSink::openFile(logPath);
+    if (!sink) {
+      fail("cannot open the log " + logPath + ": " + strerror(errno));
+      return 1;
+    }
+    setTraceSink(sink);
+  }
+  const std::string accessPath = absoluteFrom(startDir, options.accessLog);
+  std::unique_ptr<gw::AccessLog> accessLog = gw::AccessLog::open(accessPath);
+  if (!accessLog) {
+    fail("cannot open the access log " + accessPath + ": " + strerror(errno));
+    return 1;
+  }
+
+  std::string tlsCert = absoluteFrom(startDir, options.tlsCert);
+  std::string tlsKey = absoluteFrom(startDir, options.tlsKey);
+  if (chdir(binDir.c_str()) != 0) {
+    fail("cannot change to " + binDir + " (" + strerror(errno) +
+         "); --home must name the folder that holds bin/, lib/ and conf/");
+    return 1;
+  }
+
+  // Signals are taken by one thread with sigwait; every other thread,
+  // including cpp-httplib's workers, inherits the blocked mask.
+  signal(SIGPIPE, SIG_IGN);
+  sigset_t stopSignals;
+  sigemptyset(&stopSignals);
+  sigaddset(&stopSignals, SIGINT);
+  sigaddset(&stopSignals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+
+#ifdef NOX_HAVE_SIM_BACKEND
+  SimBackendOptions backendOptions;
+  backendOptions.dataDir = dataDir;
+  backendOptions.initPassword = options.initPassword;
+  std::shared_ptr<SimulatedBackend> backend = SimulatedBackend::open(backendOptions, &error);
+  if (!backend) {
+    fail("cannot open the backend's data folder " + dataDir + ": " + error);
+    return 1;
+  }
+  if (backend->firstStart() && !backend->demoPassword().empty()) {
+    printf("demo users admin (scope 0), auditor (scope 1), apiuser (scope 4); password: %s\n",
+           backend->demoPassword().c_str());
+    printf("(the password is printed only at first start; remove %s to start afresh)\n",
+           dataDir.c_str());
+    fflush(stdout);
+  }
+  installTlvBackend(backend);
+#else
+  fail("built without the simulated backend: every backend request answers 503");
+#endif
+
+  if (options.backendTimeout > 0) CRequestUri::setCfgTimeout(options.backendTimeout);
+#ifdef NOX_HAVE_SESSION_STORE
+  if (options.sessionIdle > 0) SessionStore::instance().setIdleTimeout(options.sessionIdle);
+  gw::SessionLookup lookup = [](const std::string& token, CSessionInfo& info) {
+    return SessionStore::instance().lookup(token, info);
+  };
+#else
+  fail("built without the session store: only the login routes answer");
+  gw::SessionLookup lookup = [](const std::string&, CSessionInfo&) { return false; };
+#endif
+#ifdef NOX_HAVE_EXPOSE_VERIFY_CODE
+  CLoginOpWithVerifyCode::setExposeCodeForTests(options.exposeVerifyCode);
+#else
+  if (options.exposeVerifyCode) fail("--expose-verify-code: not available in this build");
+#endif
+
+  std::unique_ptr<gw::PluginLibrary> plugin = gw::PluginLibrary::load(pluginPath, &error);
+  if (!plugin) {
+    fail(error);
+    return 1;
+  }
+  // The registry outlives the server: the workers use its operations until
+  // run() returns, then releaseAll() lets them go through release().
+  CSpecifyProc registry;
+  plugin->registerOperations(&registry);
+  if (registry.routes().empty()) fail("the plug-in " + pluginPath + " registered no route");
+
+  gw::ServerConfig config;
+  config.host = options.listenHost;
+  config.port = options.listenPort;
+  config.threads = options.threads;
+  config.maxBody = options.maxBody;
+  if (options.tlsSelfSigned) {
+    if (!gw::ensureSelfSignedPair(dataDir + "/tls", &tlsCert, &tlsKey, &error)) {
+      fail(error);
+      return 1;
+    }
+  }
+  config.tlsCert = tlsCert;
+  config.tlsKey = tlsKey;
+
+  gw::DispatchOptions dispatchOptions;
+  dispatchOptions.maxBody = options.maxBody;
+  dispatchOptions.openApi = kNoxOpenApiText;
+  gw::Dispatcher dispatcher(registry, lookup, dispatchOptions);
+  gw::HttpServer server(config, dispatcher, *accessLog);
+  if (!server.start(&error)) {
+    fail(error);
+    registry.releaseAll();
+    return 1;
+  }
+  printf("listening on %s:%d\n", config.host.c_str(), server.port());
+  fflush(stdout);
+
+  std::atomic<bool> finished(false);
+  std::thread signalThread([&] {
+    int signal = 0;
+    while (sigwait(&stopSignals, &signal) == 0) {
+      if (finished.load()) return;
+      server.stop();
+      return;
+    }
+  });
+  const bool served = server.run();
+  finished.store(true);
+  // Wakes the signal thread when the server ended on its own.
+  pthread_kill(signalThread.native_handle(), SIGTERM);
+  signalThread.join();
+
+  registry.releaseAll();
+  installTlvBackend(nullptr);
+  return served ? 0 : 1;
+}

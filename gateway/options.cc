@@ -1,0 +1,157 @@
+#include "options.h"
+
+#include <cerrno>
+#include <cstdlib>
+
+namespace gw {
+
+namespace {
+
+bool parseNumber(const std::string& text, long long low, long long high, long long* value) {
+  if (text.empty()) return false;
+  errno = 0;
+  char* end = nullptr;
+  const long long parsed = std::strtoll(text.c_str(), &end, 10);
+  if (errno != 0 || end == nullptr || *end != '\0' || parsed < low || parsed > high) return false;
+  *value = parsed;
+  return true;
+}
+
+}  // namespace
+
+bool parseHostPort(const std::string& text, std::string* host, int* port) {
+  size_t colon = text.rfind(':');
+  if (colon == std::string::npos || colon == 0) return false;
+  std::string h = text.substr(0, colon);
+  if (h.size() >= 2 && h.front() == '[' && h.back() == ']') h = h.substr(1, h.size() - 2);
+  long long p = 0;
+  if (h.empty() || !parseNumber(text.substr(colon + 1), 0, 65535, &p)) return false;
+  *host = h;
+  *port = static_cast<int>(p);
+  return true;
+}
+
+bool parseOptions(const std::vector<std::string>& args, GatewayOptions* options,
+                  std::string* error) {
+  for (size_t i = 0; i < args.size(); ++i) {
+    std::string name = args[i];
+    std::string value;
+    bool hasValue = false;
+    const size_t eq = name.find('=');
+    if (name.compare(0, 2, "--") == 0 && eq != std::string::npos) {
+      value = name.substr(eq + 1);
+      name = name.substr(0, eq);
+      hasValue = true;
+    }
+    // Switches without a value.
+    if (name == "--help" || name == "-h") {
+      options->help = true;
+      continue;
+    }
+    if (name == "--version") {
+      options->version = true;
+      continue;
+    }
+    if (name == "--tls-self-signed") {
+      options->tlsSelfSigned = true;
+      continue;
+    }
+    if (name == "--expose-verify-code") {
+      options->exposeVerifyCode = true;
+      continue;
+    }
+    if (!hasValue) {
+      if (i + 1 >= args.size()) {
+        *error = "option " + name + " needs a value (see --help)";
+        return false;
+      }
+      value = args[++i];
+    }
+    long long number = 0;
+    if (name == "--listen") {
+      if (!parseHostPort(value, &options->listenHost, &options->listenPort)) {
+        *error = "--listen wants HOST:PORT, e.g. 127.0.0.1:8080, not '" + value + "'";
+        return false;
+      }
+    } else if (name == "--plugin") {
+      options->plugin = value;
+    } else if (name == "--home") {
+      options->home = value;
+    } else if (name == "--data") {
+      options->dataDir = value;
+    } else if (name == "--init-password") {
+      options->initPassword = value;
+    } else if (name == "--log") {
+      options->log = value;
+    } else if (name == "--log-level") {
+      options->logLevel = value;
+    } else if (name == "--access-log") {
+      options->accessLog = value;
+    } else if (name == "--threads") {
+      if (!parseNumber(value, 1, 1024, &number)) {
+        *error = "--threads wants a number from 1 to 1024, not '" + value + "'";
+        return false;
+      }
+      options->threads = static_cast<int>(number);
+    } else if (name == "--max-body") {
+      if (!parseNumber(value, 1024, 1LL << 32, &number)) {
+        *error = "--max-body wants a number of bytes from 1024 to 4294967296, not '" + value + "'";
+        return false;
+      }
+      options->maxBody = static_cast<size_t>(number);
+    } else if (name == "--session-idle") {
+      if (!parseNumber(value, 1, 7 * 24 * 3600, &number)) {
+        *error = "--session-idle wants seconds from 1 to 604800, not '" + value + "'";
+        return false;
+      }
+      options->sessionIdle = static_cast<int>(number);
+    } else if (name == "--backend-timeout") {
+      if (!parseNumber(value, 1, 3600, &number)) {
+        *error = "--backend-timeout wants seconds from 1 to 3600, not '" + value + "'";
+        return false;
+      }
+      options->backendTimeout = static_cast<int>(number);
+    } else if (name == "--tls-cert") {
+      options->tlsCert = value;
+    } else if (name == "--tls-key") {
+      options->tlsKey = value;
+    } else {
+      *error = "unknown option " + name + " (see --help)";
+      return false;
+    }
+  }
+  if (options->tlsCert.empty() != options->tlsKey.empty()) {
+    *error = "--tls-cert and --tls-key go together";
+    return false;
+  }
+  if (options->tlsSelfSigned && !options->tlsCert.empty()) {
+    *error = "--tls-self-signed and --tls-cert exclude each other";
+    return false;
+  }
+  return true;
+}
+
+std::string usageText() {
+  return "usage: nox-gateway [options]\n"
+         "  --listen HOST:PORT      address to serve (default 127.0.0.1:8080; port 0 picks a free\n"
+         "                          port and prints 'listening on HOST:PORT')\n"
+         "  --plugin PATH           the plug-in (default <home>/lib/libucore_nox.so)\n"
+         "  --home DIR              installation folder holding bin/, lib/, conf/ (default: the\n"
+         "                          folder above the executable's bin/)\n"
+         "  --data DIR              the backend's data folder (default <home>/data)\n"
+         "  --init-password PW      demo users' password on first start (default: generated)\n"
+         "  --log FILE              trace log (default stderr)\n"
+         "  --log-level LEVEL       trace, debug, info, warn, error, off (default info)\n"
+         "  --access-log FILE       access log (default stderr)\n"
+         "  --threads N             worker threads (default 8)\n"
+         "  --max-body BYTES        largest JSON body or upload (default 2097152)\n"
+         "  --session-idle SECONDS  idle time after which a session ends\n"
+         "  --backend-timeout SECONDS  time-out of backend requests\n"
+         "  --tls-cert FILE --tls-key FILE   serve HTTPS with this certificate and key (PEM)\n"
+         "  --tls-self-signed       serve HTTPS with a key pair made in <data>/tls/ (trial runs)\n"
+         "  --expose-verify-code    put the verification code's text into the GET /login\n"
+         "                          challenge (tests only; off by default)\n"
+         "  --help, --version\n";
+}
+
+}  // namespace gw

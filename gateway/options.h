@@ -1,0 +1,51 @@
+// The gateway's command line.
+//
+//   nox-gateway --listen 127.0.0.1:0 --data /tmp/d --tls-self-signed
+//
+// Thread-safety: plain values; parsed once at start-up.
+#ifndef NOX_GATEWAY_OPTIONS_H_
+#define NOX_GATEWAY_OPTIONS_H_
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace gw {
+
+struct GatewayOptions {
+  std::string listenHost = "127.0.0.1";
+  int listenPort = 8080;           // 0: any free port
+  std::string plugin;              // "": <bin>/../lib/libucore_nox.so
+  std::string home;                // "": the folder above the executable's bin/
+  std::string dataDir;             // "": <home>/data
+  std::string initPassword;        // demo users' password on first start
+  std::string log;                 // trace log file; "": stderr
+  std::string logLevel = "info";
+  std::string accessLog;           // access log file; "": stderr
+  int threads = 8;
+  size_t maxBody = 2 * 1024 * 1024;
+  int sessionIdle = 0;             // seconds; 0: the session store's default
+  int backendTimeout = 0;          // seconds; 0: the host's default
+  std::string tlsCert;
+  std::string tlsKey;
+  bool tlsSelfSigned = false;
+  bool exposeVerifyCode = false;
+  bool help = false;
+  bool version = false;
+};
+
+// Parses argv[1..]. Returns true on success; on failure stores a one-line
+// message in *error. Options take their value as the next argument or after
+// '=' ("--threads 4", "--threads=4").
+bool parseOptions(const std::vector<std::string>& args, GatewayOptions* options,
+                  std::string* error);
+
+// The usage text printed by --help.
+std::string usageText();
+
+// Splits "HOST:PORT" ("[::1]:8443" for IPv6). Returns false when malformed.
+bool parseHostPort(const std::string& text, std::string* host, int* port);
+
+}  // namespace gw
+
+#endif  // NOX_GATEWAY_OPTIONS_H_
