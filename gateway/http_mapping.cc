@@ -64,14 +64,15 @@ bool untouched(const CResponseMsg& response) {
          response.getContentKind() == CResponseMsg::kContentGeneric;
 }
 
-// The description of a coded exception: the fixed text of its code, else the
-// sentence the thrower gave in place of its source name, else a general text.
+// The description of a coded exception: the sentence the thrower gave in
+// place of its source name ("The user scope is invalid."), else the fixed
+// text of its code, else a general text. Source names ("src/ucore/NOXLogin")
+// hold no blank and never reach the client.
 std::string describeException(const QPNExceptionWithErrCode_& e) {
-  std::string text = describeCode(e.getErrCode());
-  if (!text.empty()) return text;
   const std::string& given = e.getFile();
-  if (given.find(' ') != std::string::npos && !given.empty() && given.back() == '.') return given;
-  return "The request failed.";
+  if (given.find(' ') != std::string::npos && given.back() == '.') return given;
+  const std::string text = describeCode(e.getErrCode());
+  return text.empty() ? "The request failed." : text;
 }
 
 HttpOutput jsonOutput(int status, const Json::Value& value) {

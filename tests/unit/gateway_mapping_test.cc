@@ -1,0 +1,546 @@
+// The gateway's mapping between HTTP and the host framework, driven with
+// plain values through fake operations: routing, sessions, bodies, the
+// rendering of what an operation leaves, and every error answer.
+#include <gtest/gtest.h>
+#include <json/json.h>
+
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "backend_protocol.h"
+#include "error_table.h"
+#include "http_mapping.h"
+#include "reply_json.h"
+
+namespace {
+
+using gw::Dispatcher;
+using gw::HttpInput;
+using gw::HttpOutput;
+
+// What a fake operation saw of its last request.
+struct Seen {
+  int calls = 0;
+  std::string method;
+  std::string interfaceVersion;
+  std::vector<std::string> resIDs;
+  std::map<std::string, std::string> args;
+  Json::Value json;
+  std::vector<std::pair<std::string, std::string>> uploads;
+  std::string language;
+  std::string user;
+  std::string clientAddress;
+  std::string header;  // the request's "X-Test" header
+  uint32_t uploadMark = 0;
+};
+
+// An operation whose isSupport and op do what the test says.
+class FakeOp : public CSpecifyOp {
+ public:
+  using Body = std::function<int(CRequestMsg&, CResponseMsg&)>;
+  FakeOp(Seen* seen, Body body, std::function<bool(const std::string&)> support = nullptr)
+      : seen_(seen), body_(std::move(body)), support_(std::move(support)) {}
+
+  bool isSupport(const std::string& action, const std::string&,
+                 SpecifyOpPrivData& privData) override {
+    privData.uploadMark_ = 1;
+    seen_->uploadMark = privData.uploadMark_;
+    return support_ ? support_(action) : true;
+  }
+  int op(const std::string& action, const std::string&, CRequestMsg& request,
+         CResponseMsg& response) override {
+    ++seen_->calls;
+    seen_->method = action;
+    seen_->interfaceVersion = request.getInterfaceVersion();
+    seen_->resIDs = request.getResIDs();
+    seen_->args.clear();
+    for (const auto& arg : request.args()) seen_->args[arg.first] = arg.second.value_;
+    seen_->json = request.getBody().json();
+    std::vector<CRequestMsgBody::UploadFileAddr> files;
+    request.getBody().getUploadFileAddr(request.getSessionInfo(), files);
+    seen_->uploads.clear();
+    for (const auto& f : files) seen_->uploads.emplace_back(f.fileName_, std::string(f.content_, f.length_));
+    seen_->language = request.getSessionInfo().language();
+    seen_->user = request.getSessionInfo().getUserContext().userName_;
+    seen_->clientAddress = request.getSessionInfo().getUserContext().clientAddress_;
+    seen_->header = request.getSessionInfo().getHttpConnection()->getHeader("X-Test");
+    return body_ ? body_(request, response) : 0;
+  }
+
+ private:
+  Seen* seen_;
+  Body body_;
+  std::function<bool(const std::string&)> support_;
+};
+
+int writeEnvelope(CRequestMsg&, CResponseMsg& response) {
+  response.getJsonBody()["data"] = "x";
+  return 0;
+}
+
+class MappingTest : public ::testing::Test {
+ protected:
+  MappingTest() {
+    registry_.regReqProc("/sessions", new FakeOp(&seen_, writeEnvelope), true);
+    registry_.regReqProc("/login", new FakeOp(&seen_, writeEnvelope), true);
+    registry_.regReqProc("/kestrel_task", new FakeOp(&seen_, [this](CRequestMsg& q, CResponseMsg& r) {
+                           q.setMoType(proto::kTaskObjType);
+                           return task_(q, r);
+                         }, [](const std::string& m) { return m == "GET" || m == "get"; }),
+                         false);
+    registry_.regReqProc("/alarm/historyalarm/count", new FakeOp(&seen_, [](CRequestMsg& q, CResponseMsg& r) {
+                           r.getJsonBody()[q.getInterfaceVersion() == "v1" ? "count" : "COUNT"] = 7;
+                           r.setContentKind(CResponseMsg::kContentJson);
+                           return 0;
+                         }), true);
+    registry_.regReqProcV1("/alarm/historyalarm/count", new FakeOp(&seen_, [](CRequestMsg& q, CResponseMsg& r) {
+                             r.getJsonBody()[q.getInterfaceVersion() == "v1" ? "count" : "COUNT"] = 7;
+                             r.setContentKind(CResponseMsg::kContentJson);
+                             return 0;
+                           }), true);
+    registry_.regReqProc("/any", new FakeOp(&seen_, [this](CRequestMsg& q, CResponseMsg& r) {
+                           return any_(q, r);
+                         }), true);
+  }
+
+  HttpOutput run(const std::string& method, const std::string& target,
+                 gw::HeaderList headers = {}, const std::string& body = "") {
+    HttpInput in;
+    in.method = method;
+    in.target = target;
+    in.headers = std::move(headers);
+    in.body = body;
+    in.clientAddress = "127.0.0.1";
+    return dispatcher().handle(in);
+  }
+
+  Dispatcher dispatcher() {
+    gw::DispatchOptions options;
+    options.maxBody = 1024;
+    options.openApi = "{\"openapi\":\"3.0.3\"}";
+    return Dispatcher(registry_,
+                      [](const std::string& token, CSessionInfo& info) {
+                        if (token != "good") return false;
+                        info.getUserContext().userName_ = "apiuser";
+                        info.setLanguage("zh");
+                        return true;
+                      },
+                      options);
+  }
+
+  static Json::Value parse(const std::string& text) {
+    Json::Value value;
+    Json::CharReaderBuilder builder;
+    std::string errors;
+    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    EXPECT_TRUE(reader->parse(text.data(), text.data() + text.size(), &value, &errors)) << text;
+    return value;
+  }
+
+  static std::string header(const HttpOutput& out, const std::string& name) {
+    return gw::headerValue(out.headers, name);
+  }
+
+  Seen seen_;
+  CSpecifyProc registry_;
+  FakeOp::Body task_ = [](CRequestMsg&, CResponseMsg&) { return 0; };
+  FakeOp::Body any_ = [](CRequestMsg&, CResponseMsg&) { return 0; };
+  const gw::HeaderList auth_ = {{"X-Auth-Token", "good"}};
+};
+
+TEST(UrlDecodeTest, Table) {
+  struct Case {
+    const char* in;
+    bool plus;
+    const char* out;
+  } cases[] = {
+      {"a%2Fb", false, "a/b"},   // an encoded slash stays inside one segment
+      {"a+b", true, "a b"},      // '+' is a blank in queries
+      {"a+b", false, "a+b"},     // but not in paths
+      {"%zz", false, "%zz"},     // malformed escapes are kept
+      {"%4", false, "%4"},       // cut-off escape at the end
+      {"%E4%B8%AD", false, "\xE4\xB8\xAD"},
+      {"", false, ""},
+  };
+  for (const Case& c : cases) EXPECT_EQ(gw::urlDecode(c.in, c.plus), c.out) << c.in;
+}
+
+TEST(ParseQueryTest, DecodesAndSkipsEmptyPieces) {
+  const auto args = gw::parseQuery("a=1&&b=x%20y&c&d=e=f");
+  ASSERT_EQ(args.size(), 4u);
+  EXPECT_EQ(args[0], std::make_pair(std::string("a"), std::string("1")));
+  EXPECT_EQ(args[1], std::make_pair(std::string("b"), std::string("x y")));
+  EXPECT_EQ(args[2], std::make_pair(std::string("c"), std::string("")));
+  EXPECT_EQ(args[3], std::make_pair(std::string("d"), std::string("e=f")));
+}
+
+TEST(SessionTokenTest, HeaderBeforeCookie) {
+  HttpInput in;
+  in.headers = {{"Cookie", "a=1; NOX_SESSION=fromcookie"}};
+  EXPECT_EQ(gw::sessionToken(in), "fromcookie");
+  in.headers.push_back({"x-auth-token", "fromheader"});
+  EXPECT_EQ(gw::sessionToken(in), "fromheader");
+  in.headers = {{"Cookie", "NOX_SESSIONX=1; XNOX_SESSION=2"}};
+  EXPECT_EQ(gw::sessionToken(in), "");
+}
+
+TEST(LanguageTest, AcceptLanguage) {
+  EXPECT_EQ(gw::languageFromAcceptLanguage("zh-CN,zh;q=0.9"), "zh");
+  EXPECT_EQ(gw::languageFromAcceptLanguage("ZH"), "zh");
+  EXPECT_EQ(gw::languageFromAcceptLanguage("en-US,zh;q=0.5"), "en");
+  EXPECT_EQ(gw::languageFromAcceptLanguage(""), "en");
+}
+
+TEST_F(MappingTest, RouteMatchTable) {
+  struct Case {
+    const char* path;
+    const char* url;  // null: no route
+    const char* version;
+    std::vector<std::string> ids;
+  } cases[] = {
+      {"/sessions", "/sessions", "", {}},
+      {"/session", nullptr, "", {}},                 // only the plural is registered
+      {"/sessions/abc", nullptr, "", {}},            // flag true: no identifiers below
+      {"/v1/sessions", nullptr, "v1", {}},           // not registered on v1
+      {"/alarm/historyalarm/count", "/alarm/historyalarm/count", "", {}},
+      {"/v1/alarm/historyalarm/count", "/alarm/historyalarm/count", "v1", {}},
+      {"/kestrel_task", "/kestrel_task", "", {}},
+      {"/kestrel_task/", "/kestrel_task", "", {}},   // an empty segment is no identifier
+      {"/kestrel_task/count", "/kestrel_task", "", {"count"}},
+      {"/kestrel_task/T%2F1/x", "/kestrel_task", "", {"T/1", "x"}},
+      {"/kestrel_taskx", nullptr, "", {}},
+      {"/v1/kestrel_task", nullptr, "v1", {}},
+      {"/", nullptr, "", {}},
+      {"", nullptr, "", {}},
+  };
+  for (const Case& c : cases) {
+    const gw::RouteMatch match = gw::matchRoute(registry_, c.path);
+    if (c.url == nullptr) {
+      EXPECT_EQ(match.route, nullptr) << c.path;
+      continue;
+    }
+    ASSERT_NE(match.route, nullptr) << c.path;
+    EXPECT_EQ(match.route->url, c.url) << c.path;
+    EXPECT_EQ(match.interfaceVersion, c.version) << c.path;
+    EXPECT_EQ(match.resIDs, c.ids) << c.path;
+  }
+}
+
+// Answers that do not depend on the operations: status, content type, body.
+TEST_F(MappingTest, FixedAnswers) {
+  struct Case {
+    const char* method;
+    const char* target;
+    bool auth;
+    int status;
+    const char* body;
+  } cases[] = {
+      {"GET", "/healthz", false, 200, "{\"status\":\"ok\"}"},
+      {"HEAD", "/healthz", false, 200, "{\"status\":\"ok\"}"},
+      {"POST", "/healthz", false, 405,
+       "{\"data\":null,\"error\":{\"code\":50332162,\"description\":\"The path does not take this method.\"}}"},
+      {"GET", "/openapi.json", false, 200, "{\"openapi\":\"3.0.3\"}"},
+      {"GET", "/nothing", false, 404,
+       "{\"data\":null,\"error\":{\"code\":50332161,\"description\":\"No such path.\"}}"},
+      {"GET", "/nothing", true, 404,
+       "{\"data\":null,\"error\":{\"code\":50332161,\"description\":\"No such path.\"}}"},
+      {"GET", "/kestrel_task", false, 401,
+       "{\"data\":null,\"error\":{\"code\":50331665,\"description\":\"A valid session is required. Log in first.\"}}"},
+      {"DELETE", "/sessions", false, 401,
+       "{\"data\":null,\"error\":{\"code\":50331665,\"description\":\"A valid session is required. Log in first.\"}}"},
+      {"PUT", "/kestrel_task", true, 405,
+       "{\"data\":null,\"error\":{\"code\":50332162,\"description\":\"The path does not take this method.\"}}"},
+      {"GET", "/alarm/historyalarm/count", true, 200, "{\"COUNT\":7}"},
+      {"GET", "/v1/alarm/historyalarm/count", true, 200, "{\"count\":7}"},
+  };
+  for (const Case& c : cases) {
+    const HttpOutput out = run(c.method, c.target, c.auth ? auth_ : gw::HeaderList{});
+    EXPECT_EQ(out.status, c.status) << c.method << " " << c.target;
+    EXPECT_EQ(out.contentType, "application/json") << c.target;
+    EXPECT_EQ(out.body, c.body) << c.method << " " << c.target;
+  }
+}
+
+TEST_F(MappingTest, InvalidTokenIsRefusedAndOperationNotCalled) {
+  const HttpOutput out = run("GET", "/kestrel_task", {{"X-Auth-Token", "bad"}});
+  EXPECT_EQ(out.status, 401);
+  EXPECT_EQ(seen_.calls, 0);
+  EXPECT_EQ(run("GET", "/kestrel_task", {{"Cookie", "NOX_SESSION=good"}}).status, 200);
+}
+
+TEST_F(MappingTest, LoginRoutesNeedNoSession) {
+  for (const char* method : {"POST", "GET"}) {
+    for (const char* path : {"/sessions", "/login"}) {
+      EXPECT_EQ(run(method, path).status, 200) << method << " " << path;
+    }
+  }
+  EXPECT_EQ(seen_.calls, 4);
+  EXPECT_EQ(seen_.user, "");
+}
+
+TEST_F(MappingTest, RequestSideFilledFromHttp) {
+  run("GET", "/kestrel_task/T%201/b?start=0&limit=5&filter=%7B%22a%22%3A1%7D&start=9",
+      {{"X-Auth-Token", "good"}, {"X-Test", "seen"}});
+  EXPECT_EQ(seen_.calls, 1);
+  EXPECT_EQ(seen_.method, "GET");
+  EXPECT_EQ(seen_.resIDs, (std::vector<std::string>{"T 1", "b"}));
+  EXPECT_EQ(seen_.args["start"], "0");  // the first of a repeated argument
+  EXPECT_EQ(seen_.args["limit"], "5");
+  EXPECT_EQ(seen_.args["filter"], "{\"a\":1}");
+  EXPECT_EQ(seen_.user, "apiuser");
+  EXPECT_EQ(seen_.clientAddress, "127.0.0.1");
+  EXPECT_EQ(seen_.header, "seen");
+  EXPECT_EQ(seen_.uploadMark, 1u);
+}
+
+TEST_F(MappingTest, LanguageChoice) {
+  struct Case {
+    const char* query;
+    bool session;
+    const char* acceptLanguage;
+    const char* language;
+  } cases[] = {
+      {"", false, "zh-CN", "zh"},           // Accept-Language without a session
+      {"", false, "de", "en"},
+      {"", true, "en", "zh"},               // the session's language beats Accept-Language
+      {"?LANGUAGE=en", true, "zh", "en"},   // the argument beats both
+      {"?LANGUAGE=zh", false, "en", "zh"},
+      {"?LANGUAGE=ZH", false, "zh", "en"},  // only the exact "zh" is Chinese
+      {"?LANGUAGE=", true, "en", "zh"},     // empty: as if absent
+  };
+  for (const Case& c : cases) {
+    gw::HeaderList headers = {{"Accept-Language", c.acceptLanguage}};
+    if (c.session) headers.push_back({"X-Auth-Token", "good"});
+    run("POST", std::string("/sessions") + c.query, headers);
+    EXPECT_EQ(seen_.language, c.language) << c.query << " " << c.acceptLanguage;
+  }
+}
+
+TEST_F(MappingTest, JsonBodyBecomesMembers) {
+  run("POST", "/sessions", {{"Content-Type", "application/json"}},
+      "{\"username\":\"apiuser\",\"scope\":\"4\"}");
+  EXPECT_EQ(seen_.json["username"].asString(), "apiuser");
+  EXPECT_EQ(seen_.json["scope"].asString(), "4");
+  run("POST", "/sessions", {}, "{\"username\":\"u2\"}");  // no type: read as JSON
+  EXPECT_EQ(seen_.json["username"].asString(), "u2");
+  run("POST", "/sessions", {{"Content-Type", "application/x-www-form-urlencoded"}},
+      "username=u3&password=a%26b");
+  EXPECT_EQ(seen_.json["password"].asString(), "a&b");
+}
+
+TEST_F(MappingTest, BrokenJsonIs400AndNoOperationRuns) {
+  const HttpOutput out = run("POST", "/sessions", {{"Content-Type", "application/json"}}, "{\"a\":");
+  EXPECT_EQ(out.status, 400);
+  EXPECT_EQ(out.body,
+            "{\"data\":null,\"error\":{\"code\":50331651,\"description\":\"The request body is not valid JSON.\"}}");
+  EXPECT_EQ(seen_.calls, 0);
+}
+
+TEST_F(MappingTest, BodyOverTheLimitIs413BeforeAnyOperation) {
+  const HttpOutput out = run("POST", "/sessions", {}, std::string(1025, ' '));
+  EXPECT_EQ(out.status, 413);
+  EXPECT_EQ(parse(out.body)["error"]["code"].asInt64(), gw::kErrBodyTooLarge);
+  EXPECT_EQ(seen_.calls, 0);
+  EXPECT_EQ(run("POST", "/sessions", {}, "{}" + std::string(1022, ' ')).status, 200);  // exactly the limit
+}
+
+TEST_F(MappingTest, MultipartFilesInOrderAndFieldsAsMembers) {
+  HttpInput in;
+  in.method = "POST";
+  in.target = "/any";
+  in.headers = auth_;
+  in.multipart = true;
+  in.parts = {{"second", "b.pem", "application/octet-stream", "BBB"},
+              {"note", "", "", "hello"},
+              {"first", "a.crt", "", std::string("A\0A", 3)}};
+  EXPECT_EQ(dispatcher().handle(in).status, 200);
+  ASSERT_EQ(seen_.uploads.size(), 2u);
+  EXPECT_EQ(seen_.uploads[0], std::make_pair(std::string("b.pem"), std::string("BBB")));
+  EXPECT_EQ(seen_.uploads[1], std::make_pair(std::string("a.crt"), std::string("A\0A", 3)));
+  EXPECT_EQ(seen_.json["note"].asString(), "hello");
+
+  in.parts = {{"f", "big.pem", "", std::string(1025, 'x')}};
+  seen_.calls = 0;
+  EXPECT_EQ(dispatcher().handle(in).status, 413);
+  EXPECT_EQ(seen_.calls, 0);
+}
+
+// Coded exceptions and results: status and envelope by the gateway's table.
+TEST_F(MappingTest, CodedFailures) {
+  struct Case {
+    long long code;
+    bool thrown;
+    const char* file;
+    int status;
+    const char* description;
+  } cases[] = {
+      {0x03000003, true, "src/ucore/NOXImportCert", 400, "Invalid argument."},
+      {0x03000003, true, "The user scope is invalid.", 400, "The user scope is invalid."},
+      {0x03000010, true, "host/login", 401, "The user name or password is wrong."},
+      {0x03000013, true, "host/login", 429, "Too many failed logins. Try again later."},
+      {0x03000004, true, "x", 404, "The object does not exist."},
+      {0x60E01D02, true, "x", 422, "The certificate is outside its validity dates."},
+      {0x60E01D7F, true, "x", 422, "The certificate or CRL was refused."},
+      {2000000001, true, "x", 413, "The file is larger than 1048576 bytes."},
+      {1000005, true, "x", 500, "The file could not be written."},
+      {0x03000101, true, "x", 503, "The backend is not available."},
+      {0x03000102, true, "x", 504, "The backend did not answer in time."},
+      {0x03000101, false, "", 503, "The backend is not available."},  // returned, not thrown
+      {12345, false, "", 500, "The request failed."},
+  };
+  for (const Case& c : cases) {
+    any_ = [&c](CRequestMsg&, CResponseMsg&) -> int {
+      if (c.thrown) throw QPNExceptionWithErrCode_(c.code, c.file, 1, false, nullptr);
+      return static_cast<int>(c.code);
+    };
+    const HttpOutput out = run("GET", "/any", auth_);
+    EXPECT_EQ(out.status, c.status) << c.code;
+    const Json::Value body = parse(out.body);
+    EXPECT_TRUE(body["data"].isNull());
+    EXPECT_EQ(body["error"]["code"].asInt64(), c.code);
+    EXPECT_EQ(body["error"]["description"].asString(), c.description) << c.code;
+  }
+}
+
+TEST_F(MappingTest, OtherExceptionsAre500AndServingGoesOn) {
+  any_ = [](CRequestMsg&, CResponseMsg&) -> int { throw std::runtime_error("boom"); };
+  EXPECT_EQ(run("GET", "/any", auth_).status, 500);
+  any_ = [](CRequestMsg&, CResponseMsg&) -> int { throw 42; };
+  const HttpOutput out = run("GET", "/any", auth_);
+  EXPECT_EQ(out.status, 500);
+  EXPECT_EQ(out.body, "{\"data\":null,\"error\":{\"code\":50332164,\"description\":\"Internal error.\"}}");
+  any_ = [](CRequestMsg&, CResponseMsg&) -> int { throw QPNException("record don't exist, index is 0"); };
+  EXPECT_EQ(run("GET", "/any", auth_).status, 500);
+  EXPECT_EQ(run("GET", "/healthz").status, 200);
+}
+
+TEST_F(MappingTest, MinusOneWithUntouchedResponseIs405) {
+  any_ = [](CRequestMsg&, CResponseMsg&) { return -1; };
+  EXPECT_EQ(run("PUT", "/any", auth_).status, 405);
+  // -1 after the operation wrote its answer renders the answer.
+  any_ = [](CRequestMsg&, CResponseMsg& r) {
+    r.getJsonBody()["data"] = 1;
+    return -1;
+  };
+  EXPECT_EQ(run("GET", "/any", auth_).status, 200);
+}
+
+TEST_F(MappingTest, TextContentKindKeepsTheOperationsTypeAndHeaders) {
+  any_ = [](CRequestMsg& q, CResponseMsg& r) {
+    r.getJsonBody()["data"]["CERT"] = "certPath";
+    r.getJsonBody()["error"]["code"] = 0;
+    r.getJsonBody()["error"]["description"] = "0";
+    r.setContentKind(CResponseMsg::kContentText);
+    q.getSessionInfo().getHttpConnection()->setResponseHeader("Content-Type",
+                                                               "text/plain; charset=utf-8");
+    q.getSessionInfo().getHttpConnection()->setResponseHeader("X-Auth-Token", "t");
+    return 0;
+  };
+  const HttpOutput out = run("POST", "/any", auth_);
+  EXPECT_EQ(out.status, 200);
+  EXPECT_EQ(out.contentType, "text/plain; charset=utf-8");
+  EXPECT_EQ(out.body, "{\"data\":{\"CERT\":\"certPath\"},\"error\":{\"code\":0,\"description\":\"0\"}}");
+  EXPECT_EQ(header(out, "X-Auth-Token"), "t");
+  EXPECT_EQ(header(out, "Content-Type"), "");
+}
+
+void addTask(CResponseMsg& r, const char* id, uint32_t status) {
+  CR3MRecordV3& rec = r.addRecord(proto::moCommand(proto::kTaskObjType, proto::kMoList), proto::kWord);
+  rec[proto::kTagTaskId].setString(proto::kTagTaskId, id);
+  rec[proto::kTagTaskStatus].setUInt32(proto::kTagTaskStatus, status);
+  rec[proto::kTagTaskStartTime].setUInt64(proto::kTagTaskStartTime, 1700000000000ULL);
+  rec[proto::kTagTaskDetail].setString(proto::kTagTaskDetail, "");
+  const std::string info = "{\"code\":\"7\",\"description\":\"disk full\"}";
+  rec[proto::kTagTaskErrorInfo].set_i(CTLVCell::TLV_JSON, proto::kTagTaskErrorInfo,
+                                      const_cast<char*>(info.data()), info.size());
+  rec[200].setInt32(200, -5);
+}
+
+TEST_F(MappingTest, GenericConversionOfTasks) {
+  task_ = [](CRequestMsg& q, CResponseMsg& r) {
+    if (q.getResIDs().empty()) {
+      addTask(r, "T-1", 1);
+      addTask(r, "T-2", 2);
+    } else if (q.getResIDs()[0] == "COUNT") {
+      r.addRecord(0, proto::kWord)[proto::kTagTotal].setUInt32(proto::kTagTotal, 23);
+    } else {
+      addTask(r, q.getResIDs()[0].c_str(), 3);
+      r.getReplyTemplates()["extra"] = "kept";
+    }
+    return 0;
+  };
+  const char* errorOk = "\"error\":{\"code\":0,\"description\":\"0\"}";
+  HttpOutput out = run("GET", "/kestrel_task", auth_);
+  EXPECT_EQ(out.status, 200);
+  EXPECT_EQ(out.body,
+            std::string("{\"data\":[") +
+                "{\"detail\":\"\",\"errorInfo\":{\"code\":\"7\",\"description\":\"disk full\"},"
+                "\"startTime\":1700000000000,\"status\":1,\"tag200\":-5,\"taskId\":\"T-1\"},"
+                "{\"detail\":\"\",\"errorInfo\":{\"code\":\"7\",\"description\":\"disk full\"},"
+                "\"startTime\":1700000000000,\"status\":2,\"tag200\":-5,\"taskId\":\"T-2\"}]," +
+                errorOk + "}");
+  out = run("GET", "/kestrel_task/COUNT", auth_);
+  EXPECT_EQ(out.body, std::string("{\"data\":{\"count\":23},") + errorOk + "}");
+  out = run("GET", "/kestrel_task/T-9", auth_);
+  const Json::Value one = parse(out.body);
+  EXPECT_EQ(one["data"]["taskId"].asString(), "T-9");
+  EXPECT_EQ(one["data"]["status"].asInt(), 3);
+  EXPECT_EQ(one["extra"].asString(), "kept");  // reply templates join the answer
+}
+
+TEST_F(MappingTest, GenericConversionOfTheStorageConfiguration) {
+  any_ = [](CRequestMsg&, CResponseMsg& r) {
+    r.setCommandId(proto::moCommand(0x62, 0xDE));
+    CR3MRecordV3& rec = r.addRecord(proto::moCommand(0x62, 0xDE), proto::kWord);
+    rec[proto::kTagResultCode].setString(proto::kTagResultCode, "");
+    rec[proto::kTagResultParams].setString(proto::kTagResultParams, "a#@#b");
+    rec[proto::kTagStorageType].setUInt32(proto::kTagStorageType, 1);
+    rec[proto::kTagStoragePath].setString(proto::kTagStoragePath, "/backup");
+    rec[proto::kTagStorageCapacity].setUInt64(proto::kTagStorageCapacity, 5000000000ULL);
+    return 0;
+  };
+  const HttpOutput out = run("GET", "/any", auth_);
+  EXPECT_EQ(out.body,
+            "{\"data\":{\"capacity\":5000000000,\"result\":\"\",\"resultParams\":\"a#@#b\","
+            "\"storagePath\":\"/backup\",\"storageType\":1},"
+            "\"error\":{\"code\":0,\"description\":\"0\"}}");
+}
+
+TEST(ReplyJsonTest, CellsByType) {
+  CTLVCell text;
+  text.setString(1, "abc");
+  EXPECT_EQ(gw::cellToJson(text), Json::Value("abc"));
+  CTLVCell none;
+  EXPECT_TRUE(gw::cellToJson(none).isNull());
+  CTLVCell bin;
+  unsigned char bytes[] = {0x00, 0xAB, 0x10};
+  bin.set_i(CTLVCell::TLV_BINARY, 2, bytes, sizeof(bytes));
+  EXPECT_EQ(gw::cellToJson(bin), Json::Value("00ab10"));
+  CTLVCell arr;
+  std::string json = "[1,2]";
+  arr.set_i(CTLVCell::TLV_JSON_ARRAY, 3, &json[0], json.size());
+  EXPECT_EQ(gw::cellToJson(arr).size(), 2u);
+  CTLVCell broken;
+  std::string notJson = "{oops";
+  broken.set_i(CTLVCell::TLV_JSON, 4, &notJson[0], notJson.size());
+  EXPECT_EQ(gw::cellToJson(broken), Json::Value("{oops"));  // kept as text
+  CTLVCell big;
+  big.setUInt64(5, 18446744073709551615ULL);
+  EXPECT_EQ(gw::cellToJson(big).asUInt64(), 18446744073709551615ULL);
+}
+
+TEST(ErrorTableTest, StatusTable) {
+  EXPECT_EQ(gw::httpStatusForCode(0x03000003), 400);
+  EXPECT_EQ(gw::httpStatusForCode(0x03000011), 401);
+  EXPECT_EQ(gw::httpStatusForCode(0x03000012), 403);
+  EXPECT_EQ(gw::httpStatusForCode(0x60E01D0A), 422);
+  EXPECT_EQ(gw::httpStatusForCode(0x60E01D12), 422);
+  EXPECT_EQ(gw::httpStatusForCode(0x03000103), 502);
+  EXPECT_EQ(gw::httpStatusForCode(-1), 500);
+  EXPECT_EQ(gw::toCompactJson(gw::errorEnvelope(7, "x")),
+            "{\"data\":null,\"error\":{\"code\":7,\"description\":\"x\"}}");
+}
+
+}  // namespace
