@@ -100,6 +100,9 @@ bool ensureSelfSignedPair(const std::string& dir, std::string* certFile, std::st
   *certFile = dir + "/gateway-selfsigned.crt";
   *keyFile = dir + "/gateway-selfsigned.key";
   if (fileExists(*certFile) && fileExists(*keyFile)) return true;
+  // The data folder itself may not exist yet (no backend made it).
+  const size_t slash = dir.rfind('/');
+  if (slash != std::string::npos && slash > 0) mkdir(dir.substr(0, slash).c_str(), 0700);
   if (mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) {
     *error = "cannot create " + dir;
     return false;

@@ -1,0 +1,174 @@
+#include "gateway_process.h"
+
+#include <fcntl.h>
+#include <ftw.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+#ifndef NOX_GATEWAY_BIN
+#error "NOX_GATEWAY_BIN must name the nox-gateway executable"
+#endif
+
+namespace {
+
+int removeEntry(const char* path, const struct stat*, int, struct FTW*) { return remove(path); }
+
+std::string readFile(const std::string& path) {
+  std::ifstream in(path);
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+// Waits up to `timeoutMs` for `pid` to exit. Returns true and its status
+// when it did.
+bool waitExit(pid_t pid, int timeoutMs, int* status) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+  while (std::chrono::steady_clock::now() < deadline) {
+    const pid_t done = waitpid(pid, status, WNOHANG);
+    if (done == pid) return true;
+    if (done < 0) return false;
+    usleep(20 * 1000);
+  }
+  return false;
+}
+
+}  // namespace
+
+GatewayProcess::GatewayProcess() {
+  char pattern[] = "/tmp/nox-e2e-XXXXXX";
+  if (mkdtemp(pattern) != nullptr) dataDir_ = pattern;
+  // A password of this run, not a constant.
+  password_ = "Pw-" + std::to_string(getpid()) + "-" +
+              std::to_string(std::chrono::steady_clock::now().time_since_epoch().count() % 1000003);
+}
+
+GatewayProcess::~GatewayProcess() {
+  stop();
+  if (!dataDir_.empty()) nftw(dataDir_.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS);
+}
+
+bool GatewayProcess::start(const std::vector<std::string>& extra) {
+  std::vector<std::string> args = {NOX_GATEWAY_BIN,
+                                   "--listen",
+                                   "127.0.0.1:0",
+                                   "--data",
+                                   dataDir_ + "/data",
+                                   "--init-password",
+                                   password_,
+                                   "--log",
+                                   dataDir_ + "/trace.log",
+                                   "--access-log",
+                                   dataDir_ + "/access.log",
+                                   "--threads",
+                                   "4"};
+  args.insert(args.end(), extra.begin(), extra.end());
+  int pipeFds[2];
+  if (pipe2(pipeFds, O_CLOEXEC) != 0) return false;
+  pid_ = fork();
+  if (pid_ < 0) return false;
+  if (pid_ == 0) {
+    dup2(pipeFds[1], STDOUT_FILENO);
+    dup2(pipeFds[1], STDERR_FILENO);
+    std::vector<char*> argv;
+    for (std::string& arg : args) argv.push_back(&arg[0]);
+    argv.push_back(nullptr);
+    execv(argv[0], argv.data());
+    _exit(127);
+  }
+  close(pipeFds[1]);
+  outFd_ = pipeFds[0];
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  const std::string marker = "listening on 127.0.0.1:";
+  while (std::chrono::steady_clock::now() < deadline) {
+    readOutput(100);
+    const size_t at = out_.find(marker);
+    if (at != std::string::npos && out_.find('\n', at) != std::string::npos) {
+      port_ = atoi(out_.c_str() + at + marker.size());
+      return port_ > 0;
+    }
+    int status = 0;
+    if (waitpid(pid_, &status, WNOHANG) == pid_) {
+      pid_ = -1;
+      readOutput(0);
+      return false;
+    }
+  }
+  return false;
+}
+
+int GatewayProcess::runToExit(const std::vector<std::string>& args) {
+  int pipeFds[2];
+  if (pipe2(pipeFds, O_CLOEXEC) != 0) return -1;
+  pid_ = fork();
+  if (pid_ < 0) return -1;
+  if (pid_ == 0) {
+    dup2(pipeFds[1], STDOUT_FILENO);
+    dup2(pipeFds[1], STDERR_FILENO);
+    std::vector<std::string> copy = args;
+    copy.insert(copy.begin(), NOX_GATEWAY_BIN);
+    std::vector<char*> argv;
+    for (std::string& arg : copy) argv.push_back(&arg[0]);
+    argv.push_back(nullptr);
+    execv(argv[0], argv.data());
+    _exit(127);
+  }
+  close(pipeFds[1]);
+  outFd_ = pipeFds[0];
+  int status = 0;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  while (std::chrono::steady_clock::now() < deadline) {
+    readOutput(50);
+    if (waitpid(pid_, &status, WNOHANG) == pid_) {
+      pid_ = -1;
+      readOutput(0);
+      return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+  }
+  stop();
+  return -1;
+}
+
+int GatewayProcess::stop() {
+  if (pid_ <= 0) return -1;
+  kill(pid_, SIGTERM);
+  int status = 0;
+  int result = -1;
+  if (waitExit(pid_, 60000, &status)) {
+    result = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  } else {
+    kill(pid_, SIGKILL);
+    waitpid(pid_, &status, 0);
+  }
+  pid_ = -1;
+  readOutput(0);
+  if (outFd_ >= 0) {
+    close(outFd_);
+    outFd_ = -1;
+  }
+  return result;
+}
+
+void GatewayProcess::readOutput(int timeoutMs) {
+  if (outFd_ < 0) return;
+  struct pollfd pfd = {outFd_, POLLIN, 0};
+  while (poll(&pfd, 1, timeoutMs) > 0) {
+    char buffer[4096];
+    const ssize_t n = read(outFd_, buffer, sizeof(buffer));
+    if (n <= 0) break;
+    out_.append(buffer, static_cast<size_t>(n));
+    timeoutMs = 0;
+  }
+}
+
+std::string GatewayProcess::output() const { return out_; }
+std::string GatewayProcess::accessLog() const { return readFile(dataDir_ + "/access.log"); }
+std::string GatewayProcess::traceLog() const { return readFile(dataDir_ + "/trace.log"); }

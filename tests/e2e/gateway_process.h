@@ -1,0 +1,57 @@
+// GatewayProcess: runs the real nox-gateway for one end-to-end test, on a
+// free loopback port with a fresh data folder, and stops it with SIGTERM.
+//
+//   GatewayProcess gateway;              // options as for nox-gateway
+//   ASSERT_TRUE(gateway.start({"--tls-self-signed"}));
+//   httplib::Client client("127.0.0.1", gateway.port());
+//   ...
+//   EXPECT_EQ(gateway.stop(), 0);        // the exit status; the destructor stops it too
+//
+// Thread-safety: one test thread.
+#ifndef NOX_TESTS_E2E_GATEWAY_PROCESS_H_
+#define NOX_TESTS_E2E_GATEWAY_PROCESS_H_
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+class GatewayProcess {
+ public:
+  GatewayProcess();
+  ~GatewayProcess();
+  GatewayProcess(const GatewayProcess&) = delete;
+  GatewayProcess& operator=(const GatewayProcess&) = delete;
+
+  // Starts the gateway with "--listen 127.0.0.1:0 --data <fresh folder>
+  // --init-password <password()> --log ... --access-log ..." and `extra`, and
+  // waits (at most 60 s) for its "listening on" line. Returns false when it
+  // exited or never said where it listens; output() then says why.
+  bool start(const std::vector<std::string>& extra = {});
+  // Runs the gateway with exactly `args` (no defaults) until it exits; returns
+  // its exit status (-1 when it did not exit within 60 s).
+  int runToExit(const std::vector<std::string>& args);
+  // SIGTERM, then waits. Returns the exit status, or -1 when the gateway was
+  // killed by a signal or had to be killed after 60 s.
+  int stop();
+
+  int port() const { return port_; }
+  const std::string& dataDir() const { return dataDir_; }
+  const std::string& password() const { return password_; }
+  // stdout and stderr so far.
+  std::string output() const;
+  std::string accessLog() const;
+  std::string traceLog() const;
+
+ private:
+  void readOutput(int timeoutMs);
+
+  pid_t pid_ = -1;
+  int outFd_ = -1;
+  int port_ = 0;
+  std::string dataDir_;
+  std::string password_;
+  std::string out_;
+};
+
+#endif  // NOX_TESTS_E2E_GATEWAY_PROCESS_H_
