@@ -3,6 +3,9 @@
 // each to the host's registry, which owns it from then on.
 #include "NOXLogin.h"
 #include "NOXLoginOpWithVerifyCode.h"
+#include "NOXHistoryAlarmOp.h"
+#include "NOXImportCert.h"
+#include "NOXImportCrlOp.h"
 #include "nox_visibility.h"
 #include "specify_op.h"
 
@@ -20,5 +23,12 @@ extern "C" NOX_EXPORT int NOXRegisterOperations(CSpecifyProc* proc) {
   //   10 "/kestrel_task" (flag false), 11 "/kestrel_dbbackup_storage_conf/get_dbbackup_storage_conf".
   proc->regReqProc("/sessions", new NOXLogin(), true);
   proc->regReqProc("/login", new NOXLoginOpWithVerifyCode(), true);
+  proc->regReqProc("/kestrel_hypervisor/import_cert", new NOXImportCertOp(), true);
+  proc->regReqProc("/kestrel_cert/import_cert", new NOXImportCertOp(), true);
+  proc->regReqProc("/kestrel_cert/import_crl", new NOXImportCrlOp(), true);
+  proc->regReqProc("/alarm/historyalarm", new NOXHistoryAlarmOp(), true);
+  proc->regReqProcV1("/alarm/historyalarm", new NOXHistoryAlarmOp(), true);
+  proc->regReqProc("/alarm/historyalarm/count", new NOXHistoryAlarmCountOp(), true);
+  proc->regReqProcV1("/alarm/historyalarm/count", new NOXHistoryAlarmCountOp(), true);
   return 0;
 }
