@@ -1,6 +1,8 @@
 // The plug-in's entry: the host calls NOXRegisterOperations once after
 // loading the library; it creates one operation object per route and hands
 // each to the host's registry, which owns it from then on.
+#include "NOXGetDBBakConfOp.h"
+#include "NOXTaskOp.h"
 #include "nox_visibility.h"
 #include "specify_op.h"
 
@@ -10,12 +12,15 @@ const char* IMPORT_CERT_MARK = "_IMPORT_CERT_MARK";
 // Registers the library's routes in this order (the registry's answers are
 // not looked at; every row gets its own object). Always returns 0.
 extern "C" NOX_EXPORT int NOXRegisterOperations(CSpecifyProc* proc) {
-  (void)proc;
   // Routes are added here, in order, as their operations are built:
   //   1 "/sessions", 2 "/login",
   //   3 "/kestrel_hypervisor/import_cert", 4 "/kestrel_cert/import_cert",
   //   5 "/kestrel_cert/import_crl",
   //   6-7 "/alarm/historyalarm" (default, v1), 8-9 "/alarm/historyalarm/count" (default, v1),
   //   10 "/kestrel_task" (flag false), 11 "/kestrel_dbbackup_storage_conf/get_dbbackup_storage_conf".
+  // The task route is the only one that also serves "/URL/<id>" (flag false).
+  proc->regReqProc("/kestrel_task", new NOXTaskOp(0xE012), false);
+  proc->regReqProc("/kestrel_dbbackup_storage_conf/get_dbbackup_storage_conf",
+                   new NOXGetDBBakConfOp(), true);
   return 0;
 }
