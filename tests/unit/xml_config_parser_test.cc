@@ -77,7 +77,8 @@ class CatalogTest : public ::testing::Test {
     enum_ = dir_.write("enum.xml", enumsFile(enums));
     parser_.init(xml_, enum_);
   }
-  // Renders one template under the identifier "1".
+  // Renders one template under the identifier "1", with a parser of its own
+  // (a second load into one parser would keep the first template).
   std::string renderTemplate(const std::string& tpl, const std::string& params) {
     std::string escaped;
     for (char c : tpl) {
@@ -86,8 +87,12 @@ class CatalogTest : public ::testing::Test {
       else if (c == '<') escaped += "&lt;";
       else escaped += c;
     }
-    load("<message id=\"1\" template=\"" + escaped + "\"/>\n", kLevelEnum);
-    return render(parser_, "1", params);
+    std::string xml = dir_.write("one.xml", messagesFile("<message id=\"1\" template=\"" +
+                                                         escaped + "\"/>\n"));
+    std::string enums = dir_.write("one_enum.xml", enumsFile(kLevelEnum));
+    CXmlConfigParser<MessageInfo> parser;
+    parser.init(xml, enums);
+    return render(parser, "1", params);
   }
 
   TempDir dir_;
