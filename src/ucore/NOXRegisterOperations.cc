@@ -6,6 +6,8 @@
 #include "NOXHistoryAlarmOp.h"
 #include "NOXImportCert.h"
 #include "NOXImportCrlOp.h"
+#include "NOXGetDBBakConfOp.h"
+#include "NOXTaskOp.h"
 #include "nox_visibility.h"
 #include "specify_op.h"
 
@@ -30,5 +32,9 @@ extern "C" NOX_EXPORT int NOXRegisterOperations(CSpecifyProc* proc) {
   proc->regReqProcV1("/alarm/historyalarm", new NOXHistoryAlarmOp(), true);
   proc->regReqProc("/alarm/historyalarm/count", new NOXHistoryAlarmCountOp(), true);
   proc->regReqProcV1("/alarm/historyalarm/count", new NOXHistoryAlarmCountOp(), true);
+  // The task route is the only one that also serves "/URL/<id>" (flag false).
+  proc->regReqProc("/kestrel_task", new NOXTaskOp(0xE012), false);
+  proc->regReqProc("/kestrel_dbbackup_storage_conf/get_dbbackup_storage_conf",
+                   new NOXGetDBBakConfOp(), true);
   return 0;
 }
