@@ -9,6 +9,9 @@
 
 #include <memory>
 #include <string>
+#include <vector>
+
+#include "gateway_process.h"
 
 inline Json::Value parseJson(const std::string& text) {
   Json::Value value;
@@ -33,5 +36,44 @@ inline void expectEnvelope(const httplib::Result& res, int status, long long cod
               !body["error"]["description"].asString().empty())
       << res->body;
 }
+
+// A test with its own running gateway: started before the test body with
+// --expose-verify-code, stopped after it, and the stop must end the process
+// with status 0.
+class LiveGatewayTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(gateway_.start({"--expose-verify-code"})) << gateway_.output();
+    client_ = std::make_unique<httplib::Client>("127.0.0.1", gateway_.port());
+    client_->set_read_timeout(60);
+  }
+  void TearDown() override {
+    client_.reset();
+    EXPECT_EQ(gateway_.stop(), 0) << gateway_.output();
+  }
+
+  // Logs in on "/sessions" and returns the token ("" on failure).
+  std::string login(const std::string& user = "apiuser", const std::string& scope = "4",
+                    const std::string& language = "en") {
+    Json::Value body;
+    body["username"] = user;
+    body["password"] = gateway_.password();
+    body["scope"] = scope;
+    body["language"] = language;
+    auto res = client_->Post("/sessions", Json::FastWriter().write(body), "application/json");
+    if (!res || res->status != 200) {
+      ADD_FAILURE() << "login failed: " << (res ? res->body : "no answer");
+      return "";
+    }
+    return parseJson(res->body)["data"]["token"].asString();
+  }
+
+  static httplib::Headers auth(const std::string& token) {
+    return httplib::Headers{{"X-Auth-Token", token}};
+  }
+
+  GatewayProcess gateway_;
+  std::unique_ptr<httplib::Client> client_;
+};
 
 #endif  // NOX_TESTS_E2E_E2E_SUPPORT_H_

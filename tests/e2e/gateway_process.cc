@@ -138,7 +138,7 @@ int GatewayProcess::runToExit(const std::vector<std::string>& args) {
 }
 
 int GatewayProcess::stop() {
-  if (pid_ <= 0) return -1;
+  if (pid_ <= 0) return exitStatus_;
   kill(pid_, SIGTERM);
   int status = 0;
   int result = -1;
@@ -149,6 +149,7 @@ int GatewayProcess::stop() {
     waitpid(pid_, &status, 0);
   }
   pid_ = -1;
+  exitStatus_ = result;
   readOutput(0);
   if (outFd_ >= 0) {
     close(outFd_);

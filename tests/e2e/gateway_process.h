@@ -32,7 +32,8 @@ class GatewayProcess {
   // its exit status (-1 when it did not exit within 60 s).
   int runToExit(const std::vector<std::string>& args);
   // SIGTERM, then waits. Returns the exit status, or -1 when the gateway was
-  // killed by a signal or had to be killed after 60 s.
+  // killed by a signal or had to be killed after 60 s. Once stopped, returns
+  // the same status again.
   int stop();
 
   int port() const { return port_; }
@@ -49,6 +50,7 @@ class GatewayProcess {
   pid_t pid_ = -1;
   int outFd_ = -1;
   int port_ = 0;
+  int exitStatus_ = -1;
   std::string dataDir_;
   std::string password_;
   std::string out_;
