@@ -134,6 +134,10 @@ int main(int argc, char** argv) {
   // Signals are taken by one thread with sigwait; every other thread,
   // including cpp-httplib's workers, inherits the blocked mask.
   signal(SIGPIPE, SIG_IGN);
+  // A shell without job control starts background commands with SIGINT
+  // ignored; the gateway still wants it.
+  signal(SIGINT, SIG_DFL);
+  signal(SIGTERM, SIG_DFL);
   sigset_t stopSignals;
   sigemptyset(&stopSignals);
   sigaddset(&stopSignals, SIGINT);
