@@ -22,10 +22,12 @@ std::unique_ptr<PluginLibrary> PluginLibrary::load(const std::string& path, std:
   dlerror();
   void* symbol = dlsym(handle, kEntryName);
   if (symbol == nullptr) {
-    const char* why = dlerror();
+    // dlerror's text lives only until the next dl* call: copy it first.
+    const char* reason = dlerror();
+    const std::string why = reason != nullptr ? reason : "";
     dlclose(handle);
     *error = "the plug-in " + path + " does not export " + kEntryName + " (" +
-             (why != nullptr ? why : "symbol not found") +
+             (why.empty() ? "symbol not found" : why) +
              ")\n  It is not a libucore_nox plug-in, or it was built without its entry: rebuild"
              " libucore_nox against this gateway's include/.";
     return nullptr;

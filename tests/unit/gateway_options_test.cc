@@ -1,0 +1,83 @@
+// The gateway's command line and access log line.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "access_log.h"
+#include "options.h"
+
+namespace {
+
+TEST(GatewayOptionsTest, Defaults) {
+  gw::GatewayOptions options;
+  std::string error;
+  ASSERT_TRUE(gw::parseOptions({}, &options, &error));
+  EXPECT_EQ(options.listenHost, "127.0.0.1");
+  EXPECT_EQ(options.listenPort, 8080);
+  EXPECT_EQ(options.threads, 8);
+  EXPECT_EQ(options.maxBody, 2u * 1024 * 1024);
+  EXPECT_FALSE(options.exposeVerifyCode);  // off unless asked for
+  EXPECT_FALSE(options.tlsSelfSigned);
+}
+
+TEST(GatewayOptionsTest, ValuesInBothSpellings) {
+  gw::GatewayOptions options;
+  std::string error;
+  ASSERT_TRUE(gw::parseOptions({"--listen", "0.0.0.0:0", "--threads=3", "--max-body", "4096",
+                                "--data", "d", "--init-password", "pw", "--expose-verify-code",
+                                "--tls-self-signed", "--session-idle", "60", "--log-level",
+                                "debug"},
+                               &options, &error))
+      << error;
+  EXPECT_EQ(options.listenHost, "0.0.0.0");
+  EXPECT_EQ(options.listenPort, 0);
+  EXPECT_EQ(options.threads, 3);
+  EXPECT_EQ(options.maxBody, 4096u);
+  EXPECT_EQ(options.dataDir, "d");
+  EXPECT_EQ(options.initPassword, "pw");
+  EXPECT_TRUE(options.exposeVerifyCode);
+  EXPECT_TRUE(options.tlsSelfSigned);
+  EXPECT_EQ(options.sessionIdle, 60);
+  EXPECT_EQ(options.logLevel, "debug");
+}
+
+TEST(GatewayOptionsTest, Refusals) {
+  const std::vector<std::vector<std::string>> bad = {
+      {"--threads", "0"},                       // below the range
+      {"--threads", "x"},                       // not a number
+      {"--listen", "8080"},                     // no host
+      {"--listen", "127.0.0.1:65536"},          // port out of range
+      {"--max-body", "10"},                     // below 1024
+      {"--tls-cert", "c.pem"},                  // key missing
+      {"--tls-self-signed", "--tls-cert", "c", "--tls-key", "k"},  // both kinds of TLS
+      {"--data"},                               // value missing
+      {"--what"},                               // unknown
+  };
+  for (const auto& args : bad) {
+    gw::GatewayOptions options;
+    std::string error;
+    EXPECT_FALSE(gw::parseOptions(args, &options, &error)) << args[0];
+    EXPECT_FALSE(error.empty());
+  }
+}
+
+TEST(GatewayOptionsTest, HostPort) {
+  std::string host;
+  int port = 0;
+  ASSERT_TRUE(gw::parseHostPort("[::1]:8443", &host, &port));
+  EXPECT_EQ(host, "::1");
+  EXPECT_EQ(port, 8443);
+  EXPECT_FALSE(gw::parseHostPort(":80", &host, &port));
+  EXPECT_FALSE(gw::parseHostPort("h:", &host, &port));
+}
+
+TEST(AccessLogTest, LineFormat) {
+  gw::AccessRecord record{"127.0.0.1", "GET", "/healthz", 200, 15, 0, ""};
+  EXPECT_EQ(gw::formatAccess(record), "127.0.0.1 GET /healthz 200 15 0ms -");
+  // A client cannot break the line or fake a field.
+  gw::AccessRecord odd{"127.0.0.1", "GET", "/a b\nforged 200", 404, 0, 12, "u ser"};
+  EXPECT_EQ(gw::formatAccess(odd), "127.0.0.1 GET /a_b_forged_200 404 0 12ms u_ser");
+}
+
+}  // namespace
