@@ -165,6 +165,9 @@ void HttpServer::install() {
           HttpOutput out = errorOutput(code, tooLarge ? describeCode(code)
                                                       : "The request body could not be read.");
           writeOutput(out, res);
+          // The rest of the body may still be on the wire: this connection
+          // cannot carry another request.
+          res.set_header("Connection", "close");
           return;
         }
         writeOutput(dispatcher.handle(in), res);
