@@ -324,6 +324,8 @@ TaskQuery parseTaskFilter(const std::string& text) {
   TaskQuery q;
   if (text.empty()) return q;
   Json::CharReaderBuilder builder;
+  builder["failIfExtra"] = true;
+  builder["rejectDupKeys"] = true;
   std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
   Json::Value root;
   std::string errors;
@@ -775,10 +777,16 @@ long long SimulatedBackend::Impl::tasks(const TlvCall& call, const CR3MRecordV3&
                                         CR3MPackageV3& reply) {
   const uint32_t operation = request.command() & 0xFFFF;
   if (operation == proto::kMoGetById) {
-    std::string id;
-    if (!readText(request, proto::kTagObjectId, &id)) {
-      id = std::to_string(requireInt(request, proto::kTagObjectId));
+    // The identifier is text; a numeric cell names the same task.
+    const CTLVCell* cell = request.find(proto::kTagObjectId);
+    bool numeric = cell != nullptr;
+    try {
+      if (cell != nullptr) cell->checkNumerical();
+    } catch (const QPNException&) {
+      numeric = false;
     }
+    const std::string id = numeric ? std::to_string(requireInt(request, proto::kTagObjectId))
+                                   : requireText(request, proto::kTagObjectId);
     SqliteStore::Lock lock(store, storeWait(call));
     if (!lock.held()) return kErrBackendTimeout;
     Statement row = store.statement(std::string(kTaskColumns) + " WHERE id = ?");
