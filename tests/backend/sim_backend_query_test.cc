@@ -1,6 +1,7 @@
 // Alarm, task and storage configuration queries, import events, and the
 // answers to unknown commands, bad cells and a failing store.
 #include <json/json.h>
+#include <sqlite3.h>
 
 #include <gtest/gtest.h>
 
@@ -449,6 +450,31 @@ TEST_F(QueryTest, StoreFailureIsReportedAndTraced) {
   EXPECT_TRUE(logged) << trace.dump();
   // Other commands still work.
   EXPECT_EQ(send(kTaskCount, nullptr), 0);
+}
+
+}  // namespace
+
+namespace {
+
+TEST_F(QueryTest, DatabaseHeldByAnotherProcessIsAStorageError) {
+  // A second connection takes the write lock and keeps it; a write of the
+  // backend gives up after its busy time-out instead of hanging.
+  sqlite3* other = nullptr;
+  ASSERT_EQ(sqlite3_open((dataDir() + "/nox.db").c_str(), &other), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(other, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr), SQLITE_OK);
+  CR3MPackageV3 request;
+  CR3MRecordV3& r = request.addRecord(proto::kImportEvent, proto::kWord);
+  r[1].setUInt32(1, 100);
+  r[3].setUInt32(3, 0);
+  CR3MPackageV3 reply;
+  CDeviceID device;
+  UserContext user;
+  TlvCall call{device, user, "", 1, CommunicationTarget::TARGET_BACKEND};
+  EXPECT_EQ(backend_->handle(call, request, reply), proto::kErrStorage);
+  sqlite3_exec(other, "ROLLBACK", nullptr, nullptr, nullptr);
+  sqlite3_close(other);
+  EXPECT_EQ(backend_->handle(call, request, reply), 0);
+  EXPECT_EQ(sql("SELECT COUNT(*) FROM import_events"), "1");
 }
 
 }  // namespace
