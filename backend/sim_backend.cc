@@ -341,12 +341,17 @@ TaskQuery parseTaskFilter(const std::string& text) {
     const Json::Value& v = root[key];
     std::string value;
     if (field->numeric) {
+      // Blanks around digits are forgiven: a JSON writer may have added a
+      // line feed when it turned a number into text.
+      std::string digits = v.isString() ? v.asString() : std::string();
+      const size_t first = digits.find_first_not_of(" \t\r\n");
+      const size_t last = digits.find_last_not_of(" \t\r\n");
+      digits = first == std::string::npos ? std::string() : digits.substr(first, last - first + 1);
       if (v.isIntegral()) {
         value = std::to_string(v.asLargestInt());
-      } else if (v.isString() && !v.asString().empty() &&
-                 v.asString().find_first_not_of("0123456789") == std::string::npos &&
-                 v.asString().size() < 10) {
-        value = v.asString();
+      } else if (!digits.empty() && digits.find_first_not_of("0123456789") == std::string::npos &&
+                 digits.size() < 10) {
+        value = digits;
       } else {
         throw BadRequest("filter value of " + key + " is not a number");
       }

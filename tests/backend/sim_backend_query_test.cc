@@ -224,6 +224,7 @@ TEST_F(QueryTest, TaskFilters) {
   } cases[] = {
       {R"({"status":5})", proto::kTagTaskStatus, "5"},
       {R"({"status":"5"})", proto::kTagTaskStatus, "5"},
+      {R"({"status":"5\n"})", proto::kTagTaskStatus, "5"},  // a number written as text
       {R"({"type":2,"status":3})", proto::kTagTaskType, "2"},
       {R"({"resource":"mail-01"})", proto::kTagTaskResource, "mail-01"},
       {R"({"id":"1001"})", proto::kTagTaskId, "1001"},
