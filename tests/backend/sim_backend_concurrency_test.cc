@@ -14,7 +14,7 @@ namespace {
 class ConcurrencyTest : public BackendTest {};
 
 TEST_F(ConcurrencyTest, EightThreadsMixingEveryCommand) {
-  const TestCert ca = makeCert(CertSpec());
+  const TestCert ca = makeCert(CertProfile());
   const std::string caPem = ca.pem();
   const std::string crl = makeCrl(ca, 86400, {1});
   ASSERT_EQ(importCert(caPem), 0);

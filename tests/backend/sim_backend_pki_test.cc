@@ -47,42 +47,42 @@ TEST_F(PkiTest, PathCommandsNeedTheImportTarget) {
 
 struct CertCase {
   const char* what;
-  CertSpec spec;
+  CertProfile profile;
   bool der;
   long long code;
 };
 
-CertSpec spec(void (*change)(CertSpec&)) {
-  CertSpec s;
+CertProfile profile(void (*change)(CertProfile&)) {
+  CertProfile s;
   change(s);
   return s;
 }
 
 TEST_F(PkiTest, CertificateVerdicts) {
   const CertCase cases[] = {
-      {"good RSA-2048 SHA-256 CA, PEM", CertSpec(), false, 0},
-      {"good RSA-2048 SHA-256 CA, DER", CertSpec(), true, 0},
-      {"good EC P-256 CA", spec([](CertSpec& s) { s.ecCurve = "P-256"; }), false, 0},
+      {"good RSA-2048 SHA-256 CA, PEM", CertProfile(), false, 0},
+      {"good RSA-2048 SHA-256 CA, DER", CertProfile(), true, 0},
+      {"good EC P-256 CA", profile([](CertProfile& s) { s.ecCurve = "P-256"; }), false, 0},
       {"good RSA-3072 SHA-384 CA",
-       spec([](CertSpec& s) { s.rsaBits = 3072; s.digest = "SHA384"; }), false, 0},
-      {"expired", spec([](CertSpec& s) { s.notBeforeOffset = -7200; s.notAfterOffset = -3600; }),
+       profile([](CertProfile& s) { s.rsaBits = 3072; s.digest = "SHA384"; }), false, 0},
+      {"expired", profile([](CertProfile& s) { s.notBeforeOffset = -7200; s.notAfterOffset = -3600; }),
        false, proto::kErrCertExpired},
-      {"not yet valid", spec([](CertSpec& s) { s.notBeforeOffset = 86400; }), false,
+      {"not yet valid", profile([](CertProfile& s) { s.notBeforeOffset = 86400; }), false,
        proto::kErrCertExpired},
-      {"not a CA", spec([](CertSpec& s) { s.ca = false; }), false, proto::kErrCertNotCa},
-      {"CA without keyCertSign", spec([](CertSpec& s) { s.keyCertSign = false; }), false,
+      {"not a CA", profile([](CertProfile& s) { s.ca = false; }), false, proto::kErrCertNotCa},
+      {"CA without keyCertSign", profile([](CertProfile& s) { s.keyCertSign = false; }), false,
        proto::kErrCertNotCa},
-      {"RSA-1024", spec([](CertSpec& s) { s.rsaBits = 1024; }), false, proto::kErrCertWeakKey},
-      {"EC P-224", spec([](CertSpec& s) { s.ecCurve = "P-224"; }), false,
+      {"RSA-1024", profile([](CertProfile& s) { s.rsaBits = 1024; }), false, proto::kErrCertWeakKey},
+      {"EC P-224", profile([](CertProfile& s) { s.ecCurve = "P-224"; }), false,
        proto::kErrCertWeakKey},
-      {"SHA-1 signed", spec([](CertSpec& s) { s.digest = "SHA1"; }), false,
+      {"SHA-1 signed", profile([](CertProfile& s) { s.digest = "SHA1"; }), false,
        proto::kErrCertNotSafe},
-      {"MD5 signed", spec([](CertSpec& s) { s.digest = "MD5"; }), false, proto::kErrCertNotSafe},
-      {"SHA-1 signed, DER", spec([](CertSpec& s) { s.digest = "SHA1"; }), true,
+      {"MD5 signed", profile([](CertProfile& s) { s.digest = "MD5"; }), false, proto::kErrCertNotSafe},
+      {"SHA-1 signed, DER", profile([](CertProfile& s) { s.digest = "SHA1"; }), true,
        proto::kErrCertNotSafe},
   };
   for (const CertCase& c : cases) {
-    const TestCert cert = makeCert(c.spec);
+    const TestCert cert = makeCert(c.profile);
     EXPECT_EQ(importCert(c.der ? cert.der() : cert.pem()), c.code) << c.what;
   }
 }
@@ -91,7 +91,7 @@ TEST_F(PkiTest, NotSafeVerdictHasItsOwnCode) {
   // The plug-in records the "not safe" verdict differently from every other
   // refusal, so it must come back as exactly this code.
   EXPECT_EQ(proto::kErrCertNotSafe, 0x60E01D0A);
-  EXPECT_EQ(importCert(makeCert(spec([](CertSpec& s) { s.digest = "SHA1"; })).pem()),
+  EXPECT_EQ(importCert(makeCert(profile([](CertProfile& s) { s.digest = "SHA1"; })).pem()),
             0x60E01D0A);
 }
 
@@ -104,9 +104,9 @@ TEST_F(PkiTest, UnreadableCertificates) {
       {"empty file", ""},
       {"text", "hello, this is not a certificate\n"},
       {"PEM armour around garbage", "-----BEGIN CERTIFICATE-----\nAAAA\n-----END CERTIFICATE-----\n"},
-      {"a CRL instead of a certificate", makeCrl(makeCert(CertSpec()), 86400, {})},
-      {"DER with trailing bytes", makeCert(CertSpec()).der() + "xx"},
-      {"truncated DER", makeCert(CertSpec()).der().substr(0, 200)},
+      {"a CRL instead of a certificate", makeCrl(makeCert(CertProfile()), 86400, {})},
+      {"DER with trailing bytes", makeCert(CertProfile()).der() + "xx"},
+      {"truncated DER", makeCert(CertProfile()).der().substr(0, 200)},
   };
   for (const auto& c : cases) {
     EXPECT_EQ(importCert(c.bytes), proto::kErrCertUnreadable) << c.what;
@@ -114,7 +114,7 @@ TEST_F(PkiTest, UnreadableCertificates) {
 }
 
 TEST_F(PkiTest, AcceptedCaIsKeptAndUploadRemoved) {
-  const TestCert ca = makeCert(CertSpec());
+  const TestCert ca = makeCert(CertProfile());
   const std::string path = certTempPath();
   writeText(path, ca.pem());
   ASSERT_EQ(checkCertAt(path), 0);
@@ -161,7 +161,7 @@ TEST_F(PkiTest, CheckNeedsAUsablePathCell) {
             proto::kErrInvalidArgument)
       << "length 0, as the plug-in sends when it has no path";
   const std::string path = certTempPath();
-  writeText(path, makeCert(CertSpec()).pem());
+  writeText(path, makeCert(CertProfile()).pem());
   EXPECT_EQ(send(proto::kCertCheck,
                  [&](CR3MRecordV3& r) {
                    target(r);
@@ -175,7 +175,7 @@ TEST_F(PkiTest, CheckNeedsAUsablePathCell) {
 
 TEST_F(PkiTest, PathsNeverEscapeTheDataFolder) {
   const std::string secret = folder_.path() + "/secret.pem";
-  const TestCert ca = makeCert(CertSpec());
+  const TestCert ca = makeCert(CertProfile());
   writeText(secret, ca.pem());
   const std::string tmp = certTempPath().substr(0, certTempPath().rfind('/'));
   const std::string incoming = crlImportPath().substr(0, crlImportPath().rfind('/'));
@@ -209,7 +209,7 @@ TEST_F(PkiTest, PathsNeverEscapeTheDataFolder) {
 }
 
 TEST_F(PkiTest, CrlSignedByTheImportedCaIsSaved) {
-  const TestCert ca = makeCert(CertSpec());
+  const TestCert ca = makeCert(CertProfile());
   ASSERT_EQ(importCert(ca.pem()), 0);
   const std::string path = crlImportPath();
   writeText(path, makeCrl(ca, 7 * 86400, {3, 5, 8}));
@@ -226,17 +226,17 @@ TEST_F(PkiTest, CrlSignedByTheImportedCaIsSaved) {
 }
 
 TEST_F(PkiTest, CrlOfEcCaIsSaved) {
-  const TestCert ca = makeCert(spec([](CertSpec& s) { s.ecCurve = "P-384"; }));
+  const TestCert ca = makeCert(profile([](CertProfile& s) { s.ecCurve = "P-384"; }));
   ASSERT_EQ(importCert(ca.pem()), 0);
   EXPECT_EQ(importCrl(makeCrl(ca, 3600, {})), 0);
 }
 
 TEST_F(PkiTest, CrlRefusals) {
-  const TestCert ca = makeCert(CertSpec());
+  const TestCert ca = makeCert(CertProfile());
   ASSERT_EQ(importCert(ca.pem()), 0);
-  const TestCert stranger = makeCert(spec([](CertSpec& s) { s.commonName = "Stranger CA"; }));
+  const TestCert stranger = makeCert(profile([](CertProfile& s) { s.commonName = "Stranger CA"; }));
   // Same name as the imported CA, another key: only the signature tells.
-  const TestCert impostor = makeCert(CertSpec());
+  const TestCert impostor = makeCert(CertProfile());
   const struct {
     const char* what;
     std::string bytes;
@@ -259,7 +259,7 @@ TEST_F(PkiTest, CrlRefusals) {
 }
 
 TEST_F(PkiTest, CrlBeforeAnyCaIsFromAnUnknownIssuer) {
-  EXPECT_EQ(importCrl(makeCrl(makeCert(CertSpec()), 86400, {})), proto::kErrCrlUnknownIssuer);
+  EXPECT_EQ(importCrl(makeCrl(makeCert(CertProfile()), 86400, {})), proto::kErrCrlUnknownIssuer);
 }
 
 TEST_F(PkiTest, CrlSaveOfAPathNeverWrittenIsNotFound) {
@@ -268,7 +268,7 @@ TEST_F(PkiTest, CrlSaveOfAPathNeverWrittenIsNotFound) {
 
 TEST_F(PkiTest, RefusalsAreTracedWithTheirReason) {
   TraceCapture trace;
-  EXPECT_EQ(importCert(makeCert(spec([](CertSpec& s) { s.rsaBits = 1024; })).pem()),
+  EXPECT_EQ(importCert(makeCert(profile([](CertProfile& s) { s.rsaBits = 1024; })).pem()),
             proto::kErrCertWeakKey);
   bool found = false;
   for (const TraceRecord& r : trace.records()) {

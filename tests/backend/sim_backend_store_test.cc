@@ -74,7 +74,7 @@ TEST_F(StoreTest, GeneratedPasswordIsSixteenUrlSafeCharacters) {
 }
 
 TEST_F(StoreTest, NothingIsLostAcrossARestart) {
-  const TestCert ca = makeCert(CertSpec());
+  const TestCert ca = makeCert(CertProfile());
   ASSERT_EQ(importCert(ca.pem()), 0);
   ASSERT_EQ(send(proto::kImportEvent,
                  [](CR3MRecordV3& r) {

@@ -14,9 +14,9 @@ namespace {
   std::abort();
 }
 
-std::unique_ptr<EVP_PKEY, KeyFree> makeKey(const CertSpec& spec) {
-  EVP_PKEY* key = spec.ecCurve.empty() ? EVP_RSA_gen(static_cast<unsigned>(spec.rsaBits))
-                                       : EVP_EC_gen(spec.ecCurve.c_str());
+std::unique_ptr<EVP_PKEY, KeyFree> makeKey(const CertProfile& profile) {
+  EVP_PKEY* key = profile.ecCurve.empty() ? EVP_RSA_gen(static_cast<unsigned>(profile.rsaBits))
+                                       : EVP_EC_gen(profile.ecCurve.c_str());
   if (key == nullptr) die("key generation");
   return std::unique_ptr<EVP_PKEY, KeyFree>(key);
 }
@@ -55,28 +55,28 @@ std::string TestCert::der() const {
   return out;
 }
 
-TestCert makeCert(const CertSpec& spec) {
+TestCert makeCert(const CertProfile& profile) {
   TestCert t;
-  t.key = makeKey(spec);
+  t.key = makeKey(profile);
   t.cert.reset(X509_new());
   X509* x = t.cert.get();
   X509_set_version(x, 2);
   static long serial = 1;
   ASN1_INTEGER_set(X509_get_serialNumber(x), serial++);
-  X509_gmtime_adj(X509_getm_notBefore(x), spec.notBeforeOffset);
-  X509_gmtime_adj(X509_getm_notAfter(x), spec.notAfterOffset);
+  X509_gmtime_adj(X509_getm_notBefore(x), profile.notBeforeOffset);
+  X509_gmtime_adj(X509_getm_notAfter(x), profile.notAfterOffset);
   X509_set_pubkey(x, t.key.get());
   X509_NAME* name = X509_get_subject_name(x);
   X509_NAME_add_entry_by_txt(name, "O", MBSTRING_ASC,
                              reinterpret_cast<const unsigned char*>("NOX Tests"), -1, -1, 0);
   X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
-                             reinterpret_cast<const unsigned char*>(spec.commonName.c_str()), -1,
+                             reinterpret_cast<const unsigned char*>(profile.commonName.c_str()), -1,
                              -1, 0);
   X509_set_issuer_name(x, name);
-  addExtension(x, NID_basic_constraints, spec.ca ? "critical,CA:TRUE" : "critical,CA:FALSE");
+  addExtension(x, NID_basic_constraints, profile.ca ? "critical,CA:TRUE" : "critical,CA:FALSE");
   addExtension(x, NID_key_usage,
-               spec.keyCertSign ? "critical,keyCertSign,cRLSign" : "critical,digitalSignature");
-  const EVP_MD* md = EVP_get_digestbyname(spec.digest.c_str());
+               profile.keyCertSign ? "critical,keyCertSign,cRLSign" : "critical,digitalSignature");
+  const EVP_MD* md = EVP_get_digestbyname(profile.digest.c_str());
   if (md == nullptr || X509_sign(x, t.key.get(), md) == 0) die("certificate signing");
   return t;
 }

@@ -1,8 +1,8 @@
 // Certificates, keys and CRLs made on the fly with OpenSSL for the backend
 // tests.
 //
-//   TestCert ca = makeCert(CertSpec());                    // good RSA-2048 CA
-//   CertSpec weak; weak.rsaBits = 1024;
+//   TestCert ca = makeCert(CertProfile());                    // good RSA-2048 CA
+//   CertProfile weak; weak.rsaBits = 1024;
 //   std::string crl = makeCrl(ca, 7 * 86400, {1, 2});      // PEM, signed by ca
 #ifndef NOX_TESTS_BACKEND_TEST_PKI_H_
 #define NOX_TESTS_BACKEND_TEST_PKI_H_
@@ -21,7 +21,7 @@ struct CertFree {
   void operator()(X509* x) const { X509_free(x); }
 };
 
-struct CertSpec {
+struct CertProfile {
   std::string commonName = "NOX Test Root CA";
   int rsaBits = 2048;          // used when ecCurve is empty
   std::string ecCurve;         // e.g. "P-256"
@@ -39,9 +39,9 @@ struct TestCert {
   std::string der() const;
 };
 
-// A self-signed certificate as `spec` says. Aborts the test program when
+// A self-signed certificate as `profile` says. Aborts the test program when
 // OpenSSL cannot make it.
-TestCert makeCert(const CertSpec& spec);
+TestCert makeCert(const CertProfile& profile);
 
 // A CRL issued in the name of `issuer`, signed with its key, whose next update
 // is `nextUpdateOffset` seconds from now, revoking `serials`. PEM unless `der`.
