@@ -169,6 +169,20 @@ long long optionalCount(const CR3MRecordV3& record, unsigned short tag, long lon
   return value;
 }
 
+// A time from an optional cell. Times are unsigned 64-bit; those beyond the
+// signed range mean "no limit" and are clamped to it.
+long long optionalTime(const CR3MRecordV3& record, unsigned short tag, long long fallback) {
+  long long value = fallback;
+  if (!readInt(record, tag, &value)) return fallback;
+  if (value < 0) {
+    if (record.find(tag)->getType() != CTLVCell::TLV_UINT64) {
+      throw BadRequest("cell " + std::to_string(tag) + " is negative");
+    }
+    value = LLONG_MAX;
+  }
+  return value;
+}
+
 void requireImportTarget(const CR3MRecordV3& record) {
   if (requireInt(record, 0) != proto::kImportTarget) throw BadRequest("unknown import target");
 }
@@ -740,8 +754,8 @@ long long SimulatedBackend::Impl::alarms(const TlvCall& call, const CR3MRecordV3
   long long severity = 0;
   const bool bySeverity = readInt(request, proto::kTagSeverity, &severity);
   if (bySeverity && (severity < 1 || severity > 4)) throw BadRequest("severity out of range");
-  const long long begin = optionalCount(request, proto::kTagBeginTime, 0);
-  const long long end = optionalCount(request, proto::kTagEndTime, LLONG_MAX);
+  const long long begin = optionalTime(request, proto::kTagBeginTime, 0);
+  const long long end = optionalTime(request, proto::kTagEndTime, LLONG_MAX);
   long long history = 0;
   readInt(request, proto::kTagHistory, &history);  // validated; every alarm is history
 

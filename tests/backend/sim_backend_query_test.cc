@@ -479,3 +479,53 @@ TEST_F(QueryTest, DatabaseHeldByAnotherProcessIsAStorageError) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(QueryTest, EndTimeBeyondTheSignedRangeMeansNoLimit) {
+  CR3MPackageV3 all;
+  CR3MPackageV3 open;
+  ASSERT_EQ(send(kAlarmCountCommand, nullptr, &all), 0);
+  ASSERT_EQ(send(kAlarmCountCommand,
+                 [](CR3MRecordV3& r) { r[proto::kTagEndTime].setUInt64(proto::kTagEndTime, ~0ULL); },
+                 &open),
+            0);
+  EXPECT_EQ(intCell(open, 0, proto::kTagTotal), intCell(all, 0, proto::kTagTotal));
+}
+
+TEST_F(QueryTest, CellsOfAnyShapeNeverCrash) {
+  // Every command, every tag it reads, every cell type at lengths that are
+  // too short, too long or unterminated: the answer is a code, never a crash
+  // (the sanitizer builds run this too).
+  const uint32_t commands[] = {proto::kCertTempPath, proto::kCertCheck,  proto::kCrlImportPath,
+                               proto::kCrlSave,      proto::kImportEvent, kAlarmListCommand,
+                               kAlarmCountCommand,   kTaskList,          kTaskCount,
+                               kTaskById,            kStorageConf,       proto::kLogin,
+                               proto::kLogout};
+  const unsigned short tags[] = {0, 1, 2, 3, 4, 5, 6, proto::kTagPath};
+  const unsigned long lengths[] = {0, 1, 2, 3, 4, 7, 8, 9, 64};
+  const std::set<long long> allowed = {0,
+                                       proto::kErrInvalidArgument,
+                                       proto::kErrNotFound,
+                                       proto::kErrLoginFailed,
+                                       proto::kErrLoginThrottled,
+                                       proto::kErrNotLoggedIn,
+                                       proto::kErrScopeDenied};
+  std::string bytes(64, 'A');
+  for (uint32_t command : commands) {
+    for (unsigned short tag : tags) {
+      for (int type = 0; type <= 9; ++type) {
+        for (unsigned long length : lengths) {
+          const long long code = send(command, [&](CR3MRecordV3& r) {
+            r[tag].set_i(static_cast<CTLVCell::ETLVType>(type), tag, &bytes[0], length);
+          });
+          EXPECT_EQ(allowed.count(code), 1u) << std::hex << command << " tag " << std::dec << tag
+                                             << " type " << type << " length " << length
+                                             << " -> " << std::hex << code;
+        }
+      }
+    }
+  }
+}
+
+}  // namespace
