@@ -1,7 +1,5 @@
 #include "sim_backend.h"
 
-#include <dirent.h>
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -22,17 +20,16 @@
 #include "backend_protocol.h"
 #include "demo_seed.h"
 #include "password_hash.h"
+#include "data_folder.h"
 #include "pki_checks.h"
 #include "qpn_debug_kit.h"
+#include "request_cells.h"
 #include "sqlite_store.h"
 
 namespace {
 
 constexpr int kTraceModule = 30;
 constexpr char kDatabaseFile[] = "nox.db";
-// Larger uploads are refused by the plug-in already; this bounds what the
-// backend reads from a folder it shares with it.
-constexpr off_t kMaxUploadBytes = 2 * 1024 * 1024;
 // A name whose logins failed this often in a row waits kLoginLockSeconds.
 constexpr int kMaxFailedLogins = 5;
 constexpr long long kLoginLockSeconds = 60;
@@ -105,202 +102,7 @@ CREATE TABLE IF NOT EXISTS crls(
   imported INTEGER NOT NULL);
 )sql";
 
-// Raised for a request cell that is missing, of the wrong type or truncated.
-class BadRequest : public std::runtime_error {
- public:
-  explicit BadRequest(const std::string& what) : std::runtime_error(what) {}
-};
-
 long long nowSeconds() { return static_cast<long long>(time(nullptr)); }
-
-// The text of a string cell: its bytes up to the terminating zero, which must
-// lie within the cell's length. Returns false when the cell is absent.
-bool readText(const CR3MRecordV3& record, unsigned short tag, std::string* out) {
-  const CTLVCell* cell = record.find(tag);
-  if (cell == nullptr) return false;
-  const unsigned char* bytes = cell->data();
-  const unsigned length = cell->getLength();
-  if (cell->getType() != CTLVCell::TLV_STRING || bytes == nullptr || length == 0) {
-    throw BadRequest("cell " + std::to_string(tag) + " is not a text");
-  }
-  const void* end = std::memchr(bytes, 0, length);
-  if (end == nullptr) throw BadRequest("cell " + std::to_string(tag) + " is truncated");
-  out->assign(reinterpret_cast<const char*>(bytes),
-              static_cast<const unsigned char*>(end) - bytes);
-  return true;
-}
-
-std::string requireText(const CR3MRecordV3& record, unsigned short tag) {
-  std::string text;
-  if (!readText(record, tag, &text)) throw BadRequest("cell " + std::to_string(tag) + " missing");
-  return text;
-}
-
-// The value of a numeric cell. Returns false when the cell is absent.
-bool readInt(const CR3MRecordV3& record, unsigned short tag, long long* out) {
-  const CTLVCell* cell = record.find(tag);
-  if (cell == nullptr) return false;
-  const unsigned length = cell->getLength();
-  if (length == 0 || length > 8 || cell->data() == nullptr) {
-    throw BadRequest("cell " + std::to_string(tag) + " has no number");
-  }
-  try {
-    *out = cell->toInt64();
-  } catch (const QPNException&) {
-    throw BadRequest("cell " + std::to_string(tag) + " is not numeric");
-  }
-  return true;
-}
-
-long long requireInt(const CR3MRecordV3& record, unsigned short tag) {
-  long long value = 0;
-  if (!readInt(record, tag, &value)) {
-    throw BadRequest("cell " + std::to_string(tag) + " missing");
-  }
-  return value;
-}
-
-// A non-negative count from an optional cell.
-long long optionalCount(const CR3MRecordV3& record, unsigned short tag, long long fallback) {
-  long long value = fallback;
-  if (readInt(record, tag, &value) && value < 0) {
-    throw BadRequest("cell " + std::to_string(tag) + " is negative");
-  }
-  return value;
-}
-
-// A time from an optional cell. Times are unsigned 64-bit; those beyond the
-// signed range mean "no limit" and are clamped to it.
-long long optionalTime(const CR3MRecordV3& record, unsigned short tag, long long fallback) {
-  long long value = fallback;
-  if (!readInt(record, tag, &value)) return fallback;
-  if (value < 0) {
-    if (record.find(tag)->getType() != CTLVCell::TLV_UINT64) {
-      throw BadRequest("cell " + std::to_string(tag) + " is negative");
-    }
-    value = LLONG_MAX;
-  }
-  return value;
-}
-
-void requireImportTarget(const CR3MRecordV3& record) {
-  if (requireInt(record, 0) != proto::kImportTarget) throw BadRequest("unknown import target");
-}
-
-bool makeFolder(const std::string& path, std::string* error) {
-  if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
-    *error = "cannot create " + path + ": " + std::strerror(errno);
-    return false;
-  }
-  struct stat st;
-  if (lstat(path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
-    *error = path + " is not a folder";
-    return false;
-  }
-  // The folder holds password hashes and accepted CAs: owner only.
-  if ((st.st_mode & 0777) != 0700 && chmod(path.c_str(), 0700) != 0) {
-    *error = "cannot restrict " + path + ": " + std::strerror(errno);
-    return false;
-  }
-  return true;
-}
-
-bool makeFolders(const std::string& path, std::string* error) {
-  if (path.empty()) {
-    *error = "no data folder given";
-    return false;
-  }
-  // Parents first; only those this call creates get mode 0700.
-  for (size_t slash = path.find('/', 1); slash != std::string::npos;
-       slash = path.find('/', slash + 1)) {
-    const std::string parent = path.substr(0, slash);
-    if (mkdir(parent.c_str(), 0700) != 0 && errno != EEXIST) {
-      *error = "cannot create " + parent + ": " + std::strerror(errno);
-      return false;
-    }
-  }
-  return makeFolder(path, error);
-}
-
-// Removes the plain files of `dir` (leftovers of uploads a crash interrupted).
-void emptyFolder(const std::string& dir) {
-  DIR* d = opendir(dir.c_str());
-  if (d == nullptr) return;
-  while (struct dirent* e = readdir(d)) {
-    const std::string name = e->d_name;
-    if (name == "." || name == "..") continue;
-    const std::string path = dir + "/" + name;
-    struct stat st;
-    if (lstat(path.c_str(), &st) == 0 && !S_ISDIR(st.st_mode)) unlink(path.c_str());
-  }
-  closedir(d);
-}
-
-// True when `path` is `dir` + "/" + one plain name: no deeper folder, no "..",
-// so a path handed back by a client cannot leave `dir`.
-bool directChild(const std::string& dir, const std::string& path) {
-  if (path.size() <= dir.size() + 1 || path.compare(0, dir.size(), dir) != 0 ||
-      path[dir.size()] != '/') {
-    return false;
-  }
-  const std::string name = path.substr(dir.size() + 1);
-  return name.find('/') == std::string::npos && name != "." && name != "..";
-}
-
-enum class ReadResult { kOk, kMissing, kRefused };
-
-// Reads a regular file without following a symbolic link.
-ReadResult readUpload(const std::string& path, std::string* bytes) {
-  const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
-  if (fd < 0) return errno == ENOENT ? ReadResult::kMissing : ReadResult::kRefused;
-  struct stat st;
-  if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size > kMaxUploadBytes) {
-    close(fd);
-    return ReadResult::kRefused;
-  }
-  bytes->clear();
-  char buffer[16384];
-  for (;;) {
-    const ssize_t n = read(fd, buffer, sizeof(buffer));
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) {
-      close(fd);
-      return ReadResult::kRefused;
-    }
-    if (n == 0) break;
-    bytes->append(buffer, static_cast<size_t>(n));
-    if (bytes->size() > static_cast<size_t>(kMaxUploadBytes)) {
-      close(fd);
-      return ReadResult::kRefused;
-    }
-  }
-  close(fd);
-  return ReadResult::kOk;
-}
-
-// Writes `bytes` to `path` (mode 0600) through a temporary name, so that a
-// crash leaves the old file or the new one, never half of it.
-bool writeWhole(const std::string& path, const std::string& bytes) {
-  const std::string temp = path + ".new";
-  const int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
-  if (fd < 0) return false;
-  size_t done = 0;
-  while (done < bytes.size()) {
-    const ssize_t n = write(fd, bytes.data() + done, bytes.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) {
-      close(fd);
-      unlink(temp.c_str());
-      return false;
-    }
-    done += static_cast<size_t>(n);
-  }
-  if (fsync(fd) != 0 || close(fd) != 0 || rename(temp.c_str(), path.c_str()) != 0) {
-    unlink(temp.c_str());
-    return false;
-  }
-  return true;
-}
 
 // The task fields a list may be sorted and filtered by, and their columns.
 struct TaskField {
