@@ -122,4 +122,3 @@ bool writeWhole(const std::string& path, const std::string& bytes) {
   }
   return true;
 }
-

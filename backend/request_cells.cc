@@ -15,8 +15,7 @@ bool readText(const CR3MRecordV3& record, unsigned short tag, std::string* out) 
   }
   const void* end = std::memchr(bytes, 0, length);
   if (end == nullptr) throw BadRequest("cell " + std::to_string(tag) + " is truncated");
-  out->assign(reinterpret_cast<const char*>(bytes),
-              static_cast<const unsigned char*>(end) - bytes);
+  out->assign(reinterpret_cast<const char*>(bytes), static_cast<const unsigned char*>(end) - bytes);
   return true;
 }
 
@@ -72,4 +71,3 @@ long long optionalTime(const CR3MRecordV3& record, unsigned short tag, long long
 void requireImportTarget(const CR3MRecordV3& record) {
   if (requireInt(record, 0) != proto::kImportTarget) throw BadRequest("unknown import target");
 }
-

@@ -1,9 +1,8 @@
 #include "sim_backend.h"
 
+#include <json/json.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <json/json.h>
 
 #include <atomic>
 #include <cerrno>
@@ -18,9 +17,9 @@
 #include <vector>
 
 #include "backend_protocol.h"
+#include "data_folder.h"
 #include "demo_seed.h"
 #include "password_hash.h"
-#include "data_folder.h"
 #include "pki_checks.h"
 #include "qpn_debug_kit.h"
 #include "request_cells.h"
@@ -145,8 +144,7 @@ TaskQuery parseTaskFilter(const std::string& text) {
   std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
   Json::Value root;
   std::string errors;
-  if (!reader->parse(text.data(), text.data() + text.size(), &root, &errors) ||
-      !root.isObject()) {
+  if (!reader->parse(text.data(), text.data() + text.size(), &root, &errors) || !root.isObject()) {
     throw BadRequest("filter is not a JSON object");
   }
   // Members are visited in sorted order, so equal filters make equal SQL and
@@ -372,7 +370,9 @@ void SimulatedBackend::Impl::seed(const std::string& password) {
       .bind(5, c.used)
       .bind(6, c.retentionDays)
       .run();
-  store.statement("INSERT INTO meta(key, value) VALUES('seeded', ?)").bind(1, std::to_string(now)).run();
+  store.statement("INSERT INTO meta(key, value) VALUES('seeded', ?)")
+      .bind(1, std::to_string(now))
+      .run();
   tx.commit();
 }
 
@@ -407,9 +407,8 @@ long long SimulatedBackend::Impl::dispatch(const TlvCall& call, const CR3MRecord
   return proto::kErrUnknownCommand;
 }
 
-long long SimulatedBackend::Impl::newUploadPath(const CR3MRecordV3& request,
-                                                const std::string& dir, const char* prefix,
-                                                CR3MPackageV3& reply) {
+long long SimulatedBackend::Impl::newUploadPath(const CR3MRecordV3& request, const std::string& dir,
+                                                const char* prefix, CR3MPackageV3& reply) {
   requireImportTarget(request);
   // 128 random bits: unique without a lock, and nothing of the client's in it.
   const std::string path = dir + "/" + prefix + toHex(randomBytes(16)) + ".upload";
@@ -418,8 +417,7 @@ long long SimulatedBackend::Impl::newUploadPath(const CR3MRecordV3& request,
   return 0;
 }
 
-long long SimulatedBackend::Impl::checkCertificate(const TlvCall& call,
-                                                   const CR3MRecordV3& request,
+long long SimulatedBackend::Impl::checkCertificate(const TlvCall& call, const CR3MRecordV3& request,
                                                    CQPNDebugKitGuard& guard) {
   requireImportTarget(request);
   const std::string path = requireText(request, proto::kTagPath);
@@ -499,8 +497,7 @@ long long SimulatedBackend::Impl::saveCrl(const TlvCall& call, const CR3MRecordV
   }
   const std::string file = crlDir + "/" + crl.fingerprint + ".crl";
   if (!writeWhole(file, crl.pem)) {
-    guard.error(0, "saveCrl", __LINE__, "cannot write %s: %s", file.c_str(),
-                std::strerror(errno));
+    guard.error(0, "saveCrl", __LINE__, "cannot write %s: %s", file.c_str(), std::strerror(errno));
     return proto::kErrStorage;
   }
   SqliteStore::Transaction tx(store);
@@ -561,8 +558,7 @@ long long SimulatedBackend::Impl::alarms(const TlvCall& call, const CR3MRecordV3
   long long history = 0;
   readInt(request, proto::kTagHistory, &history);  // validated; every alarm is history
 
-  const char* where =
-      " WHERE (?1 = 0 OR severity = ?1) AND occur_time >= ?2 AND occur_time <= ?3";
+  const char* where = " WHERE (?1 = 0 OR severity = ?1) AND occur_time >= ?2 AND occur_time <= ?3";
   SqliteStore::Lock lock(store, storeWait(call));
   if (!lock.held()) return kErrBackendTimeout;
   long long total = 0;
@@ -645,8 +641,8 @@ long long SimulatedBackend::Impl::tasks(const TlvCall& call, const CR3MRecordV3&
   }
   SqliteStore::Lock lock(store, storeWait(call));
   if (!lock.held()) return kErrBackendTimeout;
-  Statement rows = store.statement(std::string(kTaskColumns) + query.where + " ORDER BY " +
-                                   order + " LIMIT ? OFFSET ?");
+  Statement rows = store.statement(std::string(kTaskColumns) + query.where + " ORDER BY " + order +
+                                   " LIMIT ? OFFSET ?");
   bindTaskQuery(rows, query);
   const int next = static_cast<int>(query.textValues.size()) + 1;
   rows.bind(next, limit).bind(next + 1, start);

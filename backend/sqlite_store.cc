@@ -85,7 +85,8 @@ bool SqliteStore::open(const std::string& path, std::string* error) {
   const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
   if (sqlite3_open_v2(path.c_str(), &db_, flags, nullptr) != SQLITE_OK) {
     if (error != nullptr) {
-      *error = "cannot open " + path + ": " + (db_ != nullptr ? sqlite3_errmsg(db_) : "out of memory");
+      *error =
+          "cannot open " + path + ": " + (db_ != nullptr ? sqlite3_errmsg(db_) : "out of memory");
     }
     if (db_ != nullptr) sqlite3_close(db_);
     db_ = nullptr;

@@ -12,8 +12,8 @@
 
 TempFolder::TempFolder() {
   const char* base = std::getenv("TMPDIR");
-  std::string pattern = std::string(base != nullptr && *base != '\0' ? base : "/tmp") +
-                        "/nox-backend-test-XXXXXX";
+  std::string pattern =
+      std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/nox-backend-test-XXXXXX";
   if (mkdtemp(&pattern[0]) == nullptr) std::abort();
   path_ = pattern;
 }

@@ -2,10 +2,9 @@
 // uploads without following links, and whole-file writes.
 #include "data_folder.h"
 
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include "backend_fixture.h"
 
@@ -17,17 +16,17 @@ TEST(DirectChildTest, OnlyOnePlainNameBelowTheFolder) {
     bool inside;
   } cases[] = {
       {"/d/tmp/cert-1.upload", true},
-      {"/d/tmp/.hidden", true},        // a dot file is still a plain name
-      {"/d/tmp/...", true},            // three dots are a name, not a step up
-      {"/d/tmp/", false},              // no name
-      {"/d/tmp", false},               // the folder itself
+      {"/d/tmp/.hidden", true},  // a dot file is still a plain name
+      {"/d/tmp/...", true},      // three dots are a name, not a step up
+      {"/d/tmp/", false},        // no name
+      {"/d/tmp", false},         // the folder itself
       {"/d/tmp/.", false},
       {"/d/tmp/..", false},
-      {"/d/tmp/../nox.db", false},     // climbing out
-      {"/d/tmp/a/b", false},           // deeper
-      {"/d/tmpx/a", false},            // a sibling with the same start
+      {"/d/tmp/../nox.db", false},  // climbing out
+      {"/d/tmp/a/b", false},        // deeper
+      {"/d/tmpx/a", false},         // a sibling with the same start
       {"/d/tm", false},
-      {"d/tmp/a", false},              // relative
+      {"d/tmp/a", false},  // relative
       {"", false},
   };
   for (const auto& c : cases) {

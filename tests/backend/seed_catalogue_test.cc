@@ -1,10 +1,9 @@
 // The demo data speaks the catalogue's language: every message identifier it
 // uses exists in conf/ in English and in Chinese with as many parameters as
 // the data gives, and every enumeration code it stores has a text.
+#include <gtest/gtest.h>
 #include <json/json.h>
 #include <tinyxml2.h>
-
-#include <gtest/gtest.h>
 
 #include <map>
 #include <set>
@@ -25,9 +24,8 @@ std::map<std::string, int> loadMessages(const std::string& file) {
     return out;
   }
   const tinyxml2::XMLElement* messages = doc.RootElement()->FirstChildElement("messages");
-  for (const tinyxml2::XMLElement* m = messages != nullptr
-                                           ? messages->FirstChildElement("message")
-                                           : nullptr;
+  for (const tinyxml2::XMLElement* m = messages != nullptr ? messages->FirstChildElement("message")
+                                                           : nullptr;
        m != nullptr; m = m->NextSiblingElement("message")) {
     const char* id = m->Attribute("id");
     const char* text = m->Attribute("template");
@@ -36,11 +34,13 @@ std::map<std::string, int> loadMessages(const std::string& file) {
     int params = 0;
     for (size_t at = t.find("##"); at != std::string::npos; at = t.find("##", at + 2)) {
       size_t end = at + 2;
-      while (end < t.size() && end - at - 2 < 6 && std::isdigit(static_cast<unsigned char>(t[end]))) {
+      while (end < t.size() && end - at - 2 < 6 &&
+             std::isdigit(static_cast<unsigned char>(t[end]))) {
         ++end;
       }
       const size_t digits = end - at - 2;
-      if (digits >= 1 && digits <= 5) params = std::max(params, std::stoi(t.substr(at + 2, digits)) + 1);
+      if (digits >= 1 && digits <= 5)
+        params = std::max(params, std::stoi(t.substr(at + 2, digits)) + 1);
     }
     out[id] = params;
   }
@@ -57,7 +57,8 @@ std::map<std::string, std::set<int>> loadEnums(const std::string& file) {
     return out;
   }
   const tinyxml2::XMLElement* root = doc.RootElement()->FirstChildElement("param_enum");
-  for (const tinyxml2::XMLElement* e = root != nullptr ? root->FirstChildElement("enum_type") : nullptr;
+  for (const tinyxml2::XMLElement* e = root != nullptr ? root->FirstChildElement("enum_type")
+                                                       : nullptr;
        e != nullptr; e = e->NextSiblingElement("enum_type")) {
     std::set<int>& codes = out[e->Attribute("name") != nullptr ? e->Attribute("name") : ""];
     for (const tinyxml2::XMLElement* m = e->FirstChildElement("enum_member"); m != nullptr;
@@ -151,12 +152,13 @@ TEST_F(SeedCatalogueTest, StorageResultCodesExist) {
 TEST_F(SeedCatalogueTest, EnumerationCodesHaveTexts) {
   for (const char* file : {"enum_en.xml", "enum_zh.xml"}) {
     auto enums = loadEnums(file);
-    for (int s : {task_status::kQueued, task_status::kRunning, task_status::kSucceeded,
-                  task_status::kPartiallySucceeded, task_status::kFailed, task_status::kCancelled}) {
+    for (int s :
+         {task_status::kQueued, task_status::kRunning, task_status::kSucceeded,
+          task_status::kPartiallySucceeded, task_status::kFailed, task_status::kCancelled}) {
       EXPECT_EQ(enums["task_status"].count(s), 1u) << file << " task_status " << s;
     }
-    for (int t : {task_type::kBackup, task_type::kRestore, task_type::kCopy,
-                  task_type::kDatabaseBackup}) {
+    for (int t :
+         {task_type::kBackup, task_type::kRestore, task_type::kCopy, task_type::kDatabaseBackup}) {
       EXPECT_EQ(enums["task_type"].count(t), 1u) << file << " task_type " << t;
     }
     EXPECT_EQ(enums["storage_type"].count(demoStorage().type), 1u) << file;

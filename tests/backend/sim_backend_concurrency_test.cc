@@ -32,20 +32,22 @@ TEST_F(ConcurrencyTest, EightThreadsMixingEveryCommand) {
         expect(send(static_cast<uint32_t>(proto::kAlarmCount), nullptr, &count), 0);
         if (count.size() != 1 || intCell(count, 0, proto::kTagTotal) < 100) ++wrong;
         CR3MPackageV3 page;
-        expect(send(static_cast<uint32_t>(proto::kAlarmList),
-                    [&](CR3MRecordV3& r) {
-                      r[proto::kTagStart].setUInt32(proto::kTagStart, static_cast<uint32_t>(i));
-                      r[proto::kTagLimit].setUInt32(proto::kTagLimit, 10);
-                    },
-                    &page),
+        expect(send(
+                   static_cast<uint32_t>(proto::kAlarmList),
+                   [&](CR3MRecordV3& r) {
+                     r[proto::kTagStart].setUInt32(proto::kTagStart, static_cast<uint32_t>(i));
+                     r[proto::kTagLimit].setUInt32(proto::kTagLimit, 10);
+                   },
+                   &page),
                0);
         if (page.size() != 11) ++wrong;
         CR3MPackageV3 tasks;
-        expect(send(proto::moCommand(proto::kTaskObjType, proto::kMoList),
-                    [&](CR3MRecordV3& r) {
-                      r[proto::kTagFilter].setString(proto::kTagFilter, R"({"status":5})");
-                    },
-                    &tasks),
+        expect(send(
+                   proto::moCommand(proto::kTaskObjType, proto::kMoList),
+                   [&](CR3MRecordV3& r) {
+                     r[proto::kTagFilter].setString(proto::kTagFilter, R"({"status":5})");
+                   },
+                   &tasks),
                0);
         if (tasks.size() < 3) ++wrong;
         expect(send(proto::moCommand(proto::kTaskObjType, proto::kMoGetById),
@@ -54,13 +56,14 @@ TEST_F(ConcurrencyTest, EightThreadsMixingEveryCommand) {
                     }),
                0);
         expect(send(proto::moCommand(0x62, 0xDE), nullptr), 0);
-        expect(send(proto::kImportEvent,
-                    [&](CR3MRecordV3& r) {
-                      r[0].setUInt32(0, 2);
-                      r[1].setUInt32(1, 100 + static_cast<uint32_t>(i % 2));
-                      r[3].setUInt32(3, static_cast<uint32_t>(t % 2));
-                    },
-                    nullptr, "user" + std::to_string(t)),
+        expect(send(
+                   proto::kImportEvent,
+                   [&](CR3MRecordV3& r) {
+                     r[0].setUInt32(0, 2);
+                     r[1].setUInt32(1, 100 + static_cast<uint32_t>(i % 2));
+                     r[3].setUInt32(3, static_cast<uint32_t>(t % 2));
+                   },
+                   nullptr, "user" + std::to_string(t)),
                0);
         expect(send(proto::kLogin,
                     [&](CR3MRecordV3& r) {

@@ -13,15 +13,16 @@ class LoginTest : public BackendTest {
  protected:
   long long login(const std::string& name, const std::string& password, const std::string& scope,
                   CR3MPackageV3* reply = nullptr) {
-    return send(proto::kLogin,
-                [&](CR3MRecordV3& r) {
-                  r[proto::kTagUserName].setString(proto::kTagUserName, name);
-                  r[proto::kTagPassword].setString(proto::kTagPassword, password);
-                  r[proto::kTagScope].setString(proto::kTagScope, scope);
-                  r[proto::kTagClientAddress].setString(proto::kTagClientAddress, "10.0.0.7");
-                  r[proto::kTagLanguage].setString(proto::kTagLanguage, "en");
-                },
-                reply, "");
+    return send(
+        proto::kLogin,
+        [&](CR3MRecordV3& r) {
+          r[proto::kTagUserName].setString(proto::kTagUserName, name);
+          r[proto::kTagPassword].setString(proto::kTagPassword, password);
+          r[proto::kTagScope].setString(proto::kTagScope, scope);
+          r[proto::kTagClientAddress].setString(proto::kTagClientAddress, "10.0.0.7");
+          r[proto::kTagLanguage].setString(proto::kTagLanguage, "en");
+        },
+        reply, "");
   }
 };
 
@@ -47,7 +48,7 @@ TEST_F(LoginTest, OtherScopesAreDenied) {
   const struct {
     const char* name;
     const char* scope;
-  } denied[] = {{"admin", "4"}, {"admin", "1"}, {"auditor", "0"}, {"apiuser", "0"},
+  } denied[] = {{"admin", "4"},  {"admin", "1"},   {"auditor", "0"}, {"apiuser", "0"},
                 {"apiuser", ""}, {"admin", "0,4"}, {"admin", " 0"}};
   for (const auto& d : denied) {
     EXPECT_EQ(login(d.name, kPassword, d.scope), proto::kErrScopeDenied)

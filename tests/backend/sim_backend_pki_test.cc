@@ -1,10 +1,9 @@
 // Certificate and CRL commands: temporary paths, the CA checks with
 // certificates made here with OpenSSL, CRLs of the imported CA and of
 // strangers, and paths that try to leave the data folder.
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include "backend_fixture.h"
 #include "test_pki.h"
@@ -38,8 +37,7 @@ TEST_F(PkiTest, CrlPathIsInsideIncoming) {
 
 TEST_F(PkiTest, PathCommandsNeedTheImportTarget) {
   EXPECT_EQ(send(proto::kCertTempPath, nullptr), proto::kErrInvalidArgument);
-  EXPECT_EQ(send(proto::kCrlImportPath,
-                 [](CR3MRecordV3& r) { r[0].setUInt32(0, 0xE028); }),
+  EXPECT_EQ(send(proto::kCrlImportPath, [](CR3MRecordV3& r) { r[0].setUInt32(0, 0xE028); }),
             proto::kErrInvalidArgument);
   EXPECT_EQ(send(proto::kCertTempPath, [](CR3MRecordV3& r) { r[0].setString(0, "57383"); }),
             proto::kErrInvalidArgument);
@@ -63,21 +61,29 @@ TEST_F(PkiTest, CertificateVerdicts) {
       {"good RSA-2048 SHA-256 CA, PEM", CertProfile(), false, 0},
       {"good RSA-2048 SHA-256 CA, DER", CertProfile(), true, 0},
       {"good EC P-256 CA", profile([](CertProfile& s) { s.ecCurve = "P-256"; }), false, 0},
-      {"good RSA-3072 SHA-384 CA",
-       profile([](CertProfile& s) { s.rsaBits = 3072; s.digest = "SHA384"; }), false, 0},
-      {"expired", profile([](CertProfile& s) { s.notBeforeOffset = -7200; s.notAfterOffset = -3600; }),
+      {"good RSA-3072 SHA-384 CA", profile([](CertProfile& s) {
+         s.rsaBits = 3072;
+         s.digest = "SHA384";
+       }),
+       false, 0},
+      {"expired", profile([](CertProfile& s) {
+         s.notBeforeOffset = -7200;
+         s.notAfterOffset = -3600;
+       }),
        false, proto::kErrCertExpired},
       {"not yet valid", profile([](CertProfile& s) { s.notBeforeOffset = 86400; }), false,
        proto::kErrCertExpired},
       {"not a CA", profile([](CertProfile& s) { s.ca = false; }), false, proto::kErrCertNotCa},
       {"CA without keyCertSign", profile([](CertProfile& s) { s.keyCertSign = false; }), false,
        proto::kErrCertNotCa},
-      {"RSA-1024", profile([](CertProfile& s) { s.rsaBits = 1024; }), false, proto::kErrCertWeakKey},
+      {"RSA-1024", profile([](CertProfile& s) { s.rsaBits = 1024; }), false,
+       proto::kErrCertWeakKey},
       {"EC P-224", profile([](CertProfile& s) { s.ecCurve = "P-224"; }), false,
        proto::kErrCertWeakKey},
       {"SHA-1 signed", profile([](CertProfile& s) { s.digest = "SHA1"; }), false,
        proto::kErrCertNotSafe},
-      {"MD5 signed", profile([](CertProfile& s) { s.digest = "MD5"; }), false, proto::kErrCertNotSafe},
+      {"MD5 signed", profile([](CertProfile& s) { s.digest = "MD5"; }), false,
+       proto::kErrCertNotSafe},
       {"SHA-1 signed, DER", profile([](CertProfile& s) { s.digest = "SHA1"; }), true,
        proto::kErrCertNotSafe},
   };
@@ -103,7 +109,8 @@ TEST_F(PkiTest, UnreadableCertificates) {
       {"one zero byte (what the plug-in writes for a refused upload)", std::string(1, '\0')},
       {"empty file", ""},
       {"text", "hello, this is not a certificate\n"},
-      {"PEM armour around garbage", "-----BEGIN CERTIFICATE-----\nAAAA\n-----END CERTIFICATE-----\n"},
+      {"PEM armour around garbage",
+       "-----BEGIN CERTIFICATE-----\nAAAA\n-----END CERTIFICATE-----\n"},
       {"a CRL instead of a certificate", makeCrl(makeCert(CertProfile()), 86400, {})},
       {"DER with trailing bytes", makeCert(CertProfile()).der() + "xx"},
       {"truncated DER", makeCert(CertProfile()).der().substr(0, 200)},
@@ -180,14 +187,14 @@ TEST_F(PkiTest, PathsNeverEscapeTheDataFolder) {
   const std::string tmp = certTempPath().substr(0, certTempPath().rfind('/'));
   const std::string incoming = crlImportPath().substr(0, crlImportPath().rfind('/'));
   const std::string outside[] = {
-      secret,                               // anywhere else
-      tmp + "/../../secret.pem",            // climbing out
-      tmp + "/..",                          // the parent itself
-      tmp + "/",                            // the folder itself
-      tmp,                                  // no name at all
-      tmp + "/sub/x.pem",                   // deeper than the folder
-      incoming + "/crl-x.upload",           // the other upload folder
-      tmp + "x/cert.pem",                   // a sibling whose name starts the same
+      secret,                      // anywhere else
+      tmp + "/../../secret.pem",   // climbing out
+      tmp + "/..",                 // the parent itself
+      tmp + "/",                   // the folder itself
+      tmp,                         // no name at all
+      tmp + "/sub/x.pem",          // deeper than the folder
+      incoming + "/crl-x.upload",  // the other upload folder
+      tmp + "x/cert.pem",          // a sibling whose name starts the same
       "relative/tmp/cert.pem",
   };
   for (const std::string& p : outside) {

@@ -1,9 +1,8 @@
 // Alarm, task and storage configuration queries, import events, and the
 // answers to unknown commands, bad cells and a failing store.
+#include <gtest/gtest.h>
 #include <json/json.h>
 #include <sqlite3.h>
-
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <climits>
@@ -75,13 +74,14 @@ TEST_F(QueryTest, AlarmPagingIsASliceOfTheList) {
   CR3MPackageV3 all;
   ASSERT_EQ(send(kAlarmListCommand, nullptr, &all), 0);
   CR3MPackageV3 page;
-  ASSERT_EQ(send(kAlarmListCommand,
-                 [](CR3MRecordV3& r) {
-                   r[proto::kTagStart].setUInt32(proto::kTagStart, 10);
-                   r[proto::kTagLimit].setUInt32(proto::kTagLimit, 5);
-                   r[proto::kTagHistory].setUInt32(proto::kTagHistory, 1);
-                 },
-                 &page),
+  ASSERT_EQ(send(
+                kAlarmListCommand,
+                [](CR3MRecordV3& r) {
+                  r[proto::kTagStart].setUInt32(proto::kTagStart, 10);
+                  r[proto::kTagLimit].setUInt32(proto::kTagLimit, 5);
+                  r[proto::kTagHistory].setUInt32(proto::kTagHistory, 1);
+                },
+                &page),
             0);
   ASSERT_EQ(page.size(), 6u);
   EXPECT_EQ(intCell(page, 0, proto::kTagTotal), intCell(all, 0, proto::kTagTotal));
@@ -89,10 +89,11 @@ TEST_F(QueryTest, AlarmPagingIsASliceOfTheList) {
     EXPECT_EQ(intCell(page, i, proto::kTagAlarmId), intCell(all, 10 + i, proto::kTagAlarmId));
   }
   CR3MPackageV3 beyond;
-  ASSERT_EQ(send(kAlarmListCommand,
-                 [](CR3MRecordV3& r) { r[proto::kTagStart].setUInt32(proto::kTagStart, 5000); },
-                 &beyond),
-            0);
+  ASSERT_EQ(
+      send(
+          kAlarmListCommand,
+          [](CR3MRecordV3& r) { r[proto::kTagStart].setUInt32(proto::kTagStart, 5000); }, &beyond),
+      0);
   EXPECT_EQ(beyond.size(), 1u);
 }
 
@@ -114,12 +115,13 @@ TEST_F(QueryTest, AlarmFilters) {
   const uint64_t begin = now - 10 * 86400;
   const uint64_t end = now - 5 * 86400;
   CR3MPackageV3 window;
-  ASSERT_EQ(send(kAlarmListCommand,
-                 [&](CR3MRecordV3& r) {
-                   r[proto::kTagBeginTime].setUInt64(proto::kTagBeginTime, begin);
-                   r[proto::kTagEndTime].setUInt64(proto::kTagEndTime, end);
-                 },
-                 &window),
+  ASSERT_EQ(send(
+                kAlarmListCommand,
+                [&](CR3MRecordV3& r) {
+                  r[proto::kTagBeginTime].setUInt64(proto::kTagBeginTime, begin);
+                  r[proto::kTagEndTime].setUInt64(proto::kTagEndTime, end);
+                },
+                &window),
             0);
   EXPECT_GT(window.size(), 1u);
   for (size_t i = 1; i < window.size(); ++i) {
@@ -128,12 +130,13 @@ TEST_F(QueryTest, AlarmFilters) {
     EXPECT_LE(t, static_cast<long long>(end));
   }
   CR3MPackageV3 reversed;
-  ASSERT_EQ(send(kAlarmCountCommand,
-                 [&](CR3MRecordV3& r) {
-                   r[proto::kTagBeginTime].setUInt64(proto::kTagBeginTime, end);
-                   r[proto::kTagEndTime].setUInt64(proto::kTagEndTime, begin);
-                 },
-                 &reversed),
+  ASSERT_EQ(send(
+                kAlarmCountCommand,
+                [&](CR3MRecordV3& r) {
+                  r[proto::kTagBeginTime].setUInt64(proto::kTagBeginTime, end);
+                  r[proto::kTagEndTime].setUInt64(proto::kTagEndTime, begin);
+                },
+                &reversed),
             0);
   EXPECT_EQ(intCell(reversed, 0, proto::kTagTotal), 0);
 }
@@ -184,32 +187,33 @@ TEST_F(QueryTest, TaskListHasEveryTaskWithItsCells) {
 
 TEST_F(QueryTest, TaskPagingAndSorting) {
   CR3MPackageV3 byName;
-  ASSERT_EQ(send(kTaskList,
-                 [](CR3MRecordV3& r) { r[proto::kTagSort].setString(proto::kTagSort, "name"); },
-                 &byName),
-            0);
+  ASSERT_EQ(
+      send(
+          kTaskList, [](CR3MRecordV3& r) { r[proto::kTagSort].setString(proto::kTagSort, "name"); },
+          &byName),
+      0);
   std::vector<std::string> names;
   for (size_t i = 0; i < byName.size(); ++i) names.push_back(textCell(byName, i, 2));
   EXPECT_TRUE(std::is_sorted(names.begin(), names.end()));
 
   CR3MPackageV3 page;
-  ASSERT_EQ(send(kTaskList,
-                 [](CR3MRecordV3& r) {
-                   r[proto::kTagSort].setString(proto::kTagSort, "name");
-                   r[proto::kTagStart].setUInt32(proto::kTagStart, 3);
-                   r[proto::kTagLimit].setUInt32(proto::kTagLimit, 4);
-                 },
-                 &page),
+  ASSERT_EQ(send(
+                kTaskList,
+                [](CR3MRecordV3& r) {
+                  r[proto::kTagSort].setString(proto::kTagSort, "name");
+                  r[proto::kTagStart].setUInt32(proto::kTagStart, 3);
+                  r[proto::kTagLimit].setUInt32(proto::kTagLimit, 4);
+                },
+                &page),
             0);
   ASSERT_EQ(page.size(), 4u);
   for (size_t i = 0; i < 4; ++i) EXPECT_EQ(textCell(page, i, 2), names[3 + i]);
 
   CR3MPackageV3 byProgress;
-  ASSERT_EQ(send(kTaskList,
-                 [](CR3MRecordV3& r) {
-                   r[proto::kTagSort].setString(proto::kTagSort, "-progress");
-                 },
-                 &byProgress),
+  ASSERT_EQ(send(
+                kTaskList,
+                [](CR3MRecordV3& r) { r[proto::kTagSort].setString(proto::kTagSort, "-progress"); },
+                &byProgress),
             0);
   for (size_t i = 1; i < byProgress.size(); ++i) {
     EXPECT_GE(intCell(byProgress, i - 1, 5), intCell(byProgress, i, 5));
@@ -231,7 +235,9 @@ TEST_F(QueryTest, TaskFilters) {
       {R"({"name":"db-crm-full"})", proto::kTagTaskName, "db-crm-full"},
   };
   for (const auto& c : cases) {
-    auto fill = [&](CR3MRecordV3& r) { r[proto::kTagFilter].setString(proto::kTagFilter, c.filter); };
+    auto fill = [&](CR3MRecordV3& r) {
+      r[proto::kTagFilter].setString(proto::kTagFilter, c.filter);
+    };
     CR3MPackageV3 list;
     CR3MPackageV3 count;
     ASSERT_EQ(send(kTaskList, fill, &list), 0) << c.filter;
@@ -241,9 +247,9 @@ TEST_F(QueryTest, TaskFilters) {
     for (size_t i = 0; i < list.size(); ++i) EXPECT_EQ(textCell(list, i, c.tag), c.value);
   }
   CR3MPackageV3 none;
-  ASSERT_EQ(send(kTaskList,
-                 [](CR3MRecordV3& r) { r[4].setString(4, R"({"name":"no such task"})"); },
-                 &none),
+  ASSERT_EQ(send(
+                kTaskList, [](CR3MRecordV3& r) { r[4].setString(4, R"({"name":"no such task"})"); },
+                &none),
             0);
   EXPECT_EQ(none.size(), 0u);
 }
@@ -251,13 +257,13 @@ TEST_F(QueryTest, TaskFilters) {
 TEST_F(QueryTest, TaskBadCells) {
   const char* const filters[] = {
       "not json",
-      "[1,2]",                        // not an object
-      R"({"password":"x"})",          // unknown field
-      R"({"progress":5})",            // sortable, not filterable
-      R"({"status":"running"})",      // a status is a number
+      "[1,2]",                    // not an object
+      R"({"password":"x"})",      // unknown field
+      R"({"progress":5})",        // sortable, not filterable
+      R"({"status":"running"})",  // a status is a number
       R"({"status":1.5})",
-      R"({"name":7})",                // a name is text
-      R"({"id":"1' OR '1'='1"} x)",   // trailing garbage
+      R"({"name":7})",               // a name is text
+      R"({"id":"1' OR '1'='1"} x)",  // trailing garbage
   };
   for (const char* f : filters) {
     auto fill = [&](CR3MRecordV3& r) { r[proto::kTagFilter].setString(proto::kTagFilter, f); };
@@ -282,22 +288,25 @@ TEST_F(QueryTest, TaskBadCells) {
 
 TEST_F(QueryTest, FilterValuesAreDataNotSql) {
   CR3MPackageV3 list;
-  ASSERT_EQ(send(kTaskList,
-                 [](CR3MRecordV3& r) { r[4].setString(4, R"({"id":"1' OR '1'='1"})"); }, &list),
-            0);
+  ASSERT_EQ(
+      send(
+          kTaskList, [](CR3MRecordV3& r) { r[4].setString(4, R"({"id":"1' OR '1'='1"})"); }, &list),
+      0);
   EXPECT_EQ(list.size(), 0u);
 }
 
 TEST_F(QueryTest, FailedTaskDetailAndErrorInformation) {
   CR3MPackageV3 failed;
-  ASSERT_EQ(send(kTaskList, [](CR3MRecordV3& r) { r[4].setString(4, R"({"status":5})"); },
-                 &failed),
+  ASSERT_EQ(send(
+                kTaskList, [](CR3MRecordV3& r) { r[4].setString(4, R"({"status":5})"); }, &failed),
             0);
   ASSERT_GE(failed.size(), 3u);
   for (size_t i = 0; i < failed.size(); ++i) {
     const std::string id = textCell(failed, i, proto::kTagTaskId);
     CR3MPackageV3 one;
-    ASSERT_EQ(send(kTaskById, [&](CR3MRecordV3& r) { r[0].setString(0, id); }, &one), 0);
+    ASSERT_EQ(send(
+                  kTaskById, [&](CR3MRecordV3& r) { r[0].setString(0, id); }, &one),
+              0);
     ASSERT_EQ(one.size(), 1u);
     const CTLVCell* error = one[0].find(proto::kTagTaskErrorInfo);
     ASSERT_NE(error, nullptr) << id;
@@ -324,7 +333,9 @@ TEST_F(QueryTest, FailedTaskDetailAndErrorInformation) {
 
 TEST_F(QueryTest, SucceededTaskHasNoErrorInformation) {
   CR3MPackageV3 one;
-  ASSERT_EQ(send(kTaskById, [](CR3MRecordV3& r) { r[0].setString(0, "1001"); }, &one), 0);
+  ASSERT_EQ(send(
+                kTaskById, [](CR3MRecordV3& r) { r[0].setString(0, "1001"); }, &one),
+            0);
   EXPECT_EQ(intCell(one, 0, proto::kTagTaskStatus), 3);
   EXPECT_EQ(one[0].find(proto::kTagTaskErrorInfo), nullptr);
   EXPECT_GT(intCell(one, 0, proto::kTagTaskEndTime), intCell(one, 0, proto::kTagTaskStartTime));
@@ -335,11 +346,14 @@ TEST_F(QueryTest, TaskByIdRefusals) {
             proto::kErrNotFound);
   EXPECT_EQ(send(kTaskById, [](CR3MRecordV3& r) { r[0].setString(0, ""); }), proto::kErrNotFound);
   EXPECT_EQ(send(kTaskById, nullptr), proto::kErrInvalidArgument);
-  EXPECT_EQ(send(kTaskById, [](CR3MRecordV3& r) { r[0].set_i(CTLVCell::TLV_BINARY, 0, nullptr, 4); }),
-            proto::kErrInvalidArgument);
+  EXPECT_EQ(
+      send(kTaskById, [](CR3MRecordV3& r) { r[0].set_i(CTLVCell::TLV_BINARY, 0, nullptr, 4); }),
+      proto::kErrInvalidArgument);
   // A numeric identifier means the same task.
   CR3MPackageV3 one;
-  EXPECT_EQ(send(kTaskById, [](CR3MRecordV3& r) { r[0].setUInt32(0, 1002); }, &one), 0);
+  EXPECT_EQ(send(
+                kTaskById, [](CR3MRecordV3& r) { r[0].setUInt32(0, 1002); }, &one),
+            0);
   EXPECT_EQ(textCell(one, 0, proto::kTagTaskId), "1002");
 }
 
@@ -358,7 +372,8 @@ TEST_F(QueryTest, StorageConfigurationWhenHealthy) {
   EXPECT_EQ(textCell(reply, 0, proto::kTagResultParams), "");
   EXPECT_EQ(intCell(reply, 0, proto::kTagStorageType), 2);
   EXPECT_EQ(textCell(reply, 0, proto::kTagStoragePath), "/mnt/nox/dbbackup");
-  EXPECT_GT(intCell(reply, 0, proto::kTagStorageCapacity), intCell(reply, 0, proto::kTagStorageUsed));
+  EXPECT_GT(intCell(reply, 0, proto::kTagStorageCapacity),
+            intCell(reply, 0, proto::kTagStorageUsed));
   EXPECT_EQ(intCell(reply, 0, proto::kTagStorageRetention), 30);
   EXPECT_EQ(textCell(reply, 0, proto::kTagStorageName), "dbbackup-nfs-01");
 }
@@ -486,9 +501,10 @@ TEST_F(QueryTest, EndTimeBeyondTheSignedRangeMeansNoLimit) {
   CR3MPackageV3 all;
   CR3MPackageV3 open;
   ASSERT_EQ(send(kAlarmCountCommand, nullptr, &all), 0);
-  ASSERT_EQ(send(kAlarmCountCommand,
-                 [](CR3MRecordV3& r) { r[proto::kTagEndTime].setUInt64(proto::kTagEndTime, ~0ULL); },
-                 &open),
+  ASSERT_EQ(send(
+                kAlarmCountCommand,
+                [](CR3MRecordV3& r) { r[proto::kTagEndTime].setUInt64(proto::kTagEndTime, ~0ULL); },
+                &open),
             0);
   EXPECT_EQ(intCell(open, 0, proto::kTagTotal), intCell(all, 0, proto::kTagTotal));
 }
@@ -497,11 +513,11 @@ TEST_F(QueryTest, CellsOfAnyShapeNeverCrash) {
   // Every command, every tag it reads, every cell type at lengths that are
   // too short, too long or unterminated: the answer is a code, never a crash
   // (the sanitizer builds run this too).
-  const uint32_t commands[] = {proto::kCertTempPath, proto::kCertCheck,  proto::kCrlImportPath,
-                               proto::kCrlSave,      proto::kImportEvent, kAlarmListCommand,
-                               kAlarmCountCommand,   kTaskList,          kTaskCount,
-                               kTaskById,            kStorageConf,       proto::kLogin,
-                               proto::kLogout};
+  const uint32_t commands[] = {
+      proto::kCertTempPath, proto::kCertCheck, proto::kCrlImportPath, proto::kCrlSave,
+      proto::kImportEvent,  kAlarmListCommand, kAlarmCountCommand,    kTaskList,
+      kTaskCount,           kTaskById,         kStorageConf,          proto::kLogin,
+      proto::kLogout};
   const unsigned short tags[] = {0, 1, 2, 3, 4, 5, 6, proto::kTagPath};
   const unsigned long lengths[] = {0, 1, 2, 3, 4, 7, 8, 9, 64};
   const std::set<long long> allowed = {0,
@@ -519,9 +535,9 @@ TEST_F(QueryTest, CellsOfAnyShapeNeverCrash) {
           const long long code = send(command, [&](CR3MRecordV3& r) {
             r[tag].set_i(static_cast<CTLVCell::ETLVType>(type), tag, &bytes[0], length);
           });
-          EXPECT_EQ(allowed.count(code), 1u) << std::hex << command << " tag " << std::dec << tag
-                                             << " type " << type << " length " << length
-                                             << " -> " << std::hex << code;
+          EXPECT_EQ(allowed.count(code), 1u)
+              << std::hex << command << " tag " << std::dec << tag << " type " << type << " length "
+              << length << " -> " << std::hex << code;
         }
       }
     }

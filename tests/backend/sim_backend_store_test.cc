@@ -1,10 +1,8 @@
 // The data folder: creation, seeding on first start, and everything kept
 // across a restart.
-#include <sys/stat.h>
-
-#include <json/json.h>
-
 #include <gtest/gtest.h>
+#include <json/json.h>
+#include <sys/stat.h>
 
 #include <cctype>
 

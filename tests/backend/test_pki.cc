@@ -16,7 +16,7 @@ namespace {
 
 std::unique_ptr<EVP_PKEY, KeyFree> makeKey(const CertProfile& profile) {
   EVP_PKEY* key = profile.ecCurve.empty() ? EVP_RSA_gen(static_cast<unsigned>(profile.rsaBits))
-                                       : EVP_EC_gen(profile.ecCurve.c_str());
+                                          : EVP_EC_gen(profile.ecCurve.c_str());
   if (key == nullptr) die("key generation");
   return std::unique_ptr<EVP_PKEY, KeyFree>(key);
 }
@@ -81,8 +81,8 @@ TestCert makeCert(const CertProfile& profile) {
   return t;
 }
 
-std::string makeCrl(const TestCert& issuer, long nextUpdateOffset,
-                    const std::vector<long>& serials, bool der) {
+std::string makeCrl(const TestCert& issuer, long nextUpdateOffset, const std::vector<long>& serials,
+                    bool der) {
   X509_CRL* crl = X509_CRL_new();
   X509_CRL_set_version(crl, 1);
   X509_CRL_set_issuer_name(crl, X509_get_subject_name(issuer.cert.get()));

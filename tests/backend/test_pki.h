@@ -23,10 +23,10 @@ struct CertFree {
 
 struct CertProfile {
   std::string commonName = "NOX Test Root CA";
-  int rsaBits = 2048;          // used when ecCurve is empty
-  std::string ecCurve;         // e.g. "P-256"
-  bool ca = true;              // basicConstraints CA:TRUE
-  bool keyCertSign = true;     // keyUsage keyCertSign (with cRLSign)
+  int rsaBits = 2048;       // used when ecCurve is empty
+  std::string ecCurve;      // e.g. "P-256"
+  bool ca = true;           // basicConstraints CA:TRUE
+  bool keyCertSign = true;  // keyUsage keyCertSign (with cRLSign)
   std::string digest = "SHA256";
   long notBeforeOffset = -3600;       // seconds from now
   long notAfterOffset = 365 * 86400;  // seconds from now
@@ -45,7 +45,7 @@ TestCert makeCert(const CertProfile& profile);
 
 // A CRL issued in the name of `issuer`, signed with its key, whose next update
 // is `nextUpdateOffset` seconds from now, revoking `serials`. PEM unless `der`.
-std::string makeCrl(const TestCert& issuer, long nextUpdateOffset,
-                    const std::vector<long>& serials, bool der = false);
+std::string makeCrl(const TestCert& issuer, long nextUpdateOffset, const std::vector<long>& serials,
+                    bool der = false);
 
 #endif  // NOX_TESTS_BACKEND_TEST_PKI_H_
