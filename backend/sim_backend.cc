@@ -402,7 +402,8 @@ long long SimulatedBackend::Impl::dispatch(const TlvCall& call, const CR3MRecord
       break;
   }
   if ((command >> 16) == proto::kTaskObjType) return tasks(call, request, reply);
-  if (command == proto::moCommand(0x62, 0xDE)) return storageConf(call, request, reply);
+  if (command == proto::moCommand(proto::kStorageConfObjType, proto::kStorageConfOpCode))
+    return storageConf(call, request, reply);
   guard.warn(0, "handle", __LINE__, "unknown command 0x%08X", command);
   return proto::kErrUnknownCommand;
 }

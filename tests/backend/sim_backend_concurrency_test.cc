@@ -55,7 +55,9 @@ TEST_F(ConcurrencyTest, EightThreadsMixingEveryCommand) {
                       r[0].setString(0, std::to_string(1001 + (t * kRounds + i) % 26));
                     }),
                0);
-        expect(send(proto::moCommand(0x62, 0xDE), nullptr), 0);
+        expect(
+            send(proto::moCommand(proto::kStorageConfObjType, proto::kStorageConfOpCode), nullptr),
+            0);
         expect(send(
                    proto::kImportEvent,
                    [&](CR3MRecordV3& r) {

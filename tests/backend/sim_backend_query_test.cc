@@ -19,7 +19,8 @@ const uint32_t kAlarmCountCommand = static_cast<uint32_t>(proto::kAlarmCount);
 const uint32_t kTaskList = proto::moCommand(proto::kTaskObjType, proto::kMoList);
 const uint32_t kTaskCount = proto::moCommand(proto::kTaskObjType, proto::kMoCount);
 const uint32_t kTaskById = proto::moCommand(proto::kTaskObjType, proto::kMoGetById);
-const uint32_t kStorageConf = proto::moCommand(0x62, 0xDE);
+const uint32_t kStorageConf =
+    proto::moCommand(proto::kStorageConfObjType, proto::kStorageConfOpCode);
 
 class QueryTest : public BackendTest {};
 
