@@ -220,6 +220,9 @@ void taskRecord(const Statement& row, CR3MRecordV3& r) {
 
 }  // namespace
 
+// The backend's state. Folders, first-start facts and the decoy hash are set
+// by open() and only read afterwards; the store is used under its Lock, the
+// login failure counts under loginMutex.
 struct SimulatedBackend::Impl {
   std::string dataDir;
   std::string tmpDir;
