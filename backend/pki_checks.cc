@@ -92,8 +92,8 @@ long long epochOf(const ASN1_TIME* t) {
 std::string sha256Hex(const unsigned char* der, int length) {
   unsigned char md[EVP_MAX_MD_SIZE];
   unsigned int size = 0;
-  if (length <= 0 || EVP_Digest(der, static_cast<size_t>(length), md, &size, EVP_sha256(),
-                                nullptr) != 1) {
+  if (length <= 0 ||
+      EVP_Digest(der, static_cast<size_t>(length), md, &size, EVP_sha256(), nullptr) != 1) {
     return std::string();
   }
   return toHex(std::string(reinterpret_cast<const char*>(md), size));

@@ -46,7 +46,7 @@ struct CrlInfo {
   std::string issuer;             // RFC 2253 text
   long long thisUpdate = 0;
   long long nextUpdate = 0;
-  long long revoked = 0;          // number of revoked serials
+  long long revoked = 0;  // number of revoked serials
 };
 
 // Checks `bytes` as a CRL against the accepted CAs `caPems` at time `now`:

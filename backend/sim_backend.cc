@@ -1,11 +1,8 @@
 #include "sim_backend.h"
 
-#include <dirent.h>
-#include <fcntl.h>
+#include <json/json.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <json/json.h>
 
 #include <atomic>
 #include <cerrno>
@@ -20,19 +17,18 @@
 #include <vector>
 
 #include "backend_protocol.h"
+#include "data_folder.h"
 #include "demo_seed.h"
 #include "password_hash.h"
 #include "pki_checks.h"
 #include "qpn_debug_kit.h"
+#include "request_cells.h"
 #include "sqlite_store.h"
 
 namespace {
 
 constexpr int kTraceModule = 30;
 constexpr char kDatabaseFile[] = "nox.db";
-// Larger uploads are refused by the plug-in already; this bounds what the
-// backend reads from a folder it shares with it.
-constexpr off_t kMaxUploadBytes = 2 * 1024 * 1024;
 // A name whose logins failed this often in a row waits kLoginLockSeconds.
 constexpr int kMaxFailedLogins = 5;
 constexpr long long kLoginLockSeconds = 60;
@@ -105,188 +101,7 @@ CREATE TABLE IF NOT EXISTS crls(
   imported INTEGER NOT NULL);
 )sql";
 
-// Raised for a request cell that is missing, of the wrong type or truncated.
-class BadRequest : public std::runtime_error {
- public:
-  explicit BadRequest(const std::string& what) : std::runtime_error(what) {}
-};
-
 long long nowSeconds() { return static_cast<long long>(time(nullptr)); }
-
-// The text of a string cell: its bytes up to the terminating zero, which must
-// lie within the cell's length. Returns false when the cell is absent.
-bool readText(const CR3MRecordV3& record, unsigned short tag, std::string* out) {
-  const CTLVCell* cell = record.find(tag);
-  if (cell == nullptr) return false;
-  const unsigned char* bytes = cell->data();
-  const unsigned length = cell->getLength();
-  if (cell->getType() != CTLVCell::TLV_STRING || bytes == nullptr || length == 0) {
-    throw BadRequest("cell " + std::to_string(tag) + " is not a text");
-  }
-  const void* end = std::memchr(bytes, 0, length);
-  if (end == nullptr) throw BadRequest("cell " + std::to_string(tag) + " is truncated");
-  out->assign(reinterpret_cast<const char*>(bytes),
-              static_cast<const unsigned char*>(end) - bytes);
-  return true;
-}
-
-std::string requireText(const CR3MRecordV3& record, unsigned short tag) {
-  std::string text;
-  if (!readText(record, tag, &text)) throw BadRequest("cell " + std::to_string(tag) + " missing");
-  return text;
-}
-
-// The value of a numeric cell. Returns false when the cell is absent.
-bool readInt(const CR3MRecordV3& record, unsigned short tag, long long* out) {
-  const CTLVCell* cell = record.find(tag);
-  if (cell == nullptr) return false;
-  const unsigned length = cell->getLength();
-  if (length == 0 || length > 8 || cell->data() == nullptr) {
-    throw BadRequest("cell " + std::to_string(tag) + " has no number");
-  }
-  try {
-    *out = cell->toInt64();
-  } catch (const QPNException&) {
-    throw BadRequest("cell " + std::to_string(tag) + " is not numeric");
-  }
-  return true;
-}
-
-long long requireInt(const CR3MRecordV3& record, unsigned short tag) {
-  long long value = 0;
-  if (!readInt(record, tag, &value)) {
-    throw BadRequest("cell " + std::to_string(tag) + " missing");
-  }
-  return value;
-}
-
-// A non-negative count from an optional cell.
-long long optionalCount(const CR3MRecordV3& record, unsigned short tag, long long fallback) {
-  long long value = fallback;
-  if (readInt(record, tag, &value) && value < 0) {
-    throw BadRequest("cell " + std::to_string(tag) + " is negative");
-  }
-  return value;
-}
-
-void requireImportTarget(const CR3MRecordV3& record) {
-  if (requireInt(record, 0) != proto::kImportTarget) throw BadRequest("unknown import target");
-}
-
-bool makeFolder(const std::string& path, std::string* error) {
-  if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
-    *error = "cannot create " + path + ": " + std::strerror(errno);
-    return false;
-  }
-  struct stat st;
-  if (lstat(path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
-    *error = path + " is not a folder";
-    return false;
-  }
-  // The folder holds password hashes and accepted CAs: owner only.
-  if ((st.st_mode & 0777) != 0700 && chmod(path.c_str(), 0700) != 0) {
-    *error = "cannot restrict " + path + ": " + std::strerror(errno);
-    return false;
-  }
-  return true;
-}
-
-bool makeFolders(const std::string& path, std::string* error) {
-  if (path.empty()) {
-    *error = "no data folder given";
-    return false;
-  }
-  // Parents first; only those this call creates get mode 0700.
-  for (size_t slash = path.find('/', 1); slash != std::string::npos;
-       slash = path.find('/', slash + 1)) {
-    const std::string parent = path.substr(0, slash);
-    if (mkdir(parent.c_str(), 0700) != 0 && errno != EEXIST) {
-      *error = "cannot create " + parent + ": " + std::strerror(errno);
-      return false;
-    }
-  }
-  return makeFolder(path, error);
-}
-
-// Removes the plain files of `dir` (leftovers of uploads a crash interrupted).
-void emptyFolder(const std::string& dir) {
-  DIR* d = opendir(dir.c_str());
-  if (d == nullptr) return;
-  while (struct dirent* e = readdir(d)) {
-    const std::string name = e->d_name;
-    if (name == "." || name == "..") continue;
-    const std::string path = dir + "/" + name;
-    struct stat st;
-    if (lstat(path.c_str(), &st) == 0 && !S_ISDIR(st.st_mode)) unlink(path.c_str());
-  }
-  closedir(d);
-}
-
-// True when `path` is `dir` + "/" + one plain name: no deeper folder, no "..",
-// so a path handed back by a client cannot leave `dir`.
-bool directChild(const std::string& dir, const std::string& path) {
-  if (path.size() <= dir.size() + 1 || path.compare(0, dir.size(), dir) != 0 ||
-      path[dir.size()] != '/') {
-    return false;
-  }
-  const std::string name = path.substr(dir.size() + 1);
-  return name.find('/') == std::string::npos && name != "." && name != "..";
-}
-
-enum class ReadResult { kOk, kMissing, kRefused };
-
-// Reads a regular file without following a symbolic link.
-ReadResult readUpload(const std::string& path, std::string* bytes) {
-  const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
-  if (fd < 0) return errno == ENOENT ? ReadResult::kMissing : ReadResult::kRefused;
-  struct stat st;
-  if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size > kMaxUploadBytes) {
-    close(fd);
-    return ReadResult::kRefused;
-  }
-  bytes->clear();
-  char buffer[16384];
-  for (;;) {
-    const ssize_t n = read(fd, buffer, sizeof(buffer));
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) {
-      close(fd);
-      return ReadResult::kRefused;
-    }
-    if (n == 0) break;
-    bytes->append(buffer, static_cast<size_t>(n));
-    if (bytes->size() > static_cast<size_t>(kMaxUploadBytes)) {
-      close(fd);
-      return ReadResult::kRefused;
-    }
-  }
-  close(fd);
-  return ReadResult::kOk;
-}
-
-// Writes `bytes` to `path` (mode 0600) through a temporary name, so that a
-// crash leaves the old file or the new one, never half of it.
-bool writeWhole(const std::string& path, const std::string& bytes) {
-  const std::string temp = path + ".new";
-  const int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
-  if (fd < 0) return false;
-  size_t done = 0;
-  while (done < bytes.size()) {
-    const ssize_t n = write(fd, bytes.data() + done, bytes.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) {
-      close(fd);
-      unlink(temp.c_str());
-      return false;
-    }
-    done += static_cast<size_t>(n);
-  }
-  if (fsync(fd) != 0 || close(fd) != 0 || rename(temp.c_str(), path.c_str()) != 0) {
-    unlink(temp.c_str());
-    return false;
-  }
-  return true;
-}
 
 // The task fields a list may be sorted and filtered by, and their columns.
 struct TaskField {
@@ -324,11 +139,12 @@ TaskQuery parseTaskFilter(const std::string& text) {
   TaskQuery q;
   if (text.empty()) return q;
   Json::CharReaderBuilder builder;
+  builder["failIfExtra"] = true;
+  builder["rejectDupKeys"] = true;
   std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
   Json::Value root;
   std::string errors;
-  if (!reader->parse(text.data(), text.data() + text.size(), &root, &errors) ||
-      !root.isObject()) {
+  if (!reader->parse(text.data(), text.data() + text.size(), &root, &errors) || !root.isObject()) {
     throw BadRequest("filter is not a JSON object");
   }
   // Members are visited in sorted order, so equal filters make equal SQL and
@@ -339,12 +155,17 @@ TaskQuery parseTaskFilter(const std::string& text) {
     const Json::Value& v = root[key];
     std::string value;
     if (field->numeric) {
+      // Blanks around digits are forgiven: a JSON writer may have added a
+      // line feed when it turned a number into text.
+      std::string digits = v.isString() ? v.asString() : std::string();
+      const size_t first = digits.find_first_not_of(" \t\r\n");
+      const size_t last = digits.find_last_not_of(" \t\r\n");
+      digits = first == std::string::npos ? std::string() : digits.substr(first, last - first + 1);
       if (v.isIntegral()) {
         value = std::to_string(v.asLargestInt());
-      } else if (v.isString() && !v.asString().empty() &&
-                 v.asString().find_first_not_of("0123456789") == std::string::npos &&
-                 v.asString().size() < 10) {
-        value = v.asString();
+      } else if (!digits.empty() && digits.find_first_not_of("0123456789") == std::string::npos &&
+                 digits.size() < 10) {
+        value = digits;
       } else {
         throw BadRequest("filter value of " + key + " is not a number");
       }
@@ -399,6 +220,9 @@ void taskRecord(const Statement& row, CR3MRecordV3& r) {
 
 }  // namespace
 
+// The backend's state. Folders, first-start facts and the decoy hash are set
+// by open() and only read afterwards; the store is used under its Lock, the
+// login failure counts under loginMutex.
 struct SimulatedBackend::Impl {
   std::string dataDir;
   std::string tmpDir;
@@ -549,7 +373,9 @@ void SimulatedBackend::Impl::seed(const std::string& password) {
       .bind(5, c.used)
       .bind(6, c.retentionDays)
       .run();
-  store.statement("INSERT INTO meta(key, value) VALUES('seeded', ?)").bind(1, std::to_string(now)).run();
+  store.statement("INSERT INTO meta(key, value) VALUES('seeded', ?)")
+      .bind(1, std::to_string(now))
+      .run();
   tx.commit();
 }
 
@@ -579,14 +405,14 @@ long long SimulatedBackend::Impl::dispatch(const TlvCall& call, const CR3MRecord
       break;
   }
   if ((command >> 16) == proto::kTaskObjType) return tasks(call, request, reply);
-  if (command == proto::moCommand(0x62, 0xDE)) return storageConf(call, request, reply);
+  if (command == proto::moCommand(proto::kStorageConfObjType, proto::kStorageConfOpCode))
+    return storageConf(call, request, reply);
   guard.warn(0, "handle", __LINE__, "unknown command 0x%08X", command);
   return proto::kErrUnknownCommand;
 }
 
-long long SimulatedBackend::Impl::newUploadPath(const CR3MRecordV3& request,
-                                                const std::string& dir, const char* prefix,
-                                                CR3MPackageV3& reply) {
+long long SimulatedBackend::Impl::newUploadPath(const CR3MRecordV3& request, const std::string& dir,
+                                                const char* prefix, CR3MPackageV3& reply) {
   requireImportTarget(request);
   // 128 random bits: unique without a lock, and nothing of the client's in it.
   const std::string path = dir + "/" + prefix + toHex(randomBytes(16)) + ".upload";
@@ -595,8 +421,7 @@ long long SimulatedBackend::Impl::newUploadPath(const CR3MRecordV3& request,
   return 0;
 }
 
-long long SimulatedBackend::Impl::checkCertificate(const TlvCall& call,
-                                                   const CR3MRecordV3& request,
+long long SimulatedBackend::Impl::checkCertificate(const TlvCall& call, const CR3MRecordV3& request,
                                                    CQPNDebugKitGuard& guard) {
   requireImportTarget(request);
   const std::string path = requireText(request, proto::kTagPath);
@@ -676,8 +501,7 @@ long long SimulatedBackend::Impl::saveCrl(const TlvCall& call, const CR3MRecordV
   }
   const std::string file = crlDir + "/" + crl.fingerprint + ".crl";
   if (!writeWhole(file, crl.pem)) {
-    guard.error(0, "saveCrl", __LINE__, "cannot write %s: %s", file.c_str(),
-                std::strerror(errno));
+    guard.error(0, "saveCrl", __LINE__, "cannot write %s: %s", file.c_str(), std::strerror(errno));
     return proto::kErrStorage;
   }
   SqliteStore::Transaction tx(store);
@@ -733,13 +557,12 @@ long long SimulatedBackend::Impl::alarms(const TlvCall& call, const CR3MRecordV3
   long long severity = 0;
   const bool bySeverity = readInt(request, proto::kTagSeverity, &severity);
   if (bySeverity && (severity < 1 || severity > 4)) throw BadRequest("severity out of range");
-  const long long begin = optionalCount(request, proto::kTagBeginTime, 0);
-  const long long end = optionalCount(request, proto::kTagEndTime, LLONG_MAX);
+  const long long begin = optionalTime(request, proto::kTagBeginTime, 0);
+  const long long end = optionalTime(request, proto::kTagEndTime, LLONG_MAX);
   long long history = 0;
   readInt(request, proto::kTagHistory, &history);  // validated; every alarm is history
 
-  const char* where =
-      " WHERE (?1 = 0 OR severity = ?1) AND occur_time >= ?2 AND occur_time <= ?3";
+  const char* where = " WHERE (?1 = 0 OR severity = ?1) AND occur_time >= ?2 AND occur_time <= ?3";
   SqliteStore::Lock lock(store, storeWait(call));
   if (!lock.held()) return kErrBackendTimeout;
   long long total = 0;
@@ -775,10 +598,16 @@ long long SimulatedBackend::Impl::tasks(const TlvCall& call, const CR3MRecordV3&
                                         CR3MPackageV3& reply) {
   const uint32_t operation = request.command() & 0xFFFF;
   if (operation == proto::kMoGetById) {
-    std::string id;
-    if (!readText(request, proto::kTagObjectId, &id)) {
-      id = std::to_string(requireInt(request, proto::kTagObjectId));
+    // The identifier is text; a numeric cell names the same task.
+    const CTLVCell* cell = request.find(proto::kTagObjectId);
+    bool numeric = cell != nullptr;
+    try {
+      if (cell != nullptr) cell->checkNumerical();
+    } catch (const QPNException&) {
+      numeric = false;
     }
+    const std::string id = numeric ? std::to_string(requireInt(request, proto::kTagObjectId))
+                                   : requireText(request, proto::kTagObjectId);
     SqliteStore::Lock lock(store, storeWait(call));
     if (!lock.held()) return kErrBackendTimeout;
     Statement row = store.statement(std::string(kTaskColumns) + " WHERE id = ?");
@@ -816,8 +645,8 @@ long long SimulatedBackend::Impl::tasks(const TlvCall& call, const CR3MRecordV3&
   }
   SqliteStore::Lock lock(store, storeWait(call));
   if (!lock.held()) return kErrBackendTimeout;
-  Statement rows = store.statement(std::string(kTaskColumns) + query.where + " ORDER BY " +
-                                   order + " LIMIT ? OFFSET ?");
+  Statement rows = store.statement(std::string(kTaskColumns) + query.where + " ORDER BY " + order +
+                                   " LIMIT ? OFFSET ?");
   bindTaskQuery(rows, query);
   const int next = static_cast<int>(query.textValues.size()) + 1;
   rows.bind(next, limit).bind(next + 1, start);

@@ -85,7 +85,8 @@ bool SqliteStore::open(const std::string& path, std::string* error) {
   const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
   if (sqlite3_open_v2(path.c_str(), &db_, flags, nullptr) != SQLITE_OK) {
     if (error != nullptr) {
-      *error = "cannot open " + path + ": " + (db_ != nullptr ? sqlite3_errmsg(db_) : "out of memory");
+      *error =
+          "cannot open " + path + ": " + (db_ != nullptr ? sqlite3_errmsg(db_) : "out of memory");
     }
     if (db_ != nullptr) sqlite3_close(db_);
     db_ = nullptr;
@@ -136,6 +137,26 @@ std::string SqliteStore::lastError() const {
 
 void SqliteStore::fail(const std::string& what) const {
   throw StoreError(what + ": " + lastError());
+}
+
+SqliteStore::Lock::Lock(SqliteStore& store, std::chrono::milliseconds wait) : store_(store) {
+  std::unique_lock<std::mutex> lock(store_.mutex_);
+  held_ = store_.released_.wait_for(lock, wait, [this] { return !store_.busy_; });
+  if (!held_) return;
+  store_.busy_ = true;
+  // Another process holding the database makes SQLite wait too; never longer
+  // than this call is willing to.
+  const long long ms = wait.count() < kBusyTimeoutMs ? wait.count() : kBusyTimeoutMs;
+  if (store_.db_ != nullptr) sqlite3_busy_timeout(store_.db_, static_cast<int>(ms));
+}
+
+SqliteStore::Lock::~Lock() {
+  if (!held_) return;
+  {
+    std::lock_guard<std::mutex> lock(store_.mutex_);
+    store_.busy_ = false;
+  }
+  store_.released_.notify_one();
 }
 
 SqliteStore::Transaction::Transaction(SqliteStore& store) : store_(store) {

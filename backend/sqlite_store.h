@@ -20,6 +20,7 @@
 #define NOX_BACKEND_SQLITE_STORE_H_
 
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <map>
 #include <mutex>
@@ -91,17 +92,18 @@ class SqliteStore {
   // SQLite's text for the connection's last error.
   std::string lastError() const;
 
-  // Exclusive use of the connection, waiting at most `wait`.
+  // Exclusive use of the connection, waiting at most `wait`; released when
+  // the Lock goes out of scope.
   class Lock {
    public:
-    Lock(SqliteStore& store, std::chrono::milliseconds wait)
-        : lock_(store.mutex_, std::defer_lock) {
-      held_ = lock_.try_lock_for(wait);
-    }
+    Lock(SqliteStore& store, std::chrono::milliseconds wait);
+    ~Lock();
+    Lock(const Lock&) = delete;
+    Lock& operator=(const Lock&) = delete;
     bool held() const { return held_; }
 
    private:
-    std::unique_lock<std::timed_mutex> lock_;
+    SqliteStore& store_;
     bool held_ = false;
   };
 
@@ -125,7 +127,12 @@ class SqliteStore {
   [[noreturn]] void fail(const std::string& what) const;
 
   sqlite3* db_ = nullptr;
-  std::timed_mutex mutex_;
+  // A flag under a plain mutex and a condition variable rather than a
+  // std::timed_mutex: the same waiting with a time limit, and one that the
+  // thread sanitizer understands.
+  std::mutex mutex_;
+  std::condition_variable released_;
+  bool busy_ = false;
   std::map<std::string, sqlite3_stmt*> cache_;
 };
 
