@@ -192,10 +192,11 @@ CQPNDebugKit* CQPNDebugKitMgr::find(int moduleId) {
     for (int i = 0; i < 64; ++i) fixed[i] = new CQPNDebugKit(i);
   });
   if (moduleId >= 0 && moduleId < 64) return fixed[moduleId];
-  static std::mutex m;
-  static std::map<int, CQPNDebugKit*> others;
-  std::lock_guard<std::mutex> lock(m);
-  CQPNDebugKit*& kit = others[moduleId];
+  // Never destroyed: records may be written while static objects go away.
+  static std::mutex* m = new std::mutex();
+  static std::map<int, CQPNDebugKit*>* others = new std::map<int, CQPNDebugKit*>();
+  std::lock_guard<std::mutex> lock(*m);
+  CQPNDebugKit*& kit = (*others)[moduleId];
   if (kit == nullptr) kit = new CQPNDebugKit(moduleId);
   return kit;
 }
