@@ -47,12 +47,15 @@ std::string format(const char* fmt, va_list args) {
   char small[512];
   va_list copy;
   va_copy(copy, args);
-  const int n = std::vsnprintf(small, sizeof(small), fmt, copy);
+  // The analyzer cannot see that `args` comes from the caller's va_start.
+  const int n = std::vsnprintf(small, sizeof(small), fmt, copy);  // NOLINT(clang-analyzer-valist.Uninitialized)
   va_end(copy);
   if (n < 0) return std::string(fmt);
   if (static_cast<size_t>(n) < sizeof(small)) return std::string(small, static_cast<size_t>(n));
   std::string out(static_cast<size_t>(n) + 1, '\0');
-  std::vsnprintf(&out[0], out.size(), fmt, args);
+  va_copy(copy, args);
+  std::vsnprintf(&out[0], out.size(), fmt, copy);
+  va_end(copy);
   out.resize(static_cast<size_t>(n));
   return out;
 }
