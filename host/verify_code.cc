@@ -66,7 +66,7 @@ void VerifyCodeStore::issue(std::string* challengeId, std::string* code) {
   Challenge& challenge = challenges_[id];
   challenge.code = newCode;
   challenge.issued = now;
-  challenge.serial = nextSerial_++;
+  order_.emplace_back(now, id);
   *challengeId = id;
   *code = newCode;
 }
@@ -96,6 +96,7 @@ size_t VerifyCodeStore::size() {
 void VerifyCodeStore::clear() {
   std::lock_guard<std::mutex> lock(mutex_);
   challenges_.clear();
+  order_.clear();
 }
 
 void VerifyCodeStore::setClock(time_t (*clock)()) {
@@ -104,19 +105,10 @@ void VerifyCodeStore::setClock(time_t (*clock)()) {
 }
 
 void VerifyCodeStore::pruneLocked(time_t now) {
-  for (auto it = challenges_.begin(); it != challenges_.end();) {
-    if (now - it->second.issued >= kLifetime) {
-      it = challenges_.erase(it);
-    } else {
-      ++it;
-    }
-  }
-  while (challenges_.size() >= kMaxLive) {
-    auto oldest = challenges_.begin();
-    for (auto it = challenges_.begin(); it != challenges_.end(); ++it) {
-      if (it->second.serial < oldest->second.serial) oldest = it;
-    }
-    challenges_.erase(oldest);
+  while (!order_.empty() &&
+         (now - order_.front().first >= kLifetime || challenges_.size() >= kMaxLive)) {
+    challenges_.erase(order_.front().second);
+    order_.pop_front();
   }
 }
 

@@ -16,9 +16,11 @@
 #define NOX_HOST_VERIFY_CODE_H_
 
 #include <ctime>
+#include <deque>
 #include <map>
 #include <mutex>
 #include <string>
+#include <utility>
 
 #include "nox_visibility.h"
 
@@ -48,7 +50,6 @@ class HOST_API VerifyCodeStore {
   struct Challenge {
     std::string code;
     time_t issued = 0;
-    unsigned long long serial = 0;
   };
   VerifyCodeStore() = default;
   time_t now() const { return clock_ != nullptr ? clock_() : time(nullptr); }
@@ -57,7 +58,9 @@ class HOST_API VerifyCodeStore {
 
   std::mutex mutex_;
   std::map<std::string, Challenge> challenges_;
-  unsigned long long nextSerial_ = 0;
+  // Identifiers in the order issued (some may be redeemed already), so that
+  // pruning looks only at the oldest.
+  std::deque<std::pair<time_t, std::string>> order_;
   time_t (*clock_)() = nullptr;
 };
 
