@@ -179,6 +179,8 @@ TEST_F(CertImportTest, SuccessWritesFileChecksItAndAnswersTheEnvelope) {
   }
 }
 
+// The certificate routes take every method in isSupport and refuse non-POST
+// only in op; the CRL route refuses earlier. Both behaviours are kept.
 TEST_F(CertImportTest, IsSupportTakesEveryMethodAndMarksOnlyPost) {
   struct Case {
     const char* method;
@@ -441,6 +443,7 @@ TEST_F(CertImportTest, OtherCheckRefusalLogsFailureEventAndRethrows) {
   auto e = postFailing();
   ASSERT_TRUE(e.has_value());
   EXPECT_EQ(e->getErrCode(), 0x60E01D02);
+  EXPECT_EQ(e->getFile(), "host/tlv_msg");  // rethrown as it came
   expectLog(trace_, TraceLevel::kError, "SendMessageForCheckCert", "Failed to sendMessage.");
   EXPECT_FALSE(trace_.hasText("Cert is not safe."));
   EXPECT_TRUE(left(trace_, "SendMessageForCheckCert", "NOK"));
