@@ -1,6 +1,4 @@
 // NOXImportCertOp against the reference host and a scripted backend.
-#include "NOXImportCert.h"
-
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -11,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "NOXImportCert.h"
 #include "qpn_exception.h"
 #include "scripted_backend.h"
 #include "trace_capture.h"
@@ -279,12 +278,12 @@ TEST_F(CertImportTest, RefusedNamesAreWrittenAsOneZeroByteAndStillChecked) {
     const char* name;
     std::string content;
   } cases[] = {
-      {"ca.PEM", "PEM"},        // suffixes compare case-sensitively
-      {"ca.Crt", "CRT"},        // likewise
-      {".pem", "PEM"},          // a name beginning with a dot
-      {"cert", "PEM"},          // no dot: empty suffix
-      {"ca.pem.txt", "PEM"},    // only the last suffix counts
-      {"x.crt", ""},            // empty content
+      {"ca.PEM", "PEM"},                       // suffixes compare case-sensitively
+      {"ca.Crt", "CRT"},                       // likewise
+      {".pem", "PEM"},                         // a name beginning with a dot
+      {"cert", "PEM"},                         // no dot: empty suffix
+      {"ca.pem.txt", "PEM"},                   // only the last suffix counts
+      {"x.crt", ""},                           // empty content
       {"big.PEM", std::string(1048577, 'b')},  // refused before the size is looked at
   };
   for (const Case& c : cases) {
@@ -298,8 +297,7 @@ TEST_F(CertImportTest, RefusedNamesAreWrittenAsOneZeroByteAndStillChecked) {
               "Certificate file is null or suffix error.");
     EXPECT_TRUE(left(trace_, "WriteCertToTempPath", "NOK")) << c.name;
     expectWritten(std::string(1, '\0'));
-    EXPECT_EQ(commandsSent(backend_), (std::vector<uint32_t>{kTempPath, kCheck, kEvent}))
-        << c.name;
+    EXPECT_EQ(commandsSent(backend_), (std::vector<uint32_t>{kTempPath, kCheck, kEvent})) << c.name;
     EXPECT_EQ(eventOutcomes(backend_), (std::vector<long long>{0})) << c.name;
   }
 }
@@ -309,7 +307,8 @@ TEST_F(CertImportTest, ExactlyTheLimitIsAccepted) {
   upload("ca.pem", content);
   EXPECT_EQ(post(), 0);
   expectWritten(content);
-  EXPECT_FALSE(trace_.hasText("Failed to upload certificate file, file size exceed the maximal value."));
+  EXPECT_FALSE(
+      trace_.hasText("Failed to upload certificate file, file size exceed the maximal value."));
 }
 
 TEST_F(CertImportTest, OneByteOverTheLimitThrows2000000001AfterOneFailureEvent) {
@@ -496,9 +495,9 @@ TEST_F(CertImportTest, SendEventBuildsTheFailureRecord) {
   EXPECT_EQ(cellInt(p, 1), 100);
   EXPECT_EQ(cellInt(p, 3), 1);
   EXPECT_EQ(p.cell(2), nullptr);
-  EXPECT_EQ(trace_.traces(), (std::vector<std::string>{"enter SendEvent...", "enter sendMessage...",
-                                                       "leave sendMessage: OK",
-                                                       "leave SendEvent: OK"}));
+  EXPECT_EQ(trace_.traces(),
+            (std::vector<std::string>{"enter SendEvent...", "enter sendMessage...",
+                                      "leave sendMessage: OK", "leave SendEvent: OK"}));
 }
 
 TEST_F(CertImportTest, ChangeCertPermissionSetsMode0640) {

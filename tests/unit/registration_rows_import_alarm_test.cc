@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "NOXHistoryAlarmOp.h"
-#include "abi/abi_slots.h"
 #include "NOXImportCert.h"
 #include "NOXImportCrlOp.h"
+#include "abi/abi_slots.h"
 #include "scripted_backend.h"
 #include "specify_op.h"
 #include "unit/import_test_util.h"
