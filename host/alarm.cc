@@ -175,8 +175,7 @@ int CHistoryAlarmCountOp::op(const std::string& action, const std::string& resou
     count = 0;  // a non-numeric count reads as none
   }
   Json::Value body(Json::objectValue);
-  body[request.getInterfaceVersion() == "v1" ? "count" : "COUNT"] =
-      static_cast<Json::Int64>(count);
+  body[request.getInterfaceVersion() == "v1" ? "count" : "COUNT"] = static_cast<Json::Int64>(count);
   response.getJsonBody() = body;
   response.setContentKind(CResponseMsg::kContentJson);
   return 0;

@@ -1,8 +1,7 @@
 #include "NOXHistoryAlarmOp.h"
 
-#include <strings.h>
-
 #include <json/json.h>
+#include <strings.h>
 
 #include "qpn_debug_kit.h"
 

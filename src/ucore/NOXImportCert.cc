@@ -146,6 +146,9 @@ void NOXImportCertOp::SendEvent(CRequestMsg& request, bool success) {
   }
 }
 
+// The certificate import takes the path by value (the CRL import by
+// reference); the signature is part of the operation's interface.
+// NOLINTNEXTLINE(performance-unnecessary-value-param)
 void NOXImportCertOp::ChangeCertPermission(std::string path) {
   CQPNDebugKitGuard guard(nox_import::kModule, "ChangeCertPermission");
   nox_import::narrowFileMode(path, guard, "Chmod cert filepermission failed.");

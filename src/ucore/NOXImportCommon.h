@@ -51,8 +51,7 @@ void buildImportRequest(CR3MPackageV3& package, uint32_t command, const std::str
 // with the request's interface version, `timeout` and target 0; the backend's
 // answer goes into `reply`. Throws what CTlvMsg::sendMessage throws
 // (QPNExceptionWithErrCode_ with the backend's code on a refusal).
-void sendToBackend(CRequestMsg& request, CR3MPackageV3& package, CR3MPackageV3& reply,
-                   int timeout);
+void sendToBackend(CRequestMsg& request, CR3MPackageV3& package, CR3MPackageV3& reply, int timeout);
 
 // Sends the import event: tag 0 = 2, tag 1 = `kind`, tag 3 = 0 on success and
 // 1 on failure (no tag 2), time-out 5, target 0; the reply is not read.

@@ -29,8 +29,8 @@ bool NOXImportCrlOp::isSupport(const std::string& action, const std::string& res
   return true;
 }
 
-int NOXImportCrlOp::op(const std::string& action, const std::string& resource,
-                       CRequestMsg& request, CResponseMsg& response) {
+int NOXImportCrlOp::op(const std::string& action, const std::string& resource, CRequestMsg& request,
+                       CResponseMsg& response) {
   (void)resource;
   if (!isPost(action)) return -1;
   return importCrl(request, response);

@@ -94,10 +94,14 @@ TEST(QueryAlarmTest, InvalidNumbersAnswer0x03000003WithoutSending) {
     const char* name;
     const char* value;
   } cases[] = {
-      {"start", "abc"},         {"start", "-1"},          {"start", " 1"},
-      {"limit", "1.5"},         {"limit", "4294967296"},  // over 32 bits
-      {"severity", "0"},        {"severity", "5"},        // 1 critical .. 4 warning
-      {"begintime", "18446744073709551616"},              // over 64 bits
+      {"start", "abc"},
+      {"start", "-1"},
+      {"start", " 1"},
+      {"limit", "1.5"},
+      {"limit", "4294967296"},  // over 32 bits
+      {"severity", "0"},
+      {"severity", "5"},                      // 1 critical .. 4 warning
+      {"begintime", "18446744073709551616"},  // over 64 bits
       {"endtime", "12x"},
   };
   for (const Case& c : cases) {
@@ -108,9 +112,10 @@ TEST(QueryAlarmTest, InvalidNumbersAnswer0x03000003WithoutSending) {
     EXPECT_EQ(queryAlarm(proto::kAlarmList, request, response, true), 0x03000003)
         << c.name << "=" << c.value;
     EXPECT_TRUE(backend.sent().empty());
-    EXPECT_EQ(compact(response.getJsonBody()),
-              std::string(R"({"data":null,"error":{"code":50331651,"description":"invalid argument: )") +
-                  c.name + "\"}}");
+    EXPECT_EQ(
+        compact(response.getJsonBody()),
+        std::string(R"({"data":null,"error":{"code":50331651,"description":"invalid argument: )") +
+            c.name + "\"}}");
     EXPECT_EQ(response.getContentKind(), 1u);
   }
 }

@@ -4,6 +4,7 @@
 #ifndef NOX_TESTS_UNIT_IMPORT_TEST_UTIL_H_
 #define NOX_TESTS_UNIT_IMPORT_TEST_UTIL_H_
 
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,8 +15,6 @@
 #include <iterator>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "request_msg.h"
 #include "scripted_backend.h"

@@ -1,7 +1,5 @@
 // The history alarm list and count operations against the reference host's
 // queryAlarm/parseAlarms and a scripted backend.
-#include "NOXHistoryAlarmOp.h"
-
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -9,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "NOXHistoryAlarmOp.h"
 #include "scripted_backend.h"
 #include "trace_capture.h"
 
@@ -131,14 +130,15 @@ TEST(HistoryAlarmCountOpTest, CountsForEveryMethodWithTheMemberOfTheInterface) {
     const char* version;
     const char* body;
   } cases[] = {
-      {"GET", "v1", R"({"count":7})"},  {"POST", "v1", R"({"count":7})"},
+      {"GET", "v1", R"({"count":7})"},    {"POST", "v1", R"({"count":7})"},
       {"DELETE", "v1", R"({"count":7})"}, {"GET", "", R"({"COUNT":7})"},
-      {"POST", "", R"({"COUNT":7})"},   {"DELETE", "", R"({"COUNT":7})"},
-      {"PUT", "", R"({"COUNT":7})"},    {"get", "V1", R"({"COUNT":7})"},  // "V1" is not "v1"
+      {"POST", "", R"({"COUNT":7})"},     {"DELETE", "", R"({"COUNT":7})"},
+      {"PUT", "", R"({"COUNT":7})"},      {"get", "V1", R"({"COUNT":7})"},  // "V1" is not "v1"
   };
   for (const Case& c : cases) {
     ScriptedBackend backend;
-    answerCount(backend, [](CR3MPackageV3& reply) { reply.addRecord(kCountCode, 13)[9].setUInt32(9, 7); });
+    answerCount(backend,
+                [](CR3MPackageV3& reply) { reply.addRecord(kCountCode, 13)[9].setUInt32(9, 7); });
     TraceCapture trace;
     NOXHistoryAlarmCountOp op;
     CRequestMsg request;

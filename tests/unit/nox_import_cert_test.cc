@@ -1,6 +1,4 @@
 // NOXImportCertOp against the reference host and a scripted backend.
-#include "NOXImportCert.h"
-
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -11,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "NOXImportCert.h"
 #include "qpn_exception.h"
 #include "scripted_backend.h"
 #include "trace_capture.h"
@@ -179,6 +178,8 @@ TEST_F(CertImportTest, SuccessWritesFileChecksItAndAnswersTheEnvelope) {
   }
 }
 
+// The certificate routes take every method in isSupport and refuse non-POST
+// only in op; the CRL route refuses earlier. Both behaviours are kept.
 TEST_F(CertImportTest, IsSupportTakesEveryMethodAndMarksOnlyPost) {
   struct Case {
     const char* method;
@@ -237,6 +238,8 @@ TEST_F(CertImportTest, NoUploadThrows0x03000003AfterOneFailureEvent) {
             "Failed to upload certificate file, empty content.");
   EXPECT_TRUE(left(trace_, "WriteCertToTempPath", "NOK"));
   EXPECT_EQ(eventOutcomes(backend_), (std::vector<long long>{1}));
+  // The exception passes through importCert without further logging.
+  EXPECT_TRUE(left(trace_, "importCert", "OK"));
   EXPECT_TRUE(backend_.sent(kCheck).empty());
   EXPECT_FALSE(import_test::fileExists(path_));
 }
@@ -277,12 +280,12 @@ TEST_F(CertImportTest, RefusedNamesAreWrittenAsOneZeroByteAndStillChecked) {
     const char* name;
     std::string content;
   } cases[] = {
-      {"ca.PEM", "PEM"},        // suffixes compare case-sensitively
-      {"ca.Crt", "CRT"},        // likewise
-      {".pem", "PEM"},          // a name beginning with a dot
-      {"cert", "PEM"},          // no dot: empty suffix
-      {"ca.pem.txt", "PEM"},    // only the last suffix counts
-      {"x.crt", ""},            // empty content
+      {"ca.PEM", "PEM"},                       // suffixes compare case-sensitively
+      {"ca.Crt", "CRT"},                       // likewise
+      {".pem", "PEM"},                         // a name beginning with a dot
+      {"cert", "PEM"},                         // no dot: empty suffix
+      {"ca.pem.txt", "PEM"},                   // only the last suffix counts
+      {"x.crt", ""},                           // empty content
       {"big.PEM", std::string(1048577, 'b')},  // refused before the size is looked at
   };
   for (const Case& c : cases) {
@@ -296,8 +299,7 @@ TEST_F(CertImportTest, RefusedNamesAreWrittenAsOneZeroByteAndStillChecked) {
               "Certificate file is null or suffix error.");
     EXPECT_TRUE(left(trace_, "WriteCertToTempPath", "NOK")) << c.name;
     expectWritten(std::string(1, '\0'));
-    EXPECT_EQ(commandsSent(backend_), (std::vector<uint32_t>{kTempPath, kCheck, kEvent}))
-        << c.name;
+    EXPECT_EQ(commandsSent(backend_), (std::vector<uint32_t>{kTempPath, kCheck, kEvent})) << c.name;
     EXPECT_EQ(eventOutcomes(backend_), (std::vector<long long>{0})) << c.name;
   }
 }
@@ -307,7 +309,8 @@ TEST_F(CertImportTest, ExactlyTheLimitIsAccepted) {
   upload("ca.pem", content);
   EXPECT_EQ(post(), 0);
   expectWritten(content);
-  EXPECT_FALSE(trace_.hasText("Failed to upload certificate file, file size exceed the maximal value."));
+  EXPECT_FALSE(
+      trace_.hasText("Failed to upload certificate file, file size exceed the maximal value."));
 }
 
 TEST_F(CertImportTest, OneByteOverTheLimitThrows2000000001AfterOneFailureEvent) {
@@ -441,6 +444,7 @@ TEST_F(CertImportTest, OtherCheckRefusalLogsFailureEventAndRethrows) {
   auto e = postFailing();
   ASSERT_TRUE(e.has_value());
   EXPECT_EQ(e->getErrCode(), 0x60E01D02);
+  EXPECT_EQ(e->getFile(), "host/tlv_msg");  // rethrown as it came
   expectLog(trace_, TraceLevel::kError, "SendMessageForCheckCert", "Failed to sendMessage.");
   EXPECT_FALSE(trace_.hasText("Cert is not safe."));
   EXPECT_TRUE(left(trace_, "SendMessageForCheckCert", "NOK"));
@@ -493,9 +497,9 @@ TEST_F(CertImportTest, SendEventBuildsTheFailureRecord) {
   EXPECT_EQ(cellInt(p, 1), 100);
   EXPECT_EQ(cellInt(p, 3), 1);
   EXPECT_EQ(p.cell(2), nullptr);
-  EXPECT_EQ(trace_.traces(), (std::vector<std::string>{"enter SendEvent...", "enter sendMessage...",
-                                                       "leave sendMessage: OK",
-                                                       "leave SendEvent: OK"}));
+  EXPECT_EQ(trace_.traces(),
+            (std::vector<std::string>{"enter SendEvent...", "enter sendMessage...",
+                                      "leave sendMessage: OK", "leave SendEvent: OK"}));
 }
 
 TEST_F(CertImportTest, ChangeCertPermissionSetsMode0640) {

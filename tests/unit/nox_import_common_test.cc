@@ -1,7 +1,5 @@
 // The pieces both imports share: packages, events, upload checks, the file
 // mode retries and the answer.
-#include "NOXImportCommon.h"
-
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -11,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "NOXImportCommon.h"
 #include "scripted_backend.h"
 #include "trace_capture.h"
 #include "unit/import_test_util.h"
@@ -53,13 +52,11 @@ TEST(ImportCommonTest, UploadSuffixIsTheTextAfterTheLastDot) {
     const char* name;
     const char* suffix;
   } cases[] = {
-      {"ca.pem", "pem"},
-      {"ca.cert.pem", "pem"},  // only the last dot counts
-      {"cert", ""},            // no dot
-      {".pem", "pem"},         // a leading dot still gives a suffix
-      {"x.", ""},              // a trailing dot gives the empty suffix
-      {"", ""},
-      {"a.PEM", "PEM"},        // no case folding
+      {"ca.pem", "pem"}, {"ca.cert.pem", "pem"},  // only the last dot counts
+      {"cert", ""},                               // no dot
+      {".pem", "pem"},                            // a leading dot still gives a suffix
+      {"x.", ""},                                 // a trailing dot gives the empty suffix
+      {"", ""},          {"a.PEM", "PEM"},        // no case folding
   };
   for (const Case& c : cases) EXPECT_EQ(nox_import::uploadSuffix(c.name), c.suffix) << c.name;
 }
@@ -73,14 +70,13 @@ TEST(ImportCommonTest, RefusedUploads) {
     unsigned int length;
     bool refused;
   } cases[] = {
-      {"ca.pem", data, 3, false},
-      {"ca.cer", data, 3, false},
-      {"ca.pem", data, 0, true},        // empty content
-      {"ca.pem", nullptr, 3, true},     // no content
-      {"ca.PEM", data, 3, true},        // suffixes compare exactly
-      {".pem", data, 3, true},          // hidden-file name
-      {"cert", data, 3, true},          // no suffix
-      {"ca.crl", data, 3, true},        // not in this set
+      {"ca.pem", data, 3, false},   {"ca.cer", data, 3, false},
+      {"ca.pem", data, 0, true},     // empty content
+      {"ca.pem", nullptr, 3, true},  // no content
+      {"ca.PEM", data, 3, true},     // suffixes compare exactly
+      {".pem", data, 3, true},       // hidden-file name
+      {"cert", data, 3, true},       // no suffix
+      {"ca.crl", data, 3, true},     // not in this set
   };
   for (const Case& c : cases) {
     CRequestMsgBody::UploadFileAddr upload;

@@ -1,6 +1,4 @@
 // NOXImportCrlOp against the reference host and a scripted backend.
-#include "NOXImportCrlOp.h"
-
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -11,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "NOXImportCrlOp.h"
 #include "qpn_exception.h"
 #include "scripted_backend.h"
 #include "trace_capture.h"
@@ -178,7 +177,7 @@ TEST_F(CrlImportTest, IsSupportTakesOnlyPostAndLeavesTheMarkerOtherwise) {
     uint32_t mark;
   } cases[] = {
       {"POST", true, 1}, {"post", true, 1},  // any letter case is POST
-      {"GET", false, 7}, {"PUT", false, 7},  {"DELETE", false, 7}, {"get", false, 7},
+      {"GET", false, 7}, {"PUT", false, 7}, {"DELETE", false, 7}, {"get", false, 7},
   };
   for (const Case& c : cases) {
     SpecifyOpPrivData priv;
@@ -254,6 +253,8 @@ TEST_F(CrlImportTest, NoUploadThrows0x03000003AfterOneFailureEvent) {
             "Failed to upload crl file, empty content.");
   EXPECT_TRUE(left(trace_, "WriteCrlToTempPath", "NOK"));
   EXPECT_EQ(eventOutcomes(backend_), (std::vector<long long>{1}));
+  // The exception passes through importCrl without further logging.
+  EXPECT_TRUE(left(trace_, "importCrl", "OK"));
   EXPECT_TRUE(backend_.sent(kSave).empty());
 }
 
@@ -291,12 +292,12 @@ TEST_F(CrlImportTest, RefusedNamesAreWrittenAsOneZeroByteAndStillSaved) {
     const char* name;
     std::string content;
   } cases[] = {
-      {"list.CRL", "CRL"},     // suffixes compare case-sensitively
-      {"revoked.crt", "CRL"},  // a certificate suffix is not a CRL suffix
-      {"ca.der", "CRL"},       // likewise
-      {".crl", "CRL"},         // a name beginning with a dot
-      {"crl", "CRL"},          // no dot: empty suffix
-      {"x.crl", ""},           // empty content
+      {"list.CRL", "CRL"},                     // suffixes compare case-sensitively
+      {"revoked.crt", "CRL"},                  // a certificate suffix is not a CRL suffix
+      {"ca.der", "CRL"},                       // likewise
+      {".crl", "CRL"},                         // a name beginning with a dot
+      {"crl", "CRL"},                          // no dot: empty suffix
+      {"x.crl", ""},                           // empty content
       {"big.CRL", std::string(1048577, 'b')},  // refused before the size is looked at
   };
   for (const Case& c : cases) {

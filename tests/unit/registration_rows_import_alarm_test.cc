@@ -9,6 +9,7 @@
 #include "NOXHistoryAlarmOp.h"
 #include "NOXImportCert.h"
 #include "NOXImportCrlOp.h"
+#include "abi/abi_slots.h"
 #include "scripted_backend.h"
 #include "specify_op.h"
 #include "unit/import_test_util.h"
@@ -137,6 +138,21 @@ TEST(RegistrationRowsTest, EachRouteAnswersTheMethods) {
           << kRows[i].url << " " << kRows[i].version << " " << m.first;
     }
   }
+}
+
+// The host calls these operations by virtual slot; their own members are
+// plain functions.
+TEST(RegistrationRowsTest, OperationsOverrideTheHostsSlots) {
+  EXPECT_EQ(virtualSlot(&NOXImportCertOp::isSupport), 3);
+  EXPECT_EQ(virtualSlot(&NOXImportCertOp::op), 4);
+  EXPECT_EQ(virtualSlot(&NOXImportCertOp::importCert), -1);
+  EXPECT_EQ(virtualSlot(&NOXImportCertOp::SendEvent), -1);
+  EXPECT_EQ(virtualSlot(&NOXImportCrlOp::isSupport), 3);
+  EXPECT_EQ(virtualSlot(&NOXImportCrlOp::op), 4);
+  EXPECT_EQ(virtualSlot(&NOXImportCrlOp::importCrl), -1);
+  EXPECT_EQ(virtualSlot(&NOXImportCrlOp::CheckUploadCrl), -1);
+  EXPECT_EQ(virtualSlot(&NOXHistoryAlarmOp::op), 4);
+  EXPECT_EQ(virtualSlot(&NOXHistoryAlarmCountOp::op), 4);
 }
 
 }  // namespace
