@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "qpn_debug_kit.h"
 #include "string_utils.h"
 
 namespace {
@@ -88,6 +89,18 @@ BENCHMARK_CAPTURE(BM_SplitUsingRegex, hash_at_hash, std::string("#@#"))->Arg(100
 BENCHMARK_CAPTURE(BM_PlainSplit, comma, std::string(","))->Arg(100)->Arg(10 * 1024);
 BENCHMARK_CAPTURE(BM_Split, comma, std::string(","))->Arg(100)->Arg(10 * 1024);
 BENCHMARK_CAPTURE(BM_SplitUsingRegex, comma, std::string(","))->Arg(100)->Arg(10 * 1024);
+
+// The floor under split and splitUsingRegex: the trace guard with its
+// "enter"/"leave" records and one debug record, all filtered at info level.
+void BM_TraceGuardOnly(benchmark::State& state) {
+  const std::string text = "a,b";
+  for (auto _ : state) {
+    CQPNDebugKitGuard guard(18, "split");
+    guard.debug(0, "split", __LINE__, "the split string is [%s], separator is [%s].",
+                text.c_str(), ",");
+  }
+}
+BENCHMARK(BM_TraceGuardOnly);
 
 // Case-blind search of a 1 KB text whose only match is at the end.
 void BM_FindCaseBlind(benchmark::State& state) {
