@@ -69,12 +69,47 @@ TEST(SplitTest, ReplacesTheVector) {
   EXPECT_TRUE(out.empty());
 }
 
+// Texts with many separators, beyond the cuts split collects before making
+// fields, give the same fields as a field-by-field reading.
+TEST(SplitTest, ManyFields) {
+  for (int n : {63, 64, 65, 66, 200}) {
+    std::string text;
+    Fields expected;
+    for (int i = 0; i < n; ++i) {
+      if (i != 0) text += ',';
+      expected.push_back(i % 3 == 0 ? std::string() : "f" + std::to_string(i));
+      text += expected.back();
+    }
+    Fields out;
+    CCommon::split(text, ",", out, false);
+    EXPECT_EQ(out, expected) << n;
+    Fields nonEmpty;
+    for (const std::string& f : expected) {
+      if (!f.empty()) nonEmpty.push_back(f);
+    }
+    CCommon::split(text, ",", out, true);
+    EXPECT_EQ(out, nonEmpty) << n;
+  }
+}
+
+TEST(SplitTest, ManyOverlappingLongSeparators) {
+  // 100 '#' characters: 99 occurrences of "##", each found one character on.
+  const std::string text = "a" + std::string(100, '#') + "b";
+  Fields out;
+  CCommon::split(text, "##", out, false);
+  Fields expected = {"a"};
+  for (int i = 0; i < 98; ++i) expected.push_back("");
+  expected.push_back("#b");
+  EXPECT_EQ(out, expected);
+  CCommon::split(text, "##", out, true);
+  EXPECT_EQ(out, (Fields{"a", "#b"}));
+}
+
 TEST(SplitTest, TracesAtDebugWithModule18) {
   TraceCapture trace;
   Fields out;
   CCommon::split("a,b", ",", out, false);
-  EXPECT_EQ(trace.logs(TraceLevel::kDebug),
-            Fields{"the split string is [a,b], separator is [,]."});
+  EXPECT_EQ(trace.logs(TraceLevel::kDebug), Fields{"the split string is [a,b], separator is [,]."});
   auto record = trace.find("the split string is [a,b], separator is [,].");
   ASSERT_NE(record, nullptr);
   EXPECT_EQ(record->module, 18);
@@ -195,9 +230,8 @@ TEST(SplitUsingRegexTest, OtherInvalidPatternsLeaveVector) {
     CCommon::splitUsingRegex("a)b", pattern, out, false);
     EXPECT_EQ(out, Fields{"x"}) << pattern;
     ASSERT_EQ(trace.logs(TraceLevel::kDebug).size(), 1u) << pattern;
-    EXPECT_EQ(trace.logs(TraceLevel::kDebug)[0].rfind(std::string(pattern) +
-                                                       " pcre2 compilation failed.Error code : ",
-                                                   0),
+    EXPECT_EQ(trace.logs(TraceLevel::kDebug)[0].rfind(
+                  std::string(pattern) + " pcre2 compilation failed.Error code : ", 0),
               0u)
         << trace.dump();
   }
