@@ -48,9 +48,9 @@ class XmlField {
       : name_(name), target_(target), isKey_(isKey) {}
   virtual ~XmlField() {}
 
-  std::string name_;                   // the XML attribute
+  std::string name_;                  // the XML attribute
   std::string MessageInfo::*target_;  // the record's string it fills (not owned)
-  bool isKey_;                         // the value is also the record's map key
+  bool isKey_;                        // the value is also the record's map key
 };
 
 // How the item elements of a file are read into records.
@@ -185,9 +185,8 @@ inline size_t findOpener(const std::string& text, size_t from) {
 // replaceParameter scans one text at growing offsets instead of copying its
 // rest, and empty braces name the text from that start (see getEnumName).
 // Inline because they run once per placeholder.
-
 inline void getEnumNameAt(const std::string& text, size_t base, size_t pos, size_t& end,
-                   std::string& enumName) {
+                          std::string& enumName) {
   const size_t size = text.size();
   if (pos >= size) return;
   size_t i = pos;
@@ -222,7 +221,7 @@ inline void getEnumNameAt(const std::string& text, size_t base, size_t pos, size
 }
 
 inline int getParameterAt(const std::string& text, size_t base, size_t pos, size_t& end,
-                   std::string& enumName) {
+                          std::string& enumName) {
   const size_t size = text.size();
   if (pos >= size) return -1;  // nothing to read; also keeps pos + 2 from wrapping
   const size_t first = pos + kPlaceholderOpenerSize;
@@ -252,10 +251,11 @@ inline int getParameterAt(const std::string& text, size_t base, size_t pos, size
 }  // namespace detail
 
 // Parses the placeholder whose "##" starts at `pos`: one to five digits (the
-// parameter index), then optionally blanks and an enumeration reference in
-// braces. Returns the index, or -1 when no digit follows "##" or a sixth digit
-// does. `end` is set behind the last digit, or behind "}" when a reference was
-// read; `enumName` receives the reference's name.
+// parameter index, leading zeros allowed), then optionally blanks and an
+// enumeration reference in braces. Returns the index, or -1 when no digit
+// follows "##" or a sixth digit does. `end` is set behind the last digit, or
+// behind "}" when a reference was read; `enumName` receives the reference's
+// name.
 //
 //   getParameter("x##12 {level} y", 1, end, name) == 12, end == 13, name == "level"
 //   getParameter("##123456", 0, end, name) == -1

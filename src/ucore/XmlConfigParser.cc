@@ -1,13 +1,12 @@
 // The message catalogue: loading the XML files, lookups and placeholder
 // parsing. Every traced function uses module 18.
-#include "xml_config_parser.h"
-
 #include <tinyxml2.h>
 
 #include <utility>
 
 #include "qpn_debug_kit.h"
 #include "string_utils.h"
+#include "xml_config_parser.h"
 
 namespace {
 
@@ -27,8 +26,8 @@ const char kEnumMember[] = "enum_member";
 // twin. The closing ")." has no opening partner and "errno" is the tinyxml2
 // error code; log readers and tests know the line in exactly this form.
 std::string openFailedText(const char* what, const std::string& path, int code) {
-  return std::string("Open ") + what + " config file(" + path + ") failed.\n" + "errno: " +
-         std::to_string(code) + ").";
+  return std::string("Open ") + what + " config file(" + path + ") failed.\n" +
+         "errno: " + std::to_string(code) + ").";
 }
 
 }  // namespace
@@ -207,11 +206,10 @@ int CXmlConfigParser<Info>::parseXmlEnumItem(tinyxml2::XMLElement* enumType,
 }
 
 template <typename Info>
-int CXmlConfigParser<Info>::getXmlInfo(std::string xmlId, const std::string& parameter,
-                                       Info& info, std::string separator) {
+int CXmlConfigParser<Info>::getXmlInfo(std::string xmlId, const std::string& parameter, Info& info,
+                                       std::string separator) {
   CQPNDebugKitGuard guard(kModule, "getXmlInfo");
-  guard.debug(0, "getXmlInfo", __LINE__, "xmlId=%s,parameter=%s", xmlId.c_str(),
-              parameter.c_str());
+  guard.debug(0, "getXmlInfo", __LINE__, "xmlId=%s,parameter=%s", xmlId.c_str(), parameter.c_str());
   int r = getXmlInfoFromCache(xmlId, info);
   guard.debug(0, "getXmlInfo", __LINE__, "getXmlInfoFromCache 0-ok,-1-error :%d", r);
   if (r != 0) {
@@ -290,8 +288,8 @@ std::string CXmlConfigParser<Info>::getEnumString(const std::string& enumName,
               value.c_str());
   long long code = convertToNum(value, kNoCode);
   if (code == kNoCode) return std::string();
-  guard.debug(0, "getEnumString", __LINE__, "getEnumString to find value: %s :%s",
-              enumName.c_str(), value.c_str());
+  guard.debug(0, "getEnumString", __LINE__, "getEnumString to find value: %s :%s", enumName.c_str(),
+              value.c_str());
   auto item = e.items_.find(static_cast<int32_t>(code));
   if (item == e.items_.end()) return std::string();
   guard.debug(0, "getEnumString", __LINE__, "getEnumString end:%s,  %s :%s", enumName.c_str(),
@@ -302,7 +300,6 @@ std::string CXmlConfigParser<Info>::getEnumString(const std::string& enumName,
 template class CXmlConfigParser<MessageInfo>;
 
 namespace StringUtil {
-
 
 int getParameter(const std::string& text, size_t pos, size_t& end, std::string& enumName) {
   return detail::getParameterAt(text, 0, pos, end, enumName);
