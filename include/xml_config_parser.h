@@ -162,7 +162,8 @@ extern template class CXmlConfigParser<MessageInfo>;
 
 namespace StringUtil {
 
-// The opener of a placeholder, and its length.
+// The opener of a placeholder (PARAM_OPENER of nox_constants.h), and its
+// length.
 inline constexpr char kPlaceholderOpener[] = "##";
 inline constexpr size_t kPlaceholderOpenerSize = sizeof(kPlaceholderOpener) - 1;
 

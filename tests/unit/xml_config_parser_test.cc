@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "nox_constants.h"
 #include "trace_capture.h"
 
 namespace {
@@ -488,6 +489,13 @@ TEST_F(CatalogTest, EveryFinishedTextEndsWithOneBlank) {
   EXPECT_EQ(renderTemplate("already blank ", ""), "already blank  ");
 }
 
+TEST_F(CatalogTest, InsertedValuesAreNotScannedAgain) {
+  // Kept: one pass from left to right, so a value that looks like a
+  // placeholder (a user's file name, say) is shown as it is.
+  EXPECT_EQ(renderTemplate("File ##0, level ##1{level}", "##1{level}#@#2"),
+            "File ##1{level}, level High ");
+}
+
 TEST_F(CatalogTest, SeparatorIsARegularExpression) {
   load("<message id=\"1\" template=\"##0-##1-##2\"/>", "");
   MessageInfo info;
@@ -643,10 +651,10 @@ TEST_F(CatalogTest, GetEnumStringResults) {
 TEST(ShippedCatalogTest, BothLanguagesLoadAndRender) {
   CXmlConfigParser<MessageInfo> en;
   CXmlConfigParser<MessageInfo> zh;
-  en.init("../conf/task_extra_info_en.xml", "../conf/enum_en.xml");
-  zh.init("../conf/task_extra_info_zh.xml", "../conf/enum_zh.xml");
-  ASSERT_EQ(en.enumPath_, "../conf/enum_en.xml");
-  ASSERT_EQ(zh.enumPath_, "../conf/enum_zh.xml");
+  en.init(TASK_EXTRA_INFO_EN_PATH, ENUM_EN_PATH);
+  zh.init(TASK_EXTRA_INFO_ZH_PATH, ENUM_ZH_PATH);
+  ASSERT_EQ(en.enumPath_, ENUM_EN_PATH);
+  ASSERT_EQ(zh.enumPath_, ENUM_ZH_PATH);
   EXPECT_GE(en.infoMap_.size(), 60u);
   EXPECT_EQ(en.infoMap_.size(), zh.infoMap_.size());
   EXPECT_GE(en.enumMap_.size(), 8u);
