@@ -396,6 +396,7 @@ TEST(ReplaceEscapeTest, Table) {
       {"a\\tb", "t", "\t", '\\', false, 0, "a\tb", "backslash as escape character"},
       {"", "n", "\n", '%', false, 0, "", "empty text"},
       {"%n%t", "nt", "\n\t", '%', false, 0, "\n\t", "two codes"},
+      {"a%nb%%c%x", "n", "\n", '%', false, 0, "a\nb%c", "known, doubled and unknown together"},
       {bytes("%\0", 2), "n", "N", '%', false, 0, bytes("\0", 1),
        "escape NUL gives NUL when the lists have the same length"},
   };
