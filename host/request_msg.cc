@@ -6,7 +6,7 @@ const char* const CRequestUri::URI_ACT_GET = "GET";
 const char* const CRequestUri::URI_ACT_POST = "POST";
 const char* const CRequestUri::URI_ACT_PUT = "PUT";
 const char* const CRequestUri::URI_ACT_DELETE = "DELETE";
-const std::string CRequestUri::m_nullResID = "";
+const std::string CRequestUri::m_nullResID;
 
 namespace {
 int g_cfgTimeout = 30;

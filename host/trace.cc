@@ -47,12 +47,15 @@ std::string format(const char* fmt, va_list args) {
   char small[512];
   va_list copy;
   va_copy(copy, args);
-  const int n = std::vsnprintf(small, sizeof(small), fmt, copy);
+  // The analyzer cannot see that `args` comes from the caller's va_start.
+  const int n = std::vsnprintf(small, sizeof(small), fmt, copy);  // NOLINT(clang-analyzer-valist.Uninitialized)
   va_end(copy);
   if (n < 0) return std::string(fmt);
   if (static_cast<size_t>(n) < sizeof(small)) return std::string(small, static_cast<size_t>(n));
   std::string out(static_cast<size_t>(n) + 1, '\0');
-  std::vsnprintf(&out[0], out.size(), fmt, args);
+  va_copy(copy, args);
+  std::vsnprintf(&out[0], out.size(), fmt, copy);
+  va_end(copy);
   out.resize(static_cast<size_t>(n));
   return out;
 }
@@ -192,10 +195,11 @@ CQPNDebugKit* CQPNDebugKitMgr::find(int moduleId) {
     for (int i = 0; i < 64; ++i) fixed[i] = new CQPNDebugKit(i);
   });
   if (moduleId >= 0 && moduleId < 64) return fixed[moduleId];
-  static std::mutex m;
-  static std::map<int, CQPNDebugKit*> others;
-  std::lock_guard<std::mutex> lock(m);
-  CQPNDebugKit*& kit = others[moduleId];
+  // Never destroyed: records may be written while static objects go away.
+  static std::mutex* m = new std::mutex();
+  static std::map<int, CQPNDebugKit*>* others = new std::map<int, CQPNDebugKit*>();
+  std::lock_guard<std::mutex> lock(*m);
+  CQPNDebugKit*& kit = (*others)[moduleId];
   if (kit == nullptr) kit = new CQPNDebugKit(moduleId);
   return kit;
 }

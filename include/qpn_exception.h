@@ -53,7 +53,7 @@ class HOST_API QPNExceptionWithErrCode_ : public QPNException {
                            const CMessageArgs* args)
       : QPNException(""),
         code_(code),
-        flag_(flag),
+        throwerFlag_(flag),
         file_(file != nullptr ? file : ""),
         line_(line) {
     if (args != nullptr) args_.args() = args->args();
@@ -62,7 +62,7 @@ class HOST_API QPNExceptionWithErrCode_ : public QPNException {
   ~QPNExceptionWithErrCode_() override {}
 
   long long getErrCode() const { return code_; }
-  bool getFlag() const { return flag_; }
+  bool getFlag() const { return throwerFlag_; }
   const std::string& getFile() const { return file_; }
   int getLine() const { return line_; }
   const CMessageArgs& getArgs() const { return args_; }
@@ -70,7 +70,7 @@ class HOST_API QPNExceptionWithErrCode_ : public QPNException {
  private:
   CMessageArgs args_;
   long long code_;
-  bool flag_;
+  bool throwerFlag_;
   std::string file_;
   int line_;
 };

@@ -1,0 +1,127 @@
+#!/usr/bin/env bash
+# Load test of the reference gateway, with ratios against nginx on the same
+# machine. Not part of the test command (it takes a few minutes):
+#
+#   scripts/load.sh            # 64 connections for 60 s per scenario
+#   scripts/load.sh --soak     # adds a 30-minute soak of the mix, memory per minute
+#
+# Scenarios: the mixed workload (task detail in English and Chinese, task
+# list, alarm count, storage configuration, certificate upload), the empty
+# route /healthz, nginx serving a static file of the same size, and one
+# connection on /healthz (no answer may wait for a delayed acknowledgement).
+# Prints requests per second, latency percentiles, errors and the gateway's
+# peak memory, then the ratios. Everything runs on 127.0.0.1 and stops by itself.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+ROOT=$(pwd)
+DURATION=${NOX_LOAD_SECONDS:-60}
+CONNECTIONS=${NOX_LOAD_CONNECTIONS:-64}
+SOAK=0
+[ "${1:-}" = "--soak" ] && SOAK=1
+
+need() { command -v "$1" >/dev/null || { echo "load: installing $2"; sudo_cmd apt-get install -y -qq "$2" >/dev/null; }; }
+sudo_cmd() { if [ "$(id -u)" -eq 0 ]; then "$@"; else sudo "$@"; fi; }
+need wrk wrk
+[ -x /usr/sbin/nginx ] || need nginx nginx-light
+need curl curl
+need openssl openssl
+
+BUILD=${NOX_BUILD:-build-run}
+if [ ! -x "$BUILD/bin/nox-gateway" ]; then
+  cmake -S . -B "$BUILD" -DCMAKE_BUILD_TYPE=Release -DNOX_BUILD_TESTS=OFF -DNOX_BUILD_BENCH=OFF >/dev/null
+  cmake --build "$BUILD" -j "$(nproc)" >/dev/null
+fi
+
+WORK=$(mktemp -d /tmp/nox-load-XXXXXX)
+GW_PID=""; NGINX_PID=""
+cleanup() {
+  [ -n "$GW_PID" ] && kill "$GW_PID" 2>/dev/null && wait "$GW_PID" 2>/dev/null || true
+  [ -n "$NGINX_PID" ] && kill "$NGINX_PID" 2>/dev/null || true
+  rm -rf "$WORK"
+}
+trap cleanup EXIT
+
+PASSWORD=load-$(date +%s)
+"$BUILD/bin/nox-gateway" --listen 127.0.0.1:0 --data "$WORK/data" --init-password "$PASSWORD" \
+  --log "$WORK/trace.log" --log-level warn --access-log /dev/null >"$WORK/gw.out" 2>&1 &
+GW_PID=$!
+for _ in $(seq 100); do grep -q '^listening on ' "$WORK/gw.out" && break; sleep 0.1; done
+ADDR=$(sed -n 's/^listening on //p' "$WORK/gw.out" | head -1)
+[ -n "$ADDR" ] || { echo "load: the gateway did not start"; cat "$WORK/gw.out"; exit 1; }
+URL="http://$ADDR"
+
+TOKEN=$(curl -s -D - -o /dev/null -H 'Content-Type: application/json' \
+  -d "{\"username\":\"apiuser\",\"password\":\"$PASSWORD\",\"scope\":\"4\",\"language\":\"en\"}" \
+  "$URL/sessions" | tr -d '\r' | sed -n 's/^[Xx]-[Aa]uth-[Tt]oken: //p')
+[ -n "$TOKEN" ] || { echo "load: login failed"; exit 1; }
+TASK=$(curl -s -H "X-Auth-Token: $TOKEN" "$URL/kestrel_task?limit=1" |
+  python3 -c 'import json,sys; d=json.load(sys.stdin)["data"]; print((d[0] if isinstance(d,list) else d).get("ID","1"))')
+
+# A CA certificate to upload (the backend checks it for real).
+openssl req -x509 -newkey rsa:2048 -sha256 -days 30 -nodes -subj "/CN=load test CA" \
+  -addext "basicConstraints=critical,CA:TRUE" -addext "keyUsage=critical,keyCertSign,cRLSign" \
+  -keyout "$WORK/ca.key" -out "$WORK/ca.pem" 2>/dev/null
+
+run_wrk() {  # run_wrk LABEL URL MIX CONNECTIONS SECONDS
+  NOX_TOKEN=$TOKEN NOX_TASK=$TASK NOX_CERT=$WORK/ca.pem NOX_MIX=$3 \
+    wrk -t2 -c"$4" -d"$5"s -s bench/load/mix.lua "$2" | sed -n "s/^RESULT /$1 /p"
+}
+field() { sed -n "s/.*$2=\([0-9.]*\).*/\1/p" <<<"$1"; }
+
+echo "gateway at $URL, task $TASK, $CONNECTIONS connections, ${DURATION}s per scenario"
+MIX=$(run_wrk mix "$URL" mix "$CONNECTIONS" "$DURATION"); echo "$MIX"
+DETAIL=$(run_wrk task-detail "$URL" "/kestrel_task/$TASK?LANGUAGE=zh" "$CONNECTIONS" "$DURATION"); echo "$DETAIL"
+EMPTY=$(run_wrk healthz "$URL" /healthz "$CONNECTIONS" "$DURATION"); echo "$EMPTY"
+ONE=$(run_wrk one-connection "$URL" /healthz 1 10); echo "$ONE"
+PEAK_KB=$(sed -n 's/^VmHWM:\s*\([0-9]*\).*/\1/p' "/proc/$GW_PID/status")
+
+# nginx serving a file as large as the /healthz answer.
+mkdir -p "$WORK/www" "$WORK/nginx"
+curl -s "$URL/healthz" >"$WORK/www/healthz"
+cat >"$WORK/nginx/nginx.conf" <<CONF
+worker_processes 2;
+pid $WORK/nginx/nginx.pid;
+error_log $WORK/nginx/error.log;
+events { worker_connections 1024; }
+http {
+  access_log off;
+  client_body_temp_path $WORK/nginx; proxy_temp_path $WORK/nginx;
+  fastcgi_temp_path $WORK/nginx; uwsgi_temp_path $WORK/nginx; scgi_temp_path $WORK/nginx;
+  server { listen 127.0.0.1:18089; root $WORK/www; }
+}
+CONF
+/usr/sbin/nginx -c "$WORK/nginx/nginx.conf" -g 'daemon off;' &
+NGINX_PID=$!
+sleep 0.5
+NGINX=$(run_wrk nginx "http://127.0.0.1:18089" /healthz "$CONNECTIONS" "$DURATION"); echo "$NGINX"
+kill "$NGINX_PID"; wait "$NGINX_PID" 2>/dev/null || true; NGINX_PID=""
+
+echo "gateway peak memory: $((PEAK_KB / 1024)) MiB"
+python3 - "$MIX" "$DETAIL" "$EMPTY" "$ONE" "$NGINX" <<'PY'
+import re, sys
+def parse(line):
+    return {k: float(v) for k, v in re.findall(r"(\w+)=([0-9.]+)", line)}
+mix, detail, empty, one, nginx = map(parse, sys.argv[1:])
+checks = [
+    ("empty route / nginx", empty["rps"] / nginx["rps"], ">= 0.5", empty["rps"] / nginx["rps"] >= 0.5),
+    ("task detail / empty route", detail["rps"] / empty["rps"], ">= 0.5", detail["rps"] / empty["rps"] >= 0.5),
+    ("mix errors", mix["errors"], "== 0", mix["errors"] == 0),
+    ("mix p99 ms", mix["p99_ms"], "< 20", mix["p99_ms"] < 20),
+    ("one connection max ms", one["max_ms"], "< 40", one["max_ms"] < 40),
+]
+for name, value, target, ok in checks:
+    print(f"{name:28s} {value:10.3f}  target {target:6s} {'ok' if ok else 'MISSED'}")
+PY
+
+if [ "$SOAK" = 1 ]; then
+  echo "soak: 30 minutes of the mix at $CONNECTIONS connections; resident memory per minute"
+  NOX_TOKEN=$TOKEN NOX_TASK=$TASK NOX_CERT=$WORK/ca.pem NOX_MIX=mix \
+    wrk -t2 -c"$CONNECTIONS" -d1800s -s bench/load/mix.lua "$URL" >"$WORK/soak.out" &
+  WRK=$!
+  for m in $(seq 1 30); do
+    sleep 60
+    echo "minute $m: $(sed -n 's/^VmRSS:\s*//p' "/proc/$GW_PID/status")"
+  done
+  wait "$WRK" || true
+  sed -n 's/^RESULT /soak /p' "$WORK/soak.out"
+fi

@@ -1,0 +1,87 @@
+#include "host_functions.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+namespace {
+
+std::string readAll(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream out;
+  out << in.rdbuf();
+  return out.str();
+}
+
+class TempDir {
+ public:
+  TempDir() {
+    char tmpl[] = "/tmp/nox-host-XXXXXX";
+    path_ = mkdtemp(tmpl);
+  }
+  ~TempDir() { std::system(("rm -rf '" + path_ + "'").c_str()); }
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+}  // namespace
+
+TEST(WriteFileTest, WritesExactBytesAndReplaces) {
+  TempDir dir;
+  const std::string path = dir.path() + "/ca.pem";
+  const std::string data("a\0b", 3);
+  EXPECT_EQ(writeFile(path.c_str(), data.data(), 3), 3);
+  EXPECT_EQ(readAll(path), data);
+  EXPECT_EQ(writeFile(path.c_str(), "", 1), 1);  // one zero byte
+  EXPECT_EQ(readAll(path), std::string(1, '\0'));
+}
+
+TEST(WriteFileTest, FailsWithNegativeResultAndLeavesNothing) {
+  TempDir dir;
+  const std::string path = dir.path() + "/missing/ca.pem";
+  EXPECT_LT(writeFile(path.c_str(), "x", 1), 0);
+  EXPECT_LT(writeFile(nullptr, "x", 1), 0);
+  EXPECT_LT(writeFile("", "x", 1), 0);
+  EXPECT_LT(writeFile((dir.path() + "/n").c_str(), nullptr, 3), 0);
+  EXPECT_NE(access((dir.path() + "/n").c_str(), F_OK), 0);
+}
+
+TEST(WriteFileTest, NewFileIsPrivateUntilTheCallerChangesIt) {
+  TempDir dir;
+  const std::string path = dir.path() + "/x.crl";
+  ASSERT_EQ(writeFile(path.c_str(), "abc", 3), 3);
+  struct stat st;
+  ASSERT_EQ(stat(path.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600u);
+}
+
+TEST(StrToLLTest, Table) {
+  struct Case {
+    const char* text;
+    long long value;
+  } cases[] = {
+      {"42", 42},
+      {"007", 7},
+      {"-15", -15},
+      {"+3", 3},
+      {"  12", 12},
+      {"12abc", 12},
+      {"", 0},
+      {"abc", 0},
+      {"-", 0},
+      {"999999999999999999", 999999999999999999LL},
+      {"9223372036854775807", LLONG_MAX},
+      {"9223372036854775808", LLONG_MAX},
+      {"-9223372036854775808", LLONG_MIN},
+      {"-99999999999999999999", LLONG_MIN},
+      {"1700000000", 1700000000LL},
+  };
+  for (const Case& c : cases) EXPECT_EQ(strToLL(c.text), c.value) << "'" << c.text << "'";
+}
