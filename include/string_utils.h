@@ -35,8 +35,9 @@
 // Comparison classes
 // ---------------------------------------------------------------------------
 
-// An exchangeable equality. Only the two specialisations below exist; each
-// class's first virtual slot is the call operator, followed by the destructor.
+// An exchangeable equality. It exists for std::string and for char only (the
+// two definitions below); each class's first virtual slot is the call
+// operator, followed by the destructor.
 template <typename T>
 class vequal_to;
 

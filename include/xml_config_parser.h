@@ -29,6 +29,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <map>
 #include <string>
 #include <vector>
@@ -47,9 +48,9 @@ class XmlField {
       : name_(name), target_(target), isKey_(isKey) {}
   virtual ~XmlField() {}
 
-  std::string name_;                   // the XML attribute
+  std::string name_;                  // the XML attribute
   std::string MessageInfo::*target_;  // the record's string it fills (not owned)
-  bool isKey_;                         // the value is also the record's map key
+  bool isKey_;                        // the value is also the record's map key
 };
 
 // How the item elements of a file are read into records.
@@ -161,24 +162,101 @@ extern template class CXmlConfigParser<MessageInfo>;
 
 namespace StringUtil {
 
-// The opener of a placeholder.
-extern const std::string kPlaceholderOpener;  // "##"
+// The opener of a placeholder (PARAM_OPENER of nox_constants.h), and its
+// length.
+inline constexpr char kPlaceholderOpener[] = "##";
+inline constexpr size_t kPlaceholderOpenerSize = sizeof(kPlaceholderOpener) - 1;
 
 namespace detail {
-// getParameter and getEnumName on a text whose logical start is `base`
-// (replaceParameter scans one text at growing offsets instead of copying its
-// rest; empty braces name the text from that start, see getEnumName).
-int getParameterAt(const std::string& text, size_t base, size_t pos, size_t& end,
-                   std::string& enumName);
-void getEnumNameAt(const std::string& text, size_t base, size_t pos, size_t& end,
-                   std::string& enumName);
+// The first "##" at or after `from`, like text.find("##", from) but without a
+// memcmp call per candidate.
+inline size_t findOpener(const std::string& text, size_t from) {
+  const size_t size = text.size();
+  while (from + 1 < size) {
+    const void* hit = std::memchr(text.data() + from, '#', size - from - 1);
+    if (hit == nullptr) return std::string::npos;
+    size_t at = static_cast<size_t>(static_cast<const char*>(hit) - text.data());
+    if (text[at + 1] == '#') return at;
+    from = at + 1;
+  }
+  return std::string::npos;
+}
+
+// getParameter and getEnumName on a text whose logical start is `base`:
+// replaceParameter scans one text at growing offsets instead of copying its
+// rest, and empty braces name the text from that start (see getEnumName).
+// Inline because they run once per placeholder.
+inline void getEnumNameAt(const std::string& text, size_t base, size_t pos, size_t& end,
+                          std::string& enumName) {
+  const size_t size = text.size();
+  if (pos >= size) return;
+  size_t i = pos;
+  while (i < size && text[i] == ' ') ++i;
+  if (i >= size || text[i] != '{') return;
+  ++i;
+  // Empty braces record no start of a name; the name then runs from the start
+  // of the text, a name no enumeration has.
+  size_t nameStart = base;
+  size_t nameEnd = std::string::npos;
+  bool inName = false;
+  for (; i < size; ++i) {
+    const char c = text[i];
+    if (c == '}') {
+      const size_t stop = nameEnd != std::string::npos ? nameEnd : i;
+      enumName = text.substr(nameStart, stop - nameStart);
+      end = i + 1;
+      return;
+    }
+    if (c == ' ') {
+      if (inName && nameEnd == std::string::npos) nameEnd = i;
+      continue;
+    }
+    if (!inName) {
+      inName = true;
+      nameStart = i;
+    } else if (nameEnd != std::string::npos) {
+      return;  // a second word: not a reference
+    }
+  }
+  // No "}" before the end of the text: not a reference.
+}
+
+inline int getParameterAt(const std::string& text, size_t base, size_t pos, size_t& end,
+                          std::string& enumName) {
+  const size_t size = text.size();
+  if (pos >= size) return -1;  // nothing to read; also keeps pos + 2 from wrapping
+  const size_t first = pos + kPlaceholderOpenerSize;
+  size_t i = first;
+  int digits = 0;
+  while (i < size && text[i] >= '0' && text[i] <= '9') {
+    if (digits == 5) return -1;  // six digits are no index
+    ++digits;
+    ++i;
+    end = i;
+  }
+  if (i < size) {
+    if (digits == 0) return -1;
+    getEnumNameAt(text, base, i, end, enumName);
+  } else {
+    getEnumNameAt(text, base, first, end, enumName);
+  }
+  if (digits == 0) return -1;
+  // One to five digits are always a number to the number conversion and give
+  // their decimal value; computing it here spares each placeholder the
+  // conversion's trace records, which made the pass many times slower.
+  int value = 0;
+  for (size_t k = first; k < first + digits; ++k) value = value * 10 + (text[k] - '0');
+  return value;
+}
+
 }  // namespace detail
 
 // Parses the placeholder whose "##" starts at `pos`: one to five digits (the
-// parameter index), then optionally blanks and an enumeration reference in
-// braces. Returns the index, or -1 when no digit follows "##" or a sixth digit
-// does. `end` is set behind the last digit, or behind "}" when a reference was
-// read; `enumName` receives the reference's name.
+// parameter index, leading zeros allowed), then optionally blanks and an
+// enumeration reference in braces. Returns the index, or -1 when no digit
+// follows "##" or a sixth digit does. `end` is set behind the last digit, or
+// behind "}" when a reference was read; `enumName` receives the reference's
+// name.
 //
 //   getParameter("x##12 {level} y", 1, end, name) == 12, end == 13, name == "level"
 //   getParameter("##123456", 0, end, name) == -1
@@ -214,33 +292,38 @@ std::string replaceParameter(const std::string& text, const std::vector<std::str
                              std::string (T::*enumText)(const std::string&, const std::string&),
                              T& object) {
   if (text.empty()) return std::string();
-  const std::string& opener = kPlaceholderOpener;
   std::string out;
-  out.reserve(text.size());
+  // Room for values a little longer than their placeholders.
+  out.reserve(text.size() + text.size() / 4);
   // `rest` of the original algorithm is text[base, end): scanning by offset
   // keeps the pass linear instead of copying the rest after every placeholder.
   size_t base = 0;
-  size_t pos = text.find(opener, base);
+  size_t pos = detail::findOpener(text, base);
+  std::string enumName;
   while (pos != std::string::npos) {
     out.append(text, base, pos - base);
     size_t end = 0;
-    std::string enumName;
+    enumName.clear();
     int index = detail::getParameterAt(text, base, pos, end, enumName);
     size_t next;
     if (index == -1) {
       out.push_back(text[pos]);
       next = pos + 1;
     } else {
-      std::string value;
-      if (static_cast<size_t>(index) < params.size()) value = params[index];
-      if (!enumName.empty()) value = (object.*enumText)(enumName, value);
-      out.append(value);
-      next = end != 0 ? end : pos + opener.size();
+      static const std::string kEmpty;
+      const std::string& value =
+          static_cast<size_t>(index) < params.size() ? params[index] : kEmpty;
+      if (enumName.empty()) {
+        out.append(value);
+      } else {
+        out.append((object.*enumText)(enumName, value));
+      }
+      next = end != 0 ? end : pos + kPlaceholderOpenerSize;
     }
     // Keep the last character of the text when the placeholder reached its end.
     if (next >= text.size()) next = text.size() - 1;
     base = next;
-    pos = text.find(opener, base);
+    pos = detail::findOpener(text, base);
   }
   out.append(text, base, std::string::npos);
   return out;

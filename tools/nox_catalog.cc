@@ -64,9 +64,9 @@ struct Language {
   std::string code;
   std::string messagesFile;
   std::string enumFile;
-  std::map<std::string, Message> messages;  // first entry of each identifier
-  std::vector<std::string> order;           // identifiers in file order
-  std::map<std::string, Enumeration> enums; // last enum_type of each name
+  std::map<std::string, Message> messages;   // first entry of each identifier
+  std::vector<std::string> order;            // identifiers in file order
+  std::map<std::string, Enumeration> enums;  // last enum_type of each name
   bool messagesRead = false;
   bool enumsRead = false;
 };
@@ -186,7 +186,8 @@ class Checker {
       size_t next;
       if (index == -1) {
         size_t digits = 0;
-        while (pos + 2 + digits < text.size() && isdigit(static_cast<unsigned char>(text[pos + 2 + digits])))
+        while (pos + 2 + digits < text.size() &&
+               isdigit(static_cast<unsigned char>(text[pos + 2 + digits])))
           ++digits;
         if (digits > 5 && !literalOk) {
           add(file, message.line, id,
@@ -219,11 +220,13 @@ class Checker {
           }
         } else if (hasBrace && !literalOk) {
           size_t close = text.find('}', brace);
-          std::string shown = close == std::string::npos ? text.substr(pos) : text.substr(pos, close + 1 - pos);
+          std::string shown =
+              close == std::string::npos ? text.substr(pos) : text.substr(pos, close + 1 - pos);
           while (!shown.empty() && shown.back() == ' ') shown.pop_back();
           add(file, message.line, id,
               "\"" + shown + "\" is no enumeration reference (" +
-                  (close == std::string::npos ? "braces never closed" : "more than one word in braces") +
+                  (close == std::string::npos ? "braces never closed"
+                                              : "more than one word in braces") +
                   ") and is shown literally with the raw value");
         }
         next = end != 0 ? end : pos + 2;
@@ -264,12 +267,11 @@ class Checker {
       Enumeration e;
       e.line = type->GetLineNum();
       std::map<int32_t, int> codeLines;
-      for (tinyxml2::XMLElement* member = type->FirstChildElement("enum_member");
-           member != nullptr; member = member->NextSiblingElement("enum_member")) {
+      for (tinyxml2::XMLElement* member = type->FirstChildElement("enum_member"); member != nullptr;
+           member = member->NextSiblingElement("enum_member")) {
         const char* value = member->Attribute("value");
         if (value == nullptr) {
-          add(lang.enumFile, member->GetLineNum(), name,
-              "enum_member without a value is dropped");
+          add(lang.enumFile, member->GetLineNum(), name, "enum_member without a value is dropped");
           continue;
         }
         long long code = convertToNum(value, kDropped);
@@ -343,8 +345,8 @@ class Checker {
       }
       if (z.references != e.references) {
         add(zh.messagesFile, z.line, id,
-            "enumeration references " + join(z.references) + " differ from " +
-                en.messagesFile + ":" + std::to_string(e.line) + " (" + join(e.references) + ")");
+            "enumeration references " + join(z.references) + " differ from " + en.messagesFile +
+                ":" + std::to_string(e.line) + " (" + join(e.references) + ")");
       }
     }
   }

@@ -39,16 +39,42 @@ void CCommon::split(const std::string& text, const std::string& separator,
     out.push_back(text);
     return;
   }
-  size_t start = 0;
-  size_t pos = text.find(separator, start);
-  while (pos != std::string::npos) {
-    if (!(skipEmpty && pos == start)) out.emplace_back(text, start, pos - start);
+  // A one-character separator is searched as a character (memchr) rather than
+  // as a string; both find the same positions.
+  const bool single = separator.size() == 1;
+  const char first = separator[0];
+  auto findFrom = [&](size_t from) {
+    return single ? text.find(first, from) : text.find(separator, from);
+  };
+  auto addField = [&](size_t from, size_t to) {
+    if (!(skipEmpty && to == from)) out.emplace_back(text, from, to - from);
+  };
+  // The first cuts are collected before any field is made, so that the
+  // vector is sized once for the usual short texts instead of growing field
+  // by field; a text with more cuts lets the vector grow for the rest.
+  constexpr size_t kLocalCuts = 64;
+  size_t cuts[kLocalCuts];
+  size_t cutCount = 0;
+  size_t pos = findFrom(0);
+  while (pos != std::string::npos && cutCount < kLocalCuts) {
+    cuts[cutCount++] = pos;
     // One character on, not the separator's length: longer separators keep
     // their tail in the next field, which the callers expect.
-    start = pos + 1;
-    pos = text.find(separator, start);
+    pos = findFrom(pos + 1);
   }
-  if (!(skipEmpty && start == text.size())) out.emplace_back(text, start);
+  out.reserve(cutCount + 1);
+
+  size_t start = 0;
+  for (size_t i = 0; i < cutCount; ++i) {
+    addField(start, cuts[i]);
+    start = cuts[i] + 1;
+  }
+  while (pos != std::string::npos) {
+    addField(start, pos);
+    start = pos + 1;
+    pos = findFrom(start);
+  }
+  addField(start, text.size());
 }
 
 void CCommon::splitUsingRegex(const std::string& text, const std::string& pattern,

@@ -58,7 +58,9 @@ size_t findInList(const std::string& list, char c) {
 }
 
 // Whether `c` is in `list`, a NUL always being found.
-bool inList(const std::string& list, char c) { return c == '\0' || list.find(c) != std::string::npos; }
+bool inList(const std::string& list, char c) {
+  return c == '\0' || list.find(c) != std::string::npos;
+}
 
 // list[k], or NUL past the end: the partner list of a lookup may be shorter.
 char charAt(const std::string& list, size_t k) { return k < list.size() ? list[k] : '\0'; }

@@ -1,13 +1,12 @@
 // The message catalogue: loading the XML files, lookups and placeholder
 // parsing. Every traced function uses module 18.
-#include "xml_config_parser.h"
-
 #include <tinyxml2.h>
 
 #include <utility>
 
 #include "qpn_debug_kit.h"
 #include "string_utils.h"
+#include "xml_config_parser.h"
 
 namespace {
 
@@ -27,8 +26,8 @@ const char kEnumMember[] = "enum_member";
 // twin. The closing ")." has no opening partner and "errno" is the tinyxml2
 // error code; log readers and tests know the line in exactly this form.
 std::string openFailedText(const char* what, const std::string& path, int code) {
-  return std::string("Open ") + what + " config file(" + path + ") failed.\n" + "errno: " +
-         std::to_string(code) + ").";
+  return std::string("Open ") + what + " config file(" + path + ") failed.\n" +
+         "errno: " + std::to_string(code) + ").";
 }
 
 }  // namespace
@@ -36,6 +35,7 @@ std::string openFailedText(const char* what, const std::string& path, int code) 
 void MessageInfo::init() {
   router_.rootName_ = kMessagesRoot;
   router_.itemName_ = kMessageItem;
+  router_.fields_.reserve(2);
   router_.fields_.emplace_back("id", &MessageInfo::id_, true);
   router_.fields_.emplace_back("template", &MessageInfo::template_, false);
 }
@@ -94,10 +94,11 @@ int CXmlConfigParser<Info>::parseXmlCfg(const std::string& path, const std::stri
   }
   for (tinyxml2::XMLElement* item = messages->FirstChildElement(shape.router_.itemName_.c_str());
        item != nullptr; item = item->NextSiblingElement(shape.router_.itemName_.c_str())) {
+    // A fresh record per element, read through the router learnt above
+    // (every initialised record has the same one).
     Info info;
-    info.init();
     std::string key;
-    for (const XmlField& field : info.router_.fields_) {
+    for (const XmlField& field : shape.router_.fields_) {
       const char* value = item->Attribute(field.name_.c_str());
       info.*(field.target_) = value != nullptr ? value : "";
       if (field.isKey_) key = info.*(field.target_);
@@ -105,10 +106,13 @@ int CXmlConfigParser<Info>::parseXmlCfg(const std::string& path, const std::stri
     itemsGuard.debug(0, "parseXmlCfg", __LINE__, "insert  into map, key=%s", key.c_str());
     if (key.empty()) continue;
     // The first entry of an identifier wins, in one file and across reloads.
-    auto slot = infoMap_.try_emplace(std::move(key));
-    if (slot.second) {
-      slot.first->second.id_ = std::move(info.id_);
-      slot.first->second.template_ = std::move(info.template_);
+    // Files are usually sorted, so the end is the likely place of a new key.
+    auto before = infoMap_.size();
+    auto slot = infoMap_.try_emplace(infoMap_.end(), std::move(key));
+    bool inserted = infoMap_.size() != before;
+    if (inserted) {
+      slot->second.id_ = std::move(info.id_);
+      slot->second.template_ = std::move(info.template_);
     }
   }
   itemsGuard.debug(0, "parseXmlCfg", __LINE__, "parseXmlCfgItems end..");
@@ -202,11 +206,10 @@ int CXmlConfigParser<Info>::parseXmlEnumItem(tinyxml2::XMLElement* enumType,
 }
 
 template <typename Info>
-int CXmlConfigParser<Info>::getXmlInfo(std::string xmlId, const std::string& parameter,
-                                       Info& info, std::string separator) {
+int CXmlConfigParser<Info>::getXmlInfo(std::string xmlId, const std::string& parameter, Info& info,
+                                       std::string separator) {
   CQPNDebugKitGuard guard(kModule, "getXmlInfo");
-  guard.debug(0, "getXmlInfo", __LINE__, "xmlId=%s,parameter=%s", xmlId.c_str(),
-              parameter.c_str());
+  guard.debug(0, "getXmlInfo", __LINE__, "xmlId=%s,parameter=%s", xmlId.c_str(), parameter.c_str());
   int r = getXmlInfoFromCache(xmlId, info);
   guard.debug(0, "getXmlInfo", __LINE__, "getXmlInfoFromCache 0-ok,-1-error :%d", r);
   if (r != 0) {
@@ -285,8 +288,8 @@ std::string CXmlConfigParser<Info>::getEnumString(const std::string& enumName,
               value.c_str());
   long long code = convertToNum(value, kNoCode);
   if (code == kNoCode) return std::string();
-  guard.debug(0, "getEnumString", __LINE__, "getEnumString to find value: %s :%s",
-              enumName.c_str(), value.c_str());
+  guard.debug(0, "getEnumString", __LINE__, "getEnumString to find value: %s :%s", enumName.c_str(),
+              value.c_str());
   auto item = e.items_.find(static_cast<int32_t>(code));
   if (item == e.items_.end()) return std::string();
   guard.debug(0, "getEnumString", __LINE__, "getEnumString end:%s,  %s :%s", enumName.c_str(),
@@ -297,70 +300,6 @@ std::string CXmlConfigParser<Info>::getEnumString(const std::string& enumName,
 template class CXmlConfigParser<MessageInfo>;
 
 namespace StringUtil {
-
-const std::string kPlaceholderOpener = "##";
-
-namespace detail {
-
-void getEnumNameAt(const std::string& text, size_t base, size_t pos, size_t& end,
-                   std::string& enumName) {
-  const size_t size = text.size();
-  if (pos >= size) return;
-  size_t i = pos;
-  while (i < size && text[i] == ' ') ++i;
-  if (i >= size || text[i] != '{') return;
-  ++i;
-  // Empty braces record no start of a name; the name then runs from the start
-  // of the text, a name no enumeration has.
-  size_t nameStart = base;
-  size_t nameEnd = std::string::npos;
-  bool inName = false;
-  for (; i < size; ++i) {
-    const char c = text[i];
-    if (c == '}') {
-      const size_t stop = nameEnd != std::string::npos ? nameEnd : i;
-      enumName = text.substr(nameStart, stop - nameStart);
-      end = i + 1;
-      return;
-    }
-    if (c == ' ') {
-      if (inName && nameEnd == std::string::npos) nameEnd = i;
-      continue;
-    }
-    if (!inName) {
-      inName = true;
-      nameStart = i;
-    } else if (nameEnd != std::string::npos) {
-      return;  // a second word: not a reference
-    }
-  }
-  // No "}" before the end of the text: not a reference.
-}
-
-int getParameterAt(const std::string& text, size_t base, size_t pos, size_t& end,
-                   std::string& enumName) {
-  const size_t size = text.size();
-  if (pos >= size) return -1;  // nothing to read; also keeps pos + 2 from wrapping
-  const size_t first = pos + kPlaceholderOpener.size();
-  size_t i = first;
-  int digits = 0;
-  while (i < size && text[i] >= '0' && text[i] <= '9') {
-    if (digits == 5) return -1;  // six digits are no index
-    ++digits;
-    ++i;
-    end = i;
-  }
-  if (i < size) {
-    if (digits == 0) return -1;
-    getEnumNameAt(text, base, i, end, enumName);
-  } else {
-    getEnumNameAt(text, base, first, end, enumName);
-  }
-  if (digits == 0) return -1;
-  return static_cast<int>(convertToNum(text.substr(first, digits), -1));
-}
-
-}  // namespace detail
 
 int getParameter(const std::string& text, size_t pos, size_t& end, std::string& enumName) {
   return detail::getParameterAt(text, 0, pos, end, enumName);

@@ -19,8 +19,10 @@ struct ToolRun {
 std::string quote(const std::string& s) {
   std::string q = "'";
   for (char c : s) {
-    if (c == '\'') q += "'\\''";
-    else q += c;
+    if (c == '\'')
+      q += "'\\''";
+    else
+      q += c;
   }
   return q + "'";
 }
@@ -40,7 +42,9 @@ ToolRun run(const std::vector<std::string>& args, bool withStderr = false) {
   return r;
 }
 
-std::string fixture(const std::string& name) { return std::string(NOX_CATALOG_FIXTURES) + "/" + name; }
+std::string fixture(const std::string& name) {
+  return std::string(NOX_CATALOG_FIXTURES) + "/" + name;
+}
 
 TEST(NoxCatalogCheckTest, ShippedCataloguesPass) {
   ToolRun r = run({"check", NOX_SOURCE_CONF});
@@ -77,7 +81,8 @@ TEST(NoxCatalogCheckTest, EachFaultIsFound) {
       {"enum_missing",
        "task_extra_info_en.xml:7: 1003: references enumeration \"backup_level\", which "
        "enum_en.xml lacks"},
-      {"enum_missing_in_one_language", "enum_en.xml:12: backup_level: enumeration missing from enum_zh.xml"},
+      {"enum_missing_in_one_language",
+       "enum_en.xml:12: backup_level: enumeration missing from enum_zh.xml"},
       {"enum_codes_differ", "enum_zh.xml:8: data_unit: codes 0,2 differ from enum_en.xml:8 (0,1)"},
       {"enum_value_dropped", "enum_en.xml:11: data_unit: enum_member without a value is dropped"},
       {"enum_value_dropped", "enum_en.xml:12: data_unit: enum_member value \"three\" is dropped"},
@@ -101,21 +106,23 @@ TEST(NoxCatalogCheckTest, EachFaultIsFound) {
     size_t start = 0;
     while (start < r.out.size()) {
       size_t eol = r.out.find('\n', start);
-      std::string line = r.out.substr(start, eol == std::string::npos ? std::string::npos : eol - start);
+      std::string line =
+          r.out.substr(start, eol == std::string::npos ? std::string::npos : eol - start);
       if (line.compare(0, expected.size(), expected) == 0) found = true;
       if (eol == std::string::npos) break;
       start = eol + 1;
     }
     EXPECT_TRUE(found) << c.fixture << ": expected a line starting with\n  " << expected
-                       << "\ngot:\n" << r.out;
+                       << "\ngot:\n"
+                       << r.out;
   }
 }
 
 TEST(NoxCatalogCheckTest, UsageErrors) {
   EXPECT_EQ(run({}).status, 2);
   EXPECT_EQ(run({"check"}).status, 2);
-  EXPECT_EQ(run({"render", "1000"}).status, 2);                      // no language
-  EXPECT_EQ(run({"render", "--lang", "fr", "1000"}).status, 2);      // unknown language
+  EXPECT_EQ(run({"render", "1000"}).status, 2);                  // no language
+  EXPECT_EQ(run({"render", "--lang", "fr", "1000"}).status, 2);  // unknown language
 }
 
 TEST(NoxCatalogRenderTest, PrintsTheFinishedText) {

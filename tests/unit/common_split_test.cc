@@ -69,6 +69,42 @@ TEST(SplitTest, ReplacesTheVector) {
   EXPECT_TRUE(out.empty());
 }
 
+// Texts with many separators, beyond the cuts split collects before making
+// fields, give the same fields as a field-by-field reading.
+TEST(SplitTest, ManyFields) {
+  for (int n : {63, 64, 65, 66, 200}) {
+    std::string text;
+    Fields expected;
+    for (int i = 0; i < n; ++i) {
+      if (i != 0) text += ',';
+      expected.push_back(i % 3 == 0 ? std::string() : "f" + std::to_string(i));
+      text += expected.back();
+    }
+    Fields out;
+    CCommon::split(text, ",", out, false);
+    EXPECT_EQ(out, expected) << n;
+    Fields nonEmpty;
+    for (const std::string& f : expected) {
+      if (!f.empty()) nonEmpty.push_back(f);
+    }
+    CCommon::split(text, ",", out, true);
+    EXPECT_EQ(out, nonEmpty) << n;
+  }
+}
+
+TEST(SplitTest, ManyOverlappingLongSeparators) {
+  // 100 '#' characters: 99 occurrences of "##", each found one character on.
+  const std::string text = "a" + std::string(100, '#') + "b";
+  Fields out;
+  CCommon::split(text, "##", out, false);
+  Fields expected = {"a"};
+  for (int i = 0; i < 98; ++i) expected.push_back("");
+  expected.push_back("#b");
+  EXPECT_EQ(out, expected);
+  CCommon::split(text, "##", out, true);
+  EXPECT_EQ(out, (Fields{"a", "#b"}));
+}
+
 TEST(SplitTest, TracesAtDebugWithModule18) {
   TraceCapture trace;
   Fields out;

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "nox_constants.h"
 #include "trace_capture.h"
 
 namespace {
@@ -82,13 +83,17 @@ class CatalogTest : public ::testing::Test {
   std::string renderTemplate(const std::string& tpl, const std::string& params) {
     std::string escaped;
     for (char c : tpl) {
-      if (c == '"') escaped += "&quot;";
-      else if (c == '&') escaped += "&amp;";
-      else if (c == '<') escaped += "&lt;";
-      else escaped += c;
+      if (c == '"')
+        escaped += "&quot;";
+      else if (c == '&')
+        escaped += "&amp;";
+      else if (c == '<')
+        escaped += "&lt;";
+      else
+        escaped += c;
     }
-    std::string xml = dir_.write("one.xml", messagesFile("<message id=\"1\" template=\"" +
-                                                         escaped + "\"/>\n"));
+    std::string xml =
+        dir_.write("one.xml", messagesFile("<message id=\"1\" template=\"" + escaped + "\"/>\n"));
     std::string enums = dir_.write("one_enum.xml", enumsFile(kLevelEnum));
     CXmlConfigParser<MessageInfo> parser;
     parser.init(xml, enums);
@@ -169,8 +174,9 @@ TEST_F(CatalogTest, MissingMessagesFileFailsWithTheTinyxmlCode) {
   std::string missing = dir_.path() + "/none.xml";
   enum_ = dir_.write("enum.xml", enumsFile(kLevelEnum));
   parser_.init(missing, enum_);
-  std::string expected = "Open xml config file(" + missing + ") failed.\nerrno: " +
-                         std::to_string(tinyxml2::XML_ERROR_FILE_NOT_FOUND) + ").";
+  std::string expected = "Open xml config file(" + missing +
+                         ") failed.\nerrno: " + std::to_string(tinyxml2::XML_ERROR_FILE_NOT_FOUND) +
+                         ").";
   EXPECT_TRUE(trace.has(TraceLevel::kError, expected)) << trace.dump();
   EXPECT_TRUE(trace.has(TraceLevel::kError, "Parse xml configured file failed."));
   EXPECT_EQ(parser_.xmlPath_, "");
@@ -186,8 +192,8 @@ TEST_F(CatalogTest, MalformedMessagesFileLogsTheTinyxmlErrorCode) {
   EXPECT_EQ(parser_.parseXmlCfg(bad, "0"), -1);
   // "errno" is tinyxml2's code and the ")." closes nothing; the line is kept
   // as operators and log filters know it.
-  std::string expected = "Open xml config file(" + bad + ") failed.\nerrno: " +
-                         std::to_string(tinyxmlLoadCode(bad)) + ").";
+  std::string expected = "Open xml config file(" + bad +
+                         ") failed.\nerrno: " + std::to_string(tinyxmlLoadCode(bad)) + ").";
   EXPECT_TRUE(trace.has(TraceLevel::kError, expected)) << trace.dump();
 }
 
@@ -199,9 +205,9 @@ TEST_F(CatalogTest, DocumentWithoutRootElementFails) {
   if (code == 0) {
     EXPECT_TRUE(trace.has(TraceLevel::kError, "Parse root element failed!")) << trace.dump();
   } else {
-    EXPECT_TRUE(trace.has(TraceLevel::kError, "Open xml config file(" + noRoot +
-                                                  ") failed.\nerrno: " + std::to_string(code) +
-                                                  ")."))
+    EXPECT_TRUE(trace.has(
+        TraceLevel::kError,
+        "Open xml config file(" + noRoot + ") failed.\nerrno: " + std::to_string(code) + ")."))
         << trace.dump();
   }
 }
@@ -209,7 +215,8 @@ TEST_F(CatalogTest, DocumentWithoutRootElementFails) {
 TEST_F(CatalogTest, MessagesAsTheRootElementIsRejected) {
   // The messages element must be a child of the root, whatever the root's name.
   TraceCapture trace;
-  std::string flat = dir_.write("flat.xml", "<messages><message id=\"1\" template=\"x\"/></messages>");
+  std::string flat =
+      dir_.write("flat.xml", "<messages><message id=\"1\" template=\"x\"/></messages>");
   EXPECT_EQ(parser_.parseXmlCfg(flat, "0"), -1);
   EXPECT_TRUE(trace.has(TraceLevel::kError, "Parse event definition element failed!"));
   EXPECT_TRUE(trace.hasText("leave parseXmlCfgItems: NOK"));
@@ -217,8 +224,9 @@ TEST_F(CatalogTest, MessagesAsTheRootElementIsRejected) {
 }
 
 TEST_F(CatalogTest, AnyRootNameIsAccepted) {
-  std::string file = dir_.write("m.xml", "<whatever><messages><message id=\"1\" template=\"x\"/>"
-                                         "</messages></whatever>");
+  std::string file = dir_.write("m.xml",
+                                "<whatever><messages><message id=\"1\" template=\"x\"/>"
+                                "</messages></whatever>");
   EXPECT_EQ(parser_.parseXmlCfg(file, "0"), 0);
   EXPECT_EQ(parser_.infoMap_.count("1"), 1u);
 }
@@ -233,9 +241,10 @@ TEST_F(CatalogTest, FirstMessageOfAnIdentifierWins) {
 
 TEST_F(CatalogTest, MessageWithoutIdentifierIsSkippedButLogged) {
   TraceCapture trace;
-  load("<message template=\"no id\"/>\n<message id=\"\" template=\"empty id\"/>\n"
-       "<message id=\"9\" template=\"nine\"/>\n",
-       "");
+  load(
+      "<message template=\"no id\"/>\n<message id=\"\" template=\"empty id\"/>\n"
+      "<message id=\"9\" template=\"nine\"/>\n",
+      "");
   EXPECT_EQ(parser_.infoMap_.size(), 1u);
   EXPECT_EQ(trace.count(TraceLevel::kDebug, "insert  into map, key="), 2);
   EXPECT_TRUE(trace.has(TraceLevel::kDebug, "insert  into map, key=9"));
@@ -294,9 +303,9 @@ TEST_F(CatalogTest, MissingEnumerationsFileLogsOpenFailure) {
   TraceCapture trace;
   std::string missing = dir_.path() + "/no_enum.xml";
   EXPECT_EQ(parser_.parseXmlEnum(missing, ""), -1);
-  EXPECT_TRUE(trace.has(TraceLevel::kError,
-                        "Open enum config file(" + missing + ") failed.\nerrno: " +
-                            std::to_string(tinyxml2::XML_ERROR_FILE_NOT_FOUND) + ")."))
+  EXPECT_TRUE(
+      trace.has(TraceLevel::kError, "Open enum config file(" + missing + ") failed.\nerrno: " +
+                                        std::to_string(tinyxml2::XML_ERROR_FILE_NOT_FOUND) + ")."))
       << trace.dump();
 }
 
@@ -320,25 +329,25 @@ TEST_F(CatalogTest, MembersWithoutUsableValueAreDropped) {
     bool kept;
     int32_t code;
   } cases[] = {
-      {nullptr, false, 0},              // no value attribute
-      {"", false, 0},                   // empty
-      {"abc", false, 0},                // not a number
-      {"-100", false, 0},               // the "not a number" marker itself
-      {"-5", false, 0},                 // signs are not accepted
-      {"+5", false, 0},                 //
-      {" 5", false, 0},                 // a blank
+      {nullptr, false, 0},                // no value attribute
+      {"", false, 0},                     // empty
+      {"abc", false, 0},                  // not a number
+      {"-100", false, 0},                 // the "not a number" marker itself
+      {"-5", false, 0},                   // signs are not accepted
+      {"+5", false, 0},                   //
+      {" 5", false, 0},                   // a blank
       {"1234567890123456789", false, 0},  // 19 digits
-      {"007", true, 7},                 // leading zeros
-      {"0", true, 0},                   //
-      {"42", true, 42},                 //
+      {"007", true, 7},                   // leading zeros
+      {"0", true, 0},                     //
+      {"42", true, 42},                   //
   };
   for (const Case& c : cases) {
-    std::string member = c.value == nullptr
-                             ? std::string("<enum_member>x</enum_member>")
-                             : std::string("<enum_member value=\"") + c.value + "\">x</enum_member>";
+    std::string member =
+        c.value == nullptr ? std::string("<enum_member>x</enum_member>")
+                           : std::string("<enum_member value=\"") + c.value + "\">x</enum_member>";
     CXmlConfigParser<MessageInfo> parser;
-    std::string file = dir_.write("e.xml", enumsFile("<enum_type name=\"e\">" + member +
-                                                     "</enum_type>"));
+    std::string file =
+        dir_.write("e.xml", enumsFile("<enum_type name=\"e\">" + member + "</enum_type>"));
     ASSERT_EQ(parser.parseXmlEnum(file, ""), 0);
     const XmlEnum& e = parser.enumMap_["e"];
     if (c.kept) {
@@ -372,8 +381,9 @@ TEST_F(CatalogTest, BadEnumTypesAreLoggedAndSkipped) {
 }
 
 TEST_F(CatalogTest, NamedLoadReadsOnlyThatEnumeration) {
-  std::string file = dir_.write("e.xml", enumsFile("<enum_type name=\"a\"/>" + std::string(kLevelEnum) +
-                                                   "<enum_type name=\"b\"/>"));
+  std::string file = dir_.write(
+      "e.xml",
+      enumsFile("<enum_type name=\"a\"/>" + std::string(kLevelEnum) + "<enum_type name=\"b\"/>"));
   EXPECT_EQ(parser_.parseXmlEnum(file, "level"), 0);
   EXPECT_EQ(parser_.enumMap_.size(), 1u);
   EXPECT_EQ(parser_.enumMap_.count("level"), 1u);
@@ -411,9 +421,9 @@ TEST_F(CatalogTest, ParseXmlEnumItemResults) {
   ASSERT_EQ(doc.Parse("<enum_type name=\"n\"><enum_member value=\"1\">a</enum_member></enum_type>"),
             tinyxml2::XML_SUCCESS);
   tinyxml2::XMLElement* type = doc.FirstChildElement();
-  EXPECT_EQ(parser_.parseXmlEnumItem(type, "n"), 101);     // asked for and stored
-  EXPECT_EQ(parser_.parseXmlEnumItem(type, "other"), 0);   // another name: skipped
-  EXPECT_EQ(parser_.parseXmlEnumItem(type, ""), 0);        // load-all: stored
+  EXPECT_EQ(parser_.parseXmlEnumItem(type, "n"), 101);    // asked for and stored
+  EXPECT_EQ(parser_.parseXmlEnumItem(type, "other"), 0);  // another name: skipped
+  EXPECT_EQ(parser_.parseXmlEnumItem(type, ""), 0);       // load-all: stored
   EXPECT_EQ(parser_.parseXmlEnumItem(nullptr, ""), -1);
   EXPECT_TRUE(trace.has(TraceLevel::kError, "Parse enum type element failed!"));
   EXPECT_EQ(parser_.parseXmlEnumItems(nullptr, ""), -1);
@@ -431,19 +441,19 @@ TEST_F(CatalogTest, SubstitutionEdgeCases) {
   } cases[] = {
       {"Disk ##0 is full", "d1", "Disk d1 is full "},
       {"##0##1", "a#@#b", "ab "},
-      {"##2 left", "x#@#y", " left "},             // index past the end: empty text
-      {"50## done", "p", "50## done "},            // no digit: both "#" copied
-      {"##123456", "p", "##123456 "},              // six digits: no placeholder
-      {"##12345", "p", " "},                       // five digits: parameter 12345
-      {"##00001", "a#@#b", "b "},                  // leading zeros
-      {"##0 {level}", "2", "High "},               // blanks before "{" consumed
-      {"##0{ level }", "1", "Low "},               // blanks inside the braces
+      {"##2 left", "x#@#y", " left "},   // index past the end: empty text
+      {"50## done", "p", "50## done "},  // no digit: both "#" copied
+      {"##123456", "p", "##123456 "},    // six digits: no placeholder
+      {"##12345", "p", " "},             // five digits: parameter 12345
+      {"##00001", "a#@#b", "b "},        // leading zeros
+      {"##0 {level}", "2", "High "},     // blanks before "{" consumed
+      {"##0{ level }", "1", "Low "},     // blanks inside the braces
       {"##0{level}!", "2", "High! "},
-      {"##0{no such}", "2", "2{no such} "},        // two words: abandoned
-      {"##0{level", "2", "2{level "},              // never closed: abandoned
-      {"##0{level}", "abc", " "},                  // not a number
-      {"##0{level}", "7", " "},                    // unknown code
-      {"##0{nope}", "2", " "},                     // unknown enumeration
+      {"##0{no such}", "2", "2{no such} "},  // two words: abandoned
+      {"##0{level", "2", "2{level "},        // never closed: abandoned
+      {"##0{level}", "abc", " "},            // not a number
+      {"##0{level}", "7", " "},              // unknown code
+      {"##0{nope}", "2", " "},               // unknown enumeration
       {"plain text", "a", "plain text "},
       {"", "a", " "},
       {"#", "a", "# "},
@@ -451,11 +461,11 @@ TEST_F(CatalogTest, SubstitutionEdgeCases) {
       {"a##0#b", "x", "ax#b "},
       {"##0 and ##0", "v", "v and v "},
       {"##1, ##0", "a#@#b", "b, a "},
-      {"##0", "", " "},                             // empty parameter text: one empty value
-      {"##0|##1|##2", "#@##@#", "|| "},              // empty values between separators
-      {"##0|##1", "a#@#", "a| "},                    // trailing separator: no value
-      {"##0", "a##b#c", "a##b#c "},                  // "##" and "#" in values are plain
-      {"##0 ##1", "##1#@#z", "##1 z "},             // single pass: inserted text not rescanned
+      {"##0", "", " "},                  // empty parameter text: one empty value
+      {"##0|##1|##2", "#@##@#", "|| "},  // empty values between separators
+      {"##0|##1", "a#@#", "a| "},        // trailing separator: no value
+      {"##0", "a##b#c", "a##b#c "},      // "##" and "#" in values are plain
+      {"##0 ##1", "##1#@#z", "##1 z "},  // single pass: inserted text not rescanned
       {"中文##0文本", "值", "中文值文本 "},
   };
   for (const Case& c : cases) {
@@ -477,6 +487,13 @@ TEST_F(CatalogTest, EveryFinishedTextEndsWithOneBlank) {
   EXPECT_EQ(renderTemplate("ends with ##0", "x"), "ends with x ");
   EXPECT_EQ(renderTemplate("ends with ##0{level}", "2"), "ends with High ");
   EXPECT_EQ(renderTemplate("already blank ", ""), "already blank  ");
+}
+
+TEST_F(CatalogTest, InsertedValuesAreNotScannedAgain) {
+  // Kept: one pass from left to right, so a value that looks like a
+  // placeholder (a user's file name, say) is shown as it is.
+  EXPECT_EQ(renderTemplate("File ##0, level ##1{level}", "##1{level}#@#2"),
+            "File ##1{level}, level High ");
 }
 
 TEST_F(CatalogTest, SeparatorIsARegularExpression) {
@@ -634,10 +651,10 @@ TEST_F(CatalogTest, GetEnumStringResults) {
 TEST(ShippedCatalogTest, BothLanguagesLoadAndRender) {
   CXmlConfigParser<MessageInfo> en;
   CXmlConfigParser<MessageInfo> zh;
-  en.init("../conf/task_extra_info_en.xml", "../conf/enum_en.xml");
-  zh.init("../conf/task_extra_info_zh.xml", "../conf/enum_zh.xml");
-  ASSERT_EQ(en.enumPath_, "../conf/enum_en.xml");
-  ASSERT_EQ(zh.enumPath_, "../conf/enum_zh.xml");
+  en.init(TASK_EXTRA_INFO_EN_PATH, ENUM_EN_PATH);
+  zh.init(TASK_EXTRA_INFO_ZH_PATH, ENUM_ZH_PATH);
+  ASSERT_EQ(en.enumPath_, ENUM_EN_PATH);
+  ASSERT_EQ(zh.enumPath_, ENUM_ZH_PATH);
   EXPECT_GE(en.infoMap_.size(), 60u);
   EXPECT_EQ(en.infoMap_.size(), zh.infoMap_.size());
   EXPECT_GE(en.enumMap_.size(), 8u);
