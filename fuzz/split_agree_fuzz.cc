@@ -6,6 +6,9 @@
 // separator, and splitUsingRegex appends to the vector.)
 // With skipEmpty, split gives the same fields minus the empty ones.
 //
+// A regular-expression operator used as the separator is escaped with a
+// backslash in the pattern, which makes it mean itself as well.
+//
 // Input: the separator byte, then the text.
 #include <cstddef>
 #include <cstdint>
@@ -42,7 +45,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   CCommon::split(text, sep, bySplit, false);
   CCommon::splitUsingRegex(text, sep, byRegex, false);
 
-  if (!usableSeparator(separator) || text.back() == separator) return 0;
+  if (separator == '\0' || text.back() == separator) return 0;
+  if (!usableSeparator(separator)) {
+    // An operator character escaped with a backslash means itself too.
+    byRegex.clear();
+    CCommon::splitUsingRegex(text, "\\" + sep, byRegex, false);
+  }
   if (bySplit != byRegex) fail("split and splitUsingRegex differ");
 
   std::vector<std::string> skipped;

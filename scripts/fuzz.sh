@@ -8,7 +8,8 @@
 # programs without the suffix .cc (default: all of them). Each target starts from
 # its seeds in fuzz/corpus/<target>/ and keeps what it learns in
 # build-fuzz/corpus/<target>/ (the seeds in the repository are not touched).
-# A crash, leak, sanitizer report or violated property stops the script with a
+# A crash, leak, sanitizer report, violated property or an input that runs
+# longer than FUZZ_TIMEOUT seconds (default 10) stops the script with a
 # non-zero status; the input that caused it is left in build-fuzz/artifacts/<target>/.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -40,7 +41,7 @@ for t in "${targets[@]}"; do
   mkdir -p "$BUILD/corpus/$t" "$BUILD/artifacts/$t" "fuzz/corpus/$t"
   echo "=== $t: ${SECONDS_PER_TARGET}s ==="
   # The first corpus directory receives new inputs; the seeds are only read.
-  "$bin" -max_total_time="$SECONDS_PER_TARGET" -print_final_stats=1 \
+  "$bin" -max_total_time="$SECONDS_PER_TARGET" -timeout="${FUZZ_TIMEOUT:-10}" -print_final_stats=1 \
     -artifact_prefix="$BUILD/artifacts/$t/" "$BUILD/corpus/$t" "fuzz/corpus/$t"
 done
 echo "all fuzz targets ran clean"
