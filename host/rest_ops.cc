@@ -38,7 +38,7 @@
 
 namespace {
 
-constexpr int kModule = 3;
+constexpr int kModule = 2;  // the host's module
 
 const char kArgStart[] = "start";
 const char kArgLimit[] = "limit";

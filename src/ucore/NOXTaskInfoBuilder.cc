@@ -53,10 +53,13 @@ int NOXTaskOp::doBuildTaskInfo(CR3MRecordV3& record, std::string& detail, bool i
 
   detail.clear();
   std::ostringstream out;
-  const Json::Value& entries = root;
-  const uint32_t count = entries.size();
-  for (uint32_t i = 0; i < count; ++i) {
-    const Json::Value& entry = entries[i];
+  const uint32_t count = root.size();
+  // Indexing a jsoncpp array is a tree lookup; walking it with an iterator
+  // keeps every step constant, so long details render in linear time. A root
+  // that is no array is still indexed, and jsoncpp refuses that.
+  Json::Value::const_iterator next = root.begin();
+  for (uint32_t i = 0; i < count; ++i, ++next) {
+    const Json::Value& entry = root.isArray() ? *next : root[i];
     const std::string identifier = entry["id"].asString();
     const Json::Value& params = entry["params"];
     const uint32_t paramCount = params.size();
