@@ -2,8 +2,11 @@
 // the simulated backend's demo data.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <set>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "e2e_support.h"
 
@@ -130,6 +133,47 @@ TEST_F(QueriesE2E, StorageConfiguration) {
   EXPECT_TRUE(conf["data"]["capacity"].isIntegral()) << conf;
   // Only GET reads it.
   expectEnvelope(client_->Post(path, auth(token_), "{}", "application/json"), 405, 0x03000202);
+}
+
+TEST_F(QueriesE2E, ParallelClientsGetTheSameAnswers) {
+  // Reference answers, one request at a time.
+  const Json::Value list = get("/kestrel_task?start=0&limit=1000");
+  ASSERT_GE(list["data"].size(), 4u);
+  std::vector<std::string> paths;
+  std::vector<std::string> expected;
+  for (Json::ArrayIndex i = 0; i < 4; ++i) {
+    for (const char* language : {"en", "zh"}) {
+      paths.push_back("/kestrel_task/" + list["data"][i]["taskId"].asString() +
+                      "?LANGUAGE=" + language);
+      expected.push_back(client_->Get(paths.back().c_str(), auth(token_))->body);
+    }
+  }
+  paths.push_back("/alarm/historyalarm/count");
+  expected.push_back(client_->Get(paths.back().c_str(), auth(token_))->body);
+
+  // Eight clients, each on its own keep-alive connection, all at once.
+  std::atomic<int> wrong(0);
+  std::atomic<int> served(0);
+  std::vector<std::thread> clients;
+  for (int c = 0; c < 8; ++c) {
+    clients.emplace_back([&, c] {
+      httplib::Client client("127.0.0.1", gateway_.port());
+      client.set_keep_alive(true);
+      client.set_read_timeout(60);
+      for (int round = 0; round < 10; ++round) {
+        const size_t i = static_cast<size_t>(c + round) % paths.size();
+        auto res = client.Get(paths[i].c_str(), auth(token_));
+        if (!res || res->status != 200 || res->body != expected[i]) {
+          ++wrong;
+        } else {
+          ++served;
+        }
+      }
+    });
+  }
+  for (std::thread& t : clients) t.join();
+  EXPECT_EQ(wrong.load(), 0);
+  EXPECT_EQ(served.load(), 80);
 }
 
 }  // namespace
