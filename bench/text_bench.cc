@@ -23,8 +23,8 @@ namespace {
 // joined with `separator` until the text reaches `size` bytes.
 std::string makeText(size_t size, const std::string& separator) {
   static const char* const kFields[] = {
-      "task_1024",     "backup_policy_daily_full", "192.168.10.21", "OK",
-      "storage-pool-3", "2026-11-21 10:00:00",     "vm_web_frontend_07", "0",
+      "task_1024",      "backup_policy_daily_full", "192.168.10.21",      "OK",
+      "storage-pool-3", "2026-11-21 10:00:00",      "vm_web_frontend_07", "0",
   };
   std::string text;
   size_t k = 0;
@@ -96,8 +96,8 @@ void BM_TraceGuardOnly(benchmark::State& state) {
   const std::string text = "a,b";
   for (auto _ : state) {
     CQPNDebugKitGuard guard(18, "split");
-    guard.debug(0, "split", __LINE__, "the split string is [%s], separator is [%s].",
-                text.c_str(), ",");
+    guard.debug(0, "split", __LINE__, "the split string is [%s], separator is [%s].", text.c_str(),
+                ",");
   }
 }
 BENCHMARK(BM_TraceGuardOnly);
@@ -120,8 +120,9 @@ BENCHMARK(BM_FindCaseBlind);
 
 // 1 MB of Chinese text mixed with ASCII, as in rendered task details.
 void BM_Utf8ChineseCharNum(benchmark::State& state) {
-  const std::string piece = "\xe5\xa4\x87\xe4\xbb\xbd\xe4\xbb\xbb\xe5\x8a\xa1 task_1024 "
-                            "\xe5\xb7\xb2\xe5\xae\x8c\xe6\x88\x90, 100% \xe3\x80\x82";
+  const std::string piece =
+      "\xe5\xa4\x87\xe4\xbb\xbd\xe4\xbb\xbb\xe5\x8a\xa1 task_1024 "
+      "\xe5\xb7\xb2\xe5\xae\x8c\xe6\x88\x90, 100% \xe3\x80\x82";
   std::string text;
   while (text.size() < (1u << 20)) text += piece;
   text.resize(1u << 20);

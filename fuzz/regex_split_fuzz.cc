@@ -43,8 +43,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 1) return 0;
   const size_t patternLength = data[0] % 16;
   if (size < 1 + patternLength) return 0;
-  const std::string pattern(std::string(reinterpret_cast<const char*>(data) + 1, patternLength)
-                                .c_str());
+  const std::string pattern(
+      std::string(reinterpret_cast<const char*>(data) + 1, patternLength).c_str());
   const std::string text(reinterpret_cast<const char*>(data) + 1 + patternLength,
                          size - 1 - patternLength);
 

@@ -28,9 +28,7 @@ namespace {
 
 // Characters with a meaning in a PCRE2 pattern outside a class, and NUL,
 // which cannot be part of a zero-terminated pattern.
-bool usableSeparator(char c) {
-  return c != '\0' && std::strchr("\\^$.|?*+()[]{}", c) == nullptr;
-}
+bool usableSeparator(char c) { return c != '\0' && std::strchr("\\^$.|?*+()[]{}", c) == nullptr; }
 
 }  // namespace
 

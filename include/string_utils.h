@@ -187,8 +187,7 @@ NOX_EXPORT std::string findPrefix(std::vector<std::string>& list, const CStrEqua
 //   // s == "a\\cb\\\\c"                  // a \ c b \ \ c
 // parseEscape(s, codes, specials, false) restores the text when `codes` holds
 // no duplicate, no backslash and no NUL and both lists have the same length.
-NOX_EXPORT void addEscape(std::string& text, const std::string& specials,
-                          const std::string& codes);
+NOX_EXPORT void addEscape(std::string& text, const std::string& specials, const std::string& codes);
 
 // Unescapes `text` in place. A backslash followed by the k-th character of
 // `codes` (or a second backslash) becomes the k-th character of `specials`
@@ -202,8 +201,8 @@ NOX_EXPORT void addEscape(std::string& text, const std::string& specials,
 //   std::string t = "ab\\";   parseEscape(t, "c", ",", false) == 2
 //   std::string u = "\\q";    parseEscape(u, "c", ",", false) == -1
 //                             parseEscape(u, "c", ",", true) == 0, u == "\\q"
-NOX_EXPORT int parseEscape(std::string& text, const std::string& codes,
-                           const std::string& specials, bool keepUnknown);
+NOX_EXPORT int parseEscape(std::string& text, const std::string& codes, const std::string& specials,
+                           bool keepUnknown);
 
 // Rewrites the escape sequences introduced by `esc`: `esc` followed by the
 // k-th character of `from` becomes the k-th character of `to`; `esc` followed

@@ -201,8 +201,7 @@ int parseEscape(std::string& text, const std::string& codes, const std::string& 
   return rc;
 }
 
-int replaceEscape(std::string& text, std::string from, std::string to, char esc,
-                  bool keepUnknown) {
+int replaceEscape(std::string& text, std::string from, std::string to, char esc, bool keepUnknown) {
   from += esc;
   to += esc;
   if (to.size() < from.size()) return -1;

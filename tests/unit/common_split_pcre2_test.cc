@@ -8,9 +8,8 @@
 #ifndef PCRE2_CODE_UNIT_WIDTH
 #define PCRE2_CODE_UNIT_WIDTH 8
 #endif
-#include <pcre2.h>
-
 #include <gtest/gtest.h>
+#include <pcre2.h>
 
 #include <string>
 #include <vector>

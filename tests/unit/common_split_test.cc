@@ -109,8 +109,7 @@ TEST(SplitTest, TracesAtDebugWithModule18) {
   TraceCapture trace;
   Fields out;
   CCommon::split("a,b", ",", out, false);
-  EXPECT_EQ(trace.logs(TraceLevel::kDebug),
-            Fields{"the split string is [a,b], separator is [,]."});
+  EXPECT_EQ(trace.logs(TraceLevel::kDebug), Fields{"the split string is [a,b], separator is [,]."});
   auto record = trace.find("the split string is [a,b], separator is [,].");
   ASSERT_NE(record, nullptr);
   EXPECT_EQ(record->module, 18);
@@ -231,9 +230,8 @@ TEST(SplitUsingRegexTest, OtherInvalidPatternsLeaveVector) {
     CCommon::splitUsingRegex("a)b", pattern, out, false);
     EXPECT_EQ(out, Fields{"x"}) << pattern;
     ASSERT_EQ(trace.logs(TraceLevel::kDebug).size(), 1u) << pattern;
-    EXPECT_EQ(trace.logs(TraceLevel::kDebug)[0].rfind(std::string(pattern) +
-                                                       " pcre2 compilation failed.Error code : ",
-                                                   0),
+    EXPECT_EQ(trace.logs(TraceLevel::kDebug)[0].rfind(
+                  std::string(pattern) + " pcre2 compilation failed.Error code : ", 0),
               0u)
         << trace.dump();
   }

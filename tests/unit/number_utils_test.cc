@@ -70,6 +70,7 @@ struct IsNumberCase {
   const char* why;
 };
 
+// clang-format off
 const std::vector<IsNumberCase>& isNumberCases() {
   static const std::vector<IsNumberCase> cases = {
       {"", false, "empty text"},
@@ -88,6 +89,7 @@ const std::vector<IsNumberCase>& isNumberCases() {
   };
   return cases;
 }
+// clang-format on
 
 TEST(IsNumberTest, Table) {
   for (const IsNumberCase& c : isNumberCases()) {
@@ -141,7 +143,10 @@ TEST(IsNumberValueTest, StoresTheValue) {
     const char* text;
     long long value;
   } cases[] = {
-      {"0", 0}, {"42", 42}, {"007", 7}, {"999999999999999999", 999999999999999999LL},
+      {"0", 0},
+      {"42", 42},
+      {"007", 7},
+      {"999999999999999999", 999999999999999999LL},
   };
   for (const Case& c : cases) {
     long long value = -5;
@@ -168,9 +173,9 @@ TEST(IsNumberValueTest, EmptyTextLogsBothTexts) {
   long long value = 3;
   EXPECT_FALSE(isNumber("", value, true));
   EXPECT_EQ(value, 3);
-  EXPECT_EQ(trace.logs(TraceLevel::kDebug),
-            (std::vector<std::string>{"string is null, not a number.",
-                                      "string[] is not a number."}));
+  EXPECT_EQ(
+      trace.logs(TraceLevel::kDebug),
+      (std::vector<std::string>{"string is null, not a number.", "string[] is not a number."}));
 }
 
 TEST(IsNumberValueTest, SuccessLogsOnlyTheFirstFormsText) {
@@ -189,7 +194,7 @@ TEST(ConvertToNumTest, Table) {
       {"42", 7, 42},
       {"4x", 7, 7},
       {"", 7, 7},
-      {"-3", 7, 7},             // signs are not accepted
+      {"-3", 7, 7},                     // signs are not accepted
       {"1234567890123456789", -1, -1},  // 19 digits
       {"000000000000000001", 9, 1},
   };
@@ -236,6 +241,7 @@ int expectedLeadLength(unsigned lead) {
   return ones == 0 ? 1 : ones;
 }
 
+// clang-format off
 TEST(Utf8CharByteNumTest, Table) {
   struct Case {
     unsigned char lead;
@@ -250,6 +256,7 @@ TEST(Utf8CharByteNumTest, Table) {
     EXPECT_EQ(getUTF8CharByteNum(c.lead), c.expected) << std::hex << int(c.lead);
   }
 }
+// clang-format on
 
 TEST(Utf8CharByteNumTest, EveryHighByteCountsItsLeadingOnes) {
   for (unsigned lead = 0x80; lead <= 0xFF; ++lead) {
@@ -258,6 +265,7 @@ TEST(Utf8CharByteNumTest, EveryHighByteCountsItsLeadingOnes) {
   }
 }
 
+// clang-format off
 TEST(Utf8ChineseCharNumTest, Table) {
   struct Case {
     std::string text;
@@ -287,6 +295,7 @@ TEST(Utf8ChineseCharNumTest, Table) {
     EXPECT_EQ(bytes, c.bytes) << c.why;
   }
 }
+// clang-format on
 
 TEST(Utf8ChineseCharNumTest, ResetsBytesOnEmptyText) {
   int bytes = 99;

@@ -97,13 +97,25 @@ TEST_F(TextExportsTest, TextFunctions) {
     const char* name;
     int overloads;
   } functions[] = {
-      {"lStrStrip", 1},        {"rStrStrip", 1},      {"findCase", 1},
-      {"comPrefixLen", 1},     {"findPrefix", 2},     {"addEscape", 1},
-      {"parseEscape", 1},      {"replaceEscape", 1},  {"getLenWithEscape", 1},
-      {"joinString", 1},       {"splitString_Escape", 2}, {"isNum", 1},
-      {"isNumber", 2},         {"convertToNum", 1},   {"format_num_str", 1},
-      {"getUTF8CharByteNum", 1}, {"getUTF8ChineseCharNum", 1},
-      {"CCommon::split", 1},   {"CCommon::splitUsingRegex", 1},
+      {"lStrStrip", 1},
+      {"rStrStrip", 1},
+      {"findCase", 1},
+      {"comPrefixLen", 1},
+      {"findPrefix", 2},
+      {"addEscape", 1},
+      {"parseEscape", 1},
+      {"replaceEscape", 1},
+      {"getLenWithEscape", 1},
+      {"joinString", 1},
+      {"splitString_Escape", 2},
+      {"isNum", 1},
+      {"isNumber", 2},
+      {"convertToNum", 1},
+      {"format_num_str", 1},
+      {"getUTF8CharByteNum", 1},
+      {"getUTF8ChineseCharNum", 1},
+      {"CCommon::split", 1},
+      {"CCommon::splitUsingRegex", 1},
   };
   for (const Expected& f : functions) {
     EXPECT_EQ(functionCount(f.name), f.overloads) << f.name;
@@ -111,16 +123,16 @@ TEST_F(TextExportsTest, TextFunctions) {
 }
 
 TEST_F(TextExportsTest, ComparatorClassesCarryTheirTypeInformation) {
-  for (const char* name : {"vtable for EqualCaseStr", "vtable for EqualCaseChar",
-                           "vtable for CStrEqualPred", "typeinfo for EqualCaseStr",
-                           "typeinfo for CStrEqualPred", "vtable for vequal_to<char>"}) {
+  for (const char* name :
+       {"vtable for EqualCaseStr", "vtable for EqualCaseChar", "vtable for CStrEqualPred",
+        "typeinfo for EqualCaseStr", "typeinfo for CStrEqualPred", "vtable for vequal_to<char>"}) {
     EXPECT_TRUE(mentions(name)) << name;
   }
 }
 
 TEST_F(TextExportsTest, HelpersStayHidden) {
-  for (const char* name : {"findInList", "leadByteLength", "unescape", "Pcre2CodeFree",
-                           "errorPosition"}) {
+  for (const char* name :
+       {"findInList", "leadByteLength", "unescape", "Pcre2CodeFree", "errorPosition"}) {
     EXPECT_FALSE(mentions(name)) << name;
   }
 }
