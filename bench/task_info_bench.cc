@@ -16,8 +16,8 @@
 #include <memory>
 #include <string>
 
-#include "NOXTaskOp.h"
 #include "../tests/support/catalogue_dir.h"
+#include "NOXTaskOp.h"
 #include "trace_sink.h"
 
 namespace {
@@ -89,8 +89,18 @@ void BM_BareJsonParse(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * state.range(0));
 }
 
-BENCHMARK(BM_BuildTaskInfo)->Arg(10)->Arg(100)->Arg(1000)->Arg(10000)->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_BareJsonParse)->Arg(10)->Arg(100)->Arg(1000)->Arg(10000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_BuildTaskInfo)
+    ->Arg(10)
+    ->Arg(100)
+    ->Arg(1000)
+    ->Arg(10000)
+    ->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_BareJsonParse)
+    ->Arg(10)
+    ->Arg(100)
+    ->Arg(1000)
+    ->Arg(10000)
+    ->Unit(benchmark::kMicrosecond);
 
 }  // namespace
 

@@ -228,8 +228,8 @@ bool GeneralNonMoOp::isSupport(const std::string& action, const std::string& res
   return strcasecmp(action.c_str(), method_.c_str()) == 0;
 }
 
-int GeneralNonMoOp::op(const std::string& action, const std::string& resource,
-                       CRequestMsg& request, CResponseMsg& response) {
+int GeneralNonMoOp::op(const std::string& action, const std::string& resource, CRequestMsg& request,
+                       CResponseMsg& response) {
   (void)action;
   (void)resource;
   std::map<std::string, MsgValue> args;

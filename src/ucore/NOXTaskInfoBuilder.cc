@@ -32,8 +32,8 @@ int NOXTaskOp::doBuildTaskInfo(CR3MRecordV3& record, std::string& detail, bool i
   guard.debug(0, "doBuildTaskInfo", __LINE__, "build taskextra begin");
 
   const char* json = record[kTagTaskDetail];
-  guard.debug(0, "doBuildTaskInfo", __LINE__, "Get msg detail json str : %s, errorcode :%s ",
-              json, errorCode.c_str());
+  guard.debug(0, "doBuildTaskInfo", __LINE__, "Get msg detail json str : %s, errorcode :%s ", json,
+              errorCode.c_str());
 
   Json::Value root;
   Json::CharReaderBuilder builder;
@@ -80,11 +80,9 @@ int NOXTaskOp::doBuildTaskInfo(CR3MRecordV3& record, std::string& detail, bool i
       std::string p = params[j]["param"].asString();
       if (j != paramCount - 1) p += kParamSeparator;
       parameters += p;
-      guard.debug(0, "doBuildTaskInfo", __LINE__, "Get msg detail params : %s",
-                  parameters.c_str());
+      guard.debug(0, "doBuildTaskInfo", __LINE__, "Get msg detail params : %s", parameters.c_str());
     }
-    guard.debug(0, "doBuildTaskInfo", __LINE__, "Get msg detail params : %s",
-                parameters.c_str());
+    guard.debug(0, "doBuildTaskInfo", __LINE__, "Get msg detail params : %s", parameters.c_str());
 
     MessageInfo info;
     info.init();

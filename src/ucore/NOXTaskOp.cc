@@ -31,8 +31,7 @@ const char kDescriptionCloser[] = "\"}";
 
 // Writes `text` into `cell` as a text value, its terminating zero counted.
 void setText(CTLVCell& cell, const std::string& text) {
-  cell.set_i(CTLVCell::TLV_STRING, cell.getTag(), const_cast<char*>(text.c_str()),
-             text.size() + 1);
+  cell.set_i(CTLVCell::TLV_STRING, cell.getTag(), const_cast<char*>(text.c_str()), text.size() + 1);
 }
 
 }  // namespace

@@ -73,8 +73,7 @@ class NOXTaskOp : public CMoSpecOp {
   // not JSON) or -1 when the mutex could not be taken (detail unchanged).
   // A root that is not an array, or an entry that is not an object, throws
   // jsoncpp's logic error; the mutex is released on the way out.
-  int doBuildTaskInfo(CR3MRecordV3& record, std::string& detail, bool isZh,
-                      std::string& errorCode);
+  int doBuildTaskInfo(CR3MRecordV3& record, std::string& detail, bool isZh, std::string& errorCode);
 
  protected:
   // Takes the rendering mutex: ACE_OS::mutex_lock on its handle. Returns what

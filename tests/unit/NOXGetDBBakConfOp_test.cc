@@ -127,11 +127,8 @@ TEST_F(DBBakConfOpTest, SuccessCodeBecomesEmptyText) {
 // other code and, being unknown, read as unknown errors.
 TEST_F(DBBakConfOpTest, NearZeroCodesAreUnknownErrors) {
   const std::pair<const char*, const char*> cases[] = {
-      {" 0", "Unknow Error:  0"},
-      {"00", "Unknow Error: 00"},
-      {"0 ", "Unknow Error: 0 "},
-      {"", "Unknow Error: "},
-      {"9999", "Unknow Error: 9999"},
+      {" 0", "Unknow Error:  0"}, {"00", "Unknow Error: 00"},     {"0 ", "Unknow Error: 0 "},
+      {"", "Unknow Error: "},     {"9999", "Unknow Error: 9999"},
   };
   for (const auto& c : cases) {
     TraceCapture trace;
@@ -190,8 +187,8 @@ TEST_F(DBBakConfOpTest, LanguageArgumentAndSessionLanguage) {
     bool chinese;
   };
   const Case cases[] = {
-      {"zh", "en", true},   {"ZH", "zh", false},  {"en", "zh", false},   {"de", "zh", false},
-      {"", "zh", true},     {"", "en", false},    {nullptr, "zh", true}, {nullptr, "en", false},
+      {"zh", "en", true}, {"ZH", "zh", false}, {"en", "zh", false},   {"de", "zh", false},
+      {"", "zh", true},   {"", "en", false},   {nullptr, "zh", true}, {nullptr, "en", false},
   };
   for (const Case& c : cases) {
     answer("2001", "sdc");

@@ -113,9 +113,9 @@ TEST_F(TaskInfoBuilderTest, EntryWithoutCatalogueTextIsSkipped) {
   TraceCapture trace;
   NOXTaskOp op(0xE012);
   std::string detail, code;
-  const std::string json = array({entry("1001", "1700000000", {"T1", "h"}),
-                                  entry("9999", "1700000000", {"a"}),
-                                  entry("2001", "1700000001", {"sda"})});
+  const std::string json =
+      array({entry("1001", "1700000000", {"T1", "h"}), entry("9999", "1700000000", {"a"}),
+             entry("2001", "1700000001", {"sda"})});
   ASSERT_EQ(build(op, json, false, &detail, &code), 0);
   EXPECT_EQ(detail, " " + kEnDate0 + " Task T1 started on h " + kSep + " " + kEnDate1 +
                         " Disk sda is full ");
@@ -130,9 +130,9 @@ TEST_F(TaskInfoBuilderTest, EntryWithoutCatalogueTextIsSkipped) {
 TEST_F(TaskInfoBuilderTest, TrailingSeparatorWhenLastEntryHasNoText) {
   NOXTaskOp op(0xE012);
   std::string detail, code;
-  const std::string json = array({entry("2001", "1700000000", {"sda"}),
-                                  entry("9999", "1700000001", {}),
-                                  entry("9998", "1700000001", {})});
+  const std::string json =
+      array({entry("2001", "1700000000", {"sda"}), entry("9999", "1700000001", {}),
+             entry("9998", "1700000001", {})});
   ASSERT_EQ(build(op, json, false, &detail, &code), 0);
   EXPECT_EQ(detail, " " + kEnDate0 + " Disk sda is full " + kSep);
 }
@@ -150,10 +150,9 @@ TEST_F(TaskInfoBuilderTest, OnlyUnknownEntriesGiveEmptyText) {
 TEST_F(TaskInfoBuilderTest, FirstMatchingEntryReplacesErrorCodeWithoutSeparator) {
   NOXTaskOp op(0xE012);
   std::string detail, code = "1003";
-  const std::string json = array({entry("1001", "1700000000", {"T1", "h"}),
-                                  entry("1003", "1700000000", {"T1", "disk full"}),
-                                  entry("1003", "1700000001", {"T1", "second"}),
-                                  entry("2001", "1700000001", {"sda"})});
+  const std::string json = array(
+      {entry("1001", "1700000000", {"T1", "h"}), entry("1003", "1700000000", {"T1", "disk full"}),
+       entry("1003", "1700000001", {"T1", "second"}), entry("2001", "1700000001", {"sda"})});
   ASSERT_EQ(build(op, json, false, &detail, &code), 0);
   EXPECT_EQ(code, "Task T1 failed: disk full ");
   EXPECT_NE(detail.find("Task T1 failed: second "), std::string::npos);

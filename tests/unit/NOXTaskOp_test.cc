@@ -303,7 +303,8 @@ TEST_F(TaskOpTest, EmptyErrorObjectStaysUnchanged) {
   EXPECT_EQ(response[0][kTagError].getType(), CTLVCell::TLV_JSON);
   EXPECT_EQ(cellText(response, kTagError), "{}");
   EXPECT_TRUE(trace.has(TraceLevel::kDebug, "errorcode is: {,\"description\":\"\"}"));
-  std::unique_ptr<TraceRecord> error2 = trace.find("Failed to parse new errorInfo json from string.");
+  std::unique_ptr<TraceRecord> error2 =
+      trace.find("Failed to parse new errorInfo json from string.");
   ASSERT_NE(error2, nullptr);
   EXPECT_EQ(error2->level, TraceLevel::kError);
   EXPECT_EQ(error2->module, 18);
@@ -456,9 +457,9 @@ TEST_F(TaskOpTest, LanguageArgumentAndSessionLanguage) {
     bool chinese;
   };
   const Case cases[] = {
-      {"zh", "en", true},   {"zh", "zh", true},    {"ZH", "zh", false}, {"Zh", "zh", false},
-      {"en", "zh", false},  {"fr", "zh", false},   {"en", "en", false}, {"", "zh", true},
-      {"", "en", false},    {nullptr, "zh", true}, {nullptr, "en", false},
+      {"zh", "en", true},  {"zh", "zh", true},    {"ZH", "zh", false},    {"Zh", "zh", false},
+      {"en", "zh", false}, {"fr", "zh", false},   {"en", "en", false},    {"", "zh", true},
+      {"", "en", false},   {nullptr, "zh", true}, {nullptr, "en", false},
   };
   scriptDetail(&kDetailJson, nullptr);
   NOXTaskOp op(kTaskType);

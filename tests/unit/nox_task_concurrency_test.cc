@@ -131,8 +131,7 @@ TEST(TaskConcurrencyTest, EightThreadsBuildDirectlyWithMixedLanguages) {
         CR3MRecordV3 record;
         record[0x58].setString(0x58, detailOf(n));
         std::string detail, code = "2001";
-        if (op.doBuildTaskInfo(record, detail, zh, code) != 0 ||
-            detail != expectedDetail(n, zh) ||
+        if (op.doBuildTaskInfo(record, detail, zh, code) != 0 || detail != expectedDetail(n, zh) ||
             code != (zh ? "磁盘 d" + n + " 已满 " : "Disk d" + n + " is full ")) {
           failures.fetch_add(1);
         }

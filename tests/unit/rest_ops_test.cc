@@ -75,11 +75,10 @@ TEST(RestDispatchTest, DispatchesByMethodIgnoringCase) {
     int result;
   };
   const Case cases[] = {
-      {"GET", "get", 7},   {"get", "get", 7},       {"Post", "post", 7}, {"PUT", "put", 7},
-      {"delete", "del", 7},
-      {"PATCH", "", -1},   // not a method the dispatch knows
-      {"", "", -1},        // no method at all
-      {"GETX", "", -1},    // whole-word comparison
+      {"GET", "get", 7},    {"get", "get", 7}, {"Post", "post", 7}, {"PUT", "put", 7},
+      {"delete", "del", 7}, {"PATCH", "", -1},  // not a method the dispatch knows
+      {"", "", -1},                             // no method at all
+      {"GETX", "", -1},                         // whole-word comparison
   };
   for (const Case& c : cases) {
     RecordingRestOp op;
@@ -247,14 +246,14 @@ TEST(BatchByFilterTest, FilterArgumentAddsItsMembers) {
 
 TEST(BatchByFilterTest, InvalidArgumentsAreRefusedBeforeSending) {
   const std::pair<const char*, const char*> bad[] = {
-      {"start", "abc"},          // not a number
-      {"start", "-1"},           // negative
-      {"start", ""},             // empty
-      {"limit", "4294967296"},   // beyond 32 bits
-      {"limit", "1.5"},          // not an integer
-      {"limit", " 3"},           // blank in front
-      {"filter", "[1]"},         // not an object
-      {"filter", "{"},           // not JSON
+      {"start", "abc"},         // not a number
+      {"start", "-1"},          // negative
+      {"start", ""},            // empty
+      {"limit", "4294967296"},  // beyond 32 bits
+      {"limit", "1.5"},         // not an integer
+      {"limit", " 3"},          // blank in front
+      {"filter", "[1]"},        // not an object
+      {"filter", "{"},          // not JSON
   };
   for (const auto& arg : bad) {
     ScriptedBackend backend;
