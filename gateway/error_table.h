@@ -16,12 +16,12 @@ namespace gw {
 
 // Codes the gateway itself answers with (the backend's and the plug-in's
 // codes are listed in docs/operations.md beside these).
-constexpr long long kErrRouteNotFound = 0x03000201;    // 404: no route for the path
+constexpr long long kErrRouteNotFound = 0x03000201;     // 404: no route for the path
 constexpr long long kErrMethodNotAllowed = 0x03000202;  // 405: the route does not take the method
-constexpr long long kErrBodyTooLarge = 0x03000203;     // 413: body over --max-body
-constexpr long long kErrInternal = 0x03000204;         // 500: an uncoded exception
-constexpr long long kErrBadRequest = 0x03000003;       // 400: unreadable body or arguments
-constexpr long long kErrSessionRequired = 0x03000011;  // 401: no valid session
+constexpr long long kErrBodyTooLarge = 0x03000203;      // 413: body over --max-body
+constexpr long long kErrInternal = 0x03000204;          // 500: an uncoded exception
+constexpr long long kErrBadRequest = 0x03000003;        // 400: unreadable body or arguments
+constexpr long long kErrSessionRequired = 0x03000011;   // 401: no valid session
 
 // The HTTP status for an error code. Codes the table does not know are
 // server-side failures: 500.

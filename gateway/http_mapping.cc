@@ -168,7 +168,8 @@ std::vector<std::pair<std::string, std::string>> parseQuery(const std::string& q
       if (eq == std::string::npos) {
         args.emplace_back(urlDecode(piece, true), std::string());
       } else {
-        args.emplace_back(urlDecode(piece.substr(0, eq), true), urlDecode(piece.substr(eq + 1), true));
+        args.emplace_back(urlDecode(piece.substr(0, eq), true),
+                          urlDecode(piece.substr(eq + 1), true));
       }
     }
     pos = end + 1;
@@ -251,7 +252,8 @@ HttpOutput renderResponse(const CRequestMsg& request, const CResponseMsg& respon
   if (kind == CResponseMsg::kContentJson || kind == CResponseMsg::kContentText) {
     out.body = toCompactJson(response.getJsonBody());
     if (out.contentType.empty()) {
-      out.contentType = kind == CResponseMsg::kContentText ? "text/plain; charset=utf-8" : kJsonType;
+      out.contentType =
+          kind == CResponseMsg::kContentText ? "text/plain; charset=utf-8" : kJsonType;
     }
     return out;
   }
@@ -271,7 +273,8 @@ HttpOutput Dispatcher::handle(const HttpInput& in) const {
   try {
     const size_t mark = in.target.find('?');
     const std::string path = in.target.substr(0, mark);
-    const std::string query = mark == std::string::npos ? std::string() : in.target.substr(mark + 1);
+    const std::string query =
+        mark == std::string::npos ? std::string() : in.target.substr(mark + 1);
     const bool isGet = isMethod(in.method, "GET") || isMethod(in.method, "HEAD");
     if (path == "/healthz" || path == "/openapi.json") {
       if (!isGet) return errorOutput(kErrMethodNotAllowed, describeCode(kErrMethodNotAllowed));
@@ -285,7 +288,8 @@ HttpOutput Dispatcher::handle(const HttpInput& in) const {
       return out;
     }
     const RouteMatch match = matchRoute(registry_, path);
-    if (match.route == nullptr) return errorOutput(kErrRouteNotFound, describeCode(kErrRouteNotFound));
+    if (match.route == nullptr)
+      return errorOutput(kErrRouteNotFound, describeCode(kErrRouteNotFound));
     return serveRoute(in, match, path, query);
   } catch (const std::exception&) {
     return errorOutput(kErrInternal, describeCode(kErrInternal));
@@ -326,9 +330,9 @@ HttpOutput Dispatcher::serveRoute(const HttpInput& in, const RouteMatch& match,
 
   const long long bodyError = fillBody(in, options_.maxBody, request);
   if (bodyError != 0) {
-    HttpOutput out = errorOutput(bodyError, bodyError == kErrBadRequest
-                                                ? "The request body is not valid JSON."
-                                                : describeCode(bodyError));
+    HttpOutput out =
+        errorOutput(bodyError, bodyError == kErrBadRequest ? "The request body is not valid JSON."
+                                                           : describeCode(bodyError));
     out.user = info.getUserContext().userName_;
     return out;
   }
@@ -345,8 +349,8 @@ HttpOutput Dispatcher::serveRoute(const HttpInput& in, const RouteMatch& match,
       if (result == -1 && untouched(response)) {
         out = errorOutput(kErrMethodNotAllowed, describeCode(kErrMethodNotAllowed));
       } else if (result != 0 && result != -1) {
-        out = errorOutput(result, describeCode(result).empty() ? "The request failed."
-                                                               : describeCode(result));
+        out = errorOutput(
+            result, describeCode(result).empty() ? "The request failed." : describeCode(result));
         copyResponseHeaders(connection, out);
         out.contentType = kJsonType;
       } else {

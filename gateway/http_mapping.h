@@ -40,11 +40,11 @@ struct FormPart {
 };
 
 struct HttpInput {
-  std::string method;         // as sent ("GET", "post", ...)
-  std::string target;         // path and query as sent, percent-encoded
-  HeaderList headers;         // names compare case-insensitively
-  std::string body;           // the raw body (not used when multipart)
-  bool multipart = false;     // the body arrived as multipart/form-data
+  std::string method;           // as sent ("GET", "post", ...)
+  std::string target;           // path and query as sent, percent-encoded
+  HeaderList headers;           // names compare case-insensitively
+  std::string body;             // the raw body (not used when multipart)
+  bool multipart = false;       // the body arrived as multipart/form-data
   std::vector<FormPart> parts;  // its parts, in order
   std::string clientAddress;
 };
@@ -54,7 +54,7 @@ struct HttpOutput {
   std::string contentType = "application/json";
   HeaderList headers;  // further headers of the answer (never Content-Type)
   std::string body;
-  std::string user;    // the session's user, for the access log ("" without one)
+  std::string user;  // the session's user, for the access log ("" without one)
 };
 
 // Finds a session by its token. On success fills the session side of `info`

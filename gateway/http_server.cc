@@ -71,9 +71,8 @@ bool HttpServer::start(std::string* error) {
     std::string tlsError;
     const std::string cert = config_.tlsCert;
     const std::string key = config_.tlsKey;
-    auto tls = std::make_unique<httplib::SSLServer>([&](SSL_CTX& ctx) {
-      return configureTlsContext(&ctx, cert, key, &tlsError);
-    });
+    auto tls = std::make_unique<httplib::SSLServer>(
+        [&](SSL_CTX& ctx) { return configureTlsContext(&ctx, cert, key, &tlsError); });
     if (!tls->is_valid()) {
       *error = tlsError.empty() ? "cannot set up TLS" : tlsError;
       return false;
@@ -162,8 +161,8 @@ void HttpServer::install() {
           // cpp-httplib refuses a declared length over the limit itself.
           if (res.status == 413) tooLarge = true;
           const long long code = tooLarge ? kErrBodyTooLarge : kErrBadRequest;
-          HttpOutput out = errorOutput(code, tooLarge ? describeCode(code)
-                                                      : "The request body could not be read.");
+          HttpOutput out = errorOutput(
+              code, tooLarge ? describeCode(code) : "The request body could not be read.");
           writeOutput(out, res);
           // The rest of the body may still be on the wire: this connection
           // cannot carry another request.
@@ -181,19 +180,19 @@ void HttpServer::install() {
   svr.Patch(kAll, reading);
   svr.Delete(kAll, reading);
 
-  svr.set_error_handler(httplib::Server::HandlerWithResponse(
-      [](const httplib::Request&, httplib::Response& res) {
-    if (!res.body.empty()) return httplib::Server::HandlerResponse::Unhandled;
-    const long long code = codeForLibraryStatus(res.status);
-    res.set_content(toCompactJson(errorEnvelope(code, describeCode(code))), "application/json");
-    return httplib::Server::HandlerResponse::Handled;
-  }));
-  svr.set_exception_handler([](const httplib::Request&, httplib::Response& res,
-                               std::exception_ptr) {
-    res.status = 500;
-    res.set_content(toCompactJson(errorEnvelope(kErrInternal, describeCode(kErrInternal))),
-                    "application/json");
-  });
+  svr.set_error_handler(
+      httplib::Server::HandlerWithResponse([](const httplib::Request&, httplib::Response& res) {
+        if (!res.body.empty()) return httplib::Server::HandlerResponse::Unhandled;
+        const long long code = codeForLibraryStatus(res.status);
+        res.set_content(toCompactJson(errorEnvelope(code, describeCode(code))), "application/json");
+        return httplib::Server::HandlerResponse::Handled;
+      }));
+  svr.set_exception_handler(
+      [](const httplib::Request&, httplib::Response& res, std::exception_ptr) {
+        res.status = 500;
+        res.set_content(toCompactJson(errorEnvelope(kErrInternal, describeCode(kErrInternal))),
+                        "application/json");
+      });
 
   AccessLog& accessLog = accessLog_;
   svr.set_logger([&accessLog](const httplib::Request& req, const httplib::Response& res) {

@@ -91,12 +91,11 @@ int main(int argc, char** argv) {
   // Paths given on the command line are relative to where the gateway was
   // started; it works from <home>/bin afterwards.
   const std::string startDir = currentDir();
-  const std::string home = options.home.empty() ? dirName(executableDir())
-                                                : absoluteFrom(startDir, options.home);
+  const std::string home =
+      options.home.empty() ? dirName(executableDir()) : absoluteFrom(startDir, options.home);
   const std::string binDir = home + "/bin";
-  const std::string pluginPath = options.plugin.empty()
-                                     ? home + "/lib/libucore_nox.so"
-                                     : absoluteFrom(startDir, options.plugin);
+  const std::string pluginPath = options.plugin.empty() ? home + "/lib/libucore_nox.so"
+                                                        : absoluteFrom(startDir, options.plugin);
   const std::string dataDir =
       options.dataDir.empty() ? home + "/data" : absoluteFrom(startDir, options.dataDir);
 

@@ -14,18 +14,18 @@ namespace gw {
 
 struct GatewayOptions {
   std::string listenHost = "127.0.0.1";
-  int listenPort = 8080;           // 0: any free port
-  std::string plugin;              // "": <bin>/../lib/libucore_nox.so
-  std::string home;                // "": the folder above the executable's bin/
-  std::string dataDir;             // "": <home>/data
-  std::string initPassword;        // demo users' password on first start
-  std::string log;                 // trace log file; "": stderr
+  int listenPort = 8080;     // 0: any free port
+  std::string plugin;        // "": <bin>/../lib/libucore_nox.so
+  std::string home;          // "": the folder above the executable's bin/
+  std::string dataDir;       // "": <home>/data
+  std::string initPassword;  // demo users' password on first start
+  std::string log;           // trace log file; "": stderr
   std::string logLevel = "info";
-  std::string accessLog;           // access log file; "": stderr
+  std::string accessLog;  // access log file; "": stderr
   int threads = 8;
   size_t maxBody = 2 * 1024 * 1024;
-  int sessionIdle = 0;             // seconds; 0: the session store's default
-  int backendTimeout = 0;          // seconds; 0: the host's default
+  int sessionIdle = 0;     // seconds; 0: the session store's default
+  int backendTimeout = 0;  // seconds; 0: the host's default
   std::string tlsCert;
   std::string tlsKey;
   bool tlsSelfSigned = false;

@@ -45,7 +45,8 @@ constexpr FieldRow kFields[] = {
 const char kHex[] = "0123456789abcdef";
 
 bool isCountRequest(const CRequestMsg& request) {
-  return !request.getResIDs().empty() && strcasecmp(request.getResIDs().front().c_str(), "count") == 0;
+  return !request.getResIDs().empty() &&
+         strcasecmp(request.getResIDs().front().c_str(), "count") == 0;
 }
 
 }  // namespace

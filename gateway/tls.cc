@@ -2,15 +2,14 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/rand.h>
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <memory>
@@ -146,8 +145,8 @@ bool ensureSelfSignedPair(const std::string& dir, std::string* certFile, std::st
   }
   {
     std::unique_ptr<FILE, FileClose> out = createFile(*keyFile, 0600);
-    if (!out || PEM_write_PrivateKey(out.get(), key.get(), nullptr, nullptr, 0, nullptr,
-                                     nullptr) != 1) {
+    if (!out ||
+        PEM_write_PrivateKey(out.get(), key.get(), nullptr, nullptr, 0, nullptr, nullptr) != 1) {
       *error = "cannot write " + *keyFile;
       return false;
     }

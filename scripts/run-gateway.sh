@@ -18,10 +18,11 @@ BUILD="$ROOT/build-run"
 
 scripts/install-deps.sh
 echo "run-gateway: building in $BUILD (Release) ..."
+mkdir -p "$BUILD"
 cmake -S . -B "$BUILD" -DCMAKE_BUILD_TYPE=Release -DNOX_BUILD_TESTS=OFF -DNOX_BUILD_BENCH=OFF \
-  >"$BUILD.cmake.log" 2>&1 || { cat "$BUILD.cmake.log"; exit 1; }
-cmake --build "$BUILD" -j "${JOBS:-2}" >"$BUILD.build.log" 2>&1 ||
-  { tail -50 "$BUILD.build.log"; echo "run-gateway: build failed, see $BUILD.build.log"; exit 1; }
+  >"$BUILD/cmake.log" 2>&1 || { cat "$BUILD/cmake.log"; exit 1; }
+cmake --build "$BUILD" -j "${JOBS:-2}" >"$BUILD/build.log" 2>&1 ||
+  { tail -50 "$BUILD/build.log"; echo "run-gateway: build failed, see $BUILD/build.log"; exit 1; }
 
 args=(--listen "127.0.0.1:$PORT" --data "$DATA" --log "$BUILD/gateway-trace.log")
 if [ -n "${NOX_INIT_PASSWORD:-}" ]; then args+=(--init-password "$NOX_INIT_PASSWORD"); fi

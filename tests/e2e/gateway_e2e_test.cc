@@ -69,13 +69,12 @@ TEST(GatewayE2E, OpenApiDocumentIsServed) {
   EXPECT_EQ(res->status, 200);
   const Json::Value doc = parseJson(res->body);
   EXPECT_EQ(doc["openapi"].asString().substr(0, 2), "3.");
-  for (const char* path : {"/healthz", "/openapi.json", "/sessions", "/login",
-                           "/kestrel_cert/import_cert", "/kestrel_hypervisor/import_cert",
-                           "/kestrel_cert/import_crl", "/alarm/historyalarm",
-                           "/alarm/historyalarm/count", "/v1/alarm/historyalarm",
-                           "/v1/alarm/historyalarm/count", "/kestrel_task",
-                           "/kestrel_task/{id}", "/kestrel_task/count",
-                           "/kestrel_dbbackup_storage_conf/get_dbbackup_storage_conf"}) {
+  for (const char* path :
+       {"/healthz", "/openapi.json", "/sessions", "/login", "/kestrel_cert/import_cert",
+        "/kestrel_hypervisor/import_cert", "/kestrel_cert/import_crl", "/alarm/historyalarm",
+        "/alarm/historyalarm/count", "/v1/alarm/historyalarm", "/v1/alarm/historyalarm/count",
+        "/kestrel_task", "/kestrel_task/{id}", "/kestrel_task/count",
+        "/kestrel_dbbackup_storage_conf/get_dbbackup_storage_conf"}) {
     EXPECT_TRUE(doc["paths"].isMember(path)) << path;
   }
   EXPECT_EQ(gateway.stop(), 0);
@@ -121,9 +120,9 @@ TEST(GatewayE2E, HttpsWithSelfSignedPair) {
 
 TEST(GatewayE2E, RefusesAPluginThatDoesNotLoad) {
   GatewayProcess gateway;
-  const int status = gateway.runToExit({"--listen", "127.0.0.1:0", "--data",
-                                        gateway.dataDir() + "/data", "--plugin",
-                                        gateway.dataDir() + "/missing.so"});
+  const int status =
+      gateway.runToExit({"--listen", "127.0.0.1:0", "--data", gateway.dataDir() + "/data",
+                         "--plugin", gateway.dataDir() + "/missing.so"});
   EXPECT_EQ(status, 1);
   EXPECT_NE(gateway.output().find("cannot load the plug-in"), std::string::npos)
       << gateway.output();
@@ -135,9 +134,8 @@ TEST(GatewayE2E, RefusesAPluginThatDoesNotLoad) {
 TEST(GatewayE2E, RefusesAPluginWithoutTheEntry) {
   GatewayProcess gateway;
   // The host library loads fine but is no plug-in.
-  const int status =
-      gateway.runToExit({"--listen", "127.0.0.1:0", "--data", gateway.dataDir() + "/data",
-                         "--plugin", NOX_HOST_LIB});
+  const int status = gateway.runToExit(
+      {"--listen", "127.0.0.1:0", "--data", gateway.dataDir() + "/data", "--plugin", NOX_HOST_LIB});
   EXPECT_EQ(status, 1);
   EXPECT_NE(gateway.output().find("does not export NOXRegisterOperations"), std::string::npos)
       << gateway.output();

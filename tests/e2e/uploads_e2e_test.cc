@@ -16,7 +16,8 @@ constexpr long long kErrCertExpired = 0x60E01D02;
 constexpr long long kErrCertNotCa = 0x60E01D03;
 constexpr long long kErrCrlUnknownIssuer = 0x60E01D12;
 
-const char kImported[] = "{\"data\":{\"CERT\":\"certPath\"},\"error\":{\"code\":0,\"description\":\"0\"}}";
+const char kImported[] =
+    "{\"data\":{\"CERT\":\"certPath\"},\"error\":{\"code\":0,\"description\":\"0\"}}";
 
 class UploadsE2E : public LiveGatewayTest {
  protected:
@@ -45,7 +46,8 @@ class UploadsE2E : public LiveGatewayTest {
 
 TEST_F(UploadsE2E, CertificateVerdicts) {
   const TestKey caKey = TestKey::rsa(2048);
-  const std::string ca = makeCertificate(caKey, "NOX Test CA", true, -60, 30 * 86400, nullptr, nullptr);
+  const std::string ca =
+      makeCertificate(caKey, "NOX Test CA", true, -60, 30 * 86400, nullptr, nullptr);
   expectImported(upload("/kestrel_cert/import_cert", "ca.pem", ca));
   expectImported(upload("/kestrel_hypervisor/import_cert", "ca.crt", ca));
 
@@ -70,9 +72,10 @@ TEST_F(UploadsE2E, CertificateFileRules) {
   const std::string ca = makeCertificate(caKey, "NOX Test CA", true, -60, 86400, nullptr, nullptr);
   expectEnvelope(upload("/kestrel_cert/import_cert", "ca.txt", ca), 422, kErrCertUnreadable);
   // No file at all.
-  expectEnvelope(client_->Post("/kestrel_cert/import_cert", auth(token_), httplib::MultipartFormDataItems{
-                                   {"comment", "no file here", "", ""}}),
-                 400, kErrNoUpload);
+  expectEnvelope(
+      client_->Post("/kestrel_cert/import_cert", auth(token_),
+                    httplib::MultipartFormDataItems{{"comment", "no file here", "", ""}}),
+      400, kErrNoUpload);
   expectEnvelope(client_->Post("/kestrel_cert/import_cert", auth(token_), "", "application/json"),
                  400, kErrNoUpload);
   // Only POST imports: PUT passes the route's check and is refused by the
@@ -85,7 +88,8 @@ TEST_F(UploadsE2E, CertificateFileRules) {
 
 TEST_F(UploadsE2E, CrlVerdicts) {
   const TestKey caKey = TestKey::rsa(2048);
-  const std::string ca = makeCertificate(caKey, "NOX CRL CA", true, -60, 30 * 86400, nullptr, nullptr);
+  const std::string ca =
+      makeCertificate(caKey, "NOX CRL CA", true, -60, 30 * 86400, nullptr, nullptr);
   expectImported(upload("/kestrel_cert/import_cert", "ca.pem", ca));
   expectImported(upload("/kestrel_cert/import_crl", "ca.crl", makeCrl(caKey, ca, 7 * 86400)));
 
@@ -93,13 +97,13 @@ TEST_F(UploadsE2E, CrlVerdicts) {
   const TestKey strangerKey = TestKey::rsa(2048);
   const std::string stranger =
       makeCertificate(strangerKey, "Stranger CA", true, -60, 30 * 86400, nullptr, nullptr);
-  expectEnvelope(upload("/kestrel_cert/import_crl", "stranger.crl",
-                        makeCrl(strangerKey, stranger, 7 * 86400)),
-                 422, kErrCrlUnknownIssuer);
+  expectEnvelope(
+      upload("/kestrel_cert/import_crl", "stranger.crl", makeCrl(strangerKey, stranger, 7 * 86400)),
+      422, kErrCrlUnknownIssuer);
   expectEnvelope(upload("/kestrel_cert/import_crl", "big.crl", std::string(1048577, 'A')), 413,
                  kErrFileTooLarge);
-  expectEnvelope(client_->Post("/kestrel_cert/import_crl", auth(token_), httplib::MultipartFormDataItems{
-                                   {"comment", "none", "", ""}}),
+  expectEnvelope(client_->Post("/kestrel_cert/import_crl", auth(token_),
+                               httplib::MultipartFormDataItems{{"comment", "none", "", ""}}),
                  400, kErrNoUpload);
 }
 

@@ -61,7 +61,8 @@ class FakeOp : public CSpecifyOp {
     std::vector<CRequestMsgBody::UploadFileAddr> files;
     request.getBody().getUploadFileAddr(request.getSessionInfo(), files);
     seen_->uploads.clear();
-    for (const auto& f : files) seen_->uploads.emplace_back(f.fileName_, std::string(f.content_, f.length_));
+    for (const auto& f : files)
+      seen_->uploads.emplace_back(f.fileName_, std::string(f.content_, f.length_));
     seen_->language = request.getSessionInfo().language();
     seen_->user = request.getSessionInfo().getUserContext().userName_;
     seen_->clientAddress = request.getSessionInfo().getUserContext().clientAddress_;
@@ -85,28 +86,40 @@ class MappingTest : public ::testing::Test {
   MappingTest() {
     registry_.regReqProc("/sessions", new FakeOp(&seen_, writeEnvelope), true);
     registry_.regReqProc("/login", new FakeOp(&seen_, writeEnvelope), true);
-    registry_.regReqProc("/kestrel_task", new FakeOp(&seen_, [this](CRequestMsg& q, CResponseMsg& r) {
-                           q.setMoType(proto::kTaskObjType);
-                           return task_(q, r);
-                         }, [](const std::string& m) { return m == "GET" || m == "get"; }),
+    registry_.regReqProc("/kestrel_task",
+                         new FakeOp(
+                             &seen_,
+                             [this](CRequestMsg& q, CResponseMsg& r) {
+                               q.setMoType(proto::kTaskObjType);
+                               return task_(q, r);
+                             },
+                             [](const std::string& m) { return m == "GET" || m == "get"; }),
                          false);
-    registry_.regReqProc("/alarm/historyalarm/count", new FakeOp(&seen_, [](CRequestMsg& q, CResponseMsg& r) {
-                           r.getJsonBody()[q.getInterfaceVersion() == "v1" ? "count" : "COUNT"] = 7;
-                           r.setContentKind(CResponseMsg::kContentJson);
-                           return 0;
-                         }), true);
-    registry_.regReqProcV1("/alarm/historyalarm/count", new FakeOp(&seen_, [](CRequestMsg& q, CResponseMsg& r) {
-                             r.getJsonBody()[q.getInterfaceVersion() == "v1" ? "count" : "COUNT"] = 7;
-                             r.setContentKind(CResponseMsg::kContentJson);
-                             return 0;
-                           }), true);
-    registry_.regReqProc("/any", new FakeOp(&seen_, [this](CRequestMsg& q, CResponseMsg& r) {
-                           return any_(q, r);
-                         }), true);
+    registry_.regReqProc(
+        "/alarm/historyalarm/count",
+        new FakeOp(&seen_,
+                   [](CRequestMsg& q, CResponseMsg& r) {
+                     r.getJsonBody()[q.getInterfaceVersion() == "v1" ? "count" : "COUNT"] = 7;
+                     r.setContentKind(CResponseMsg::kContentJson);
+                     return 0;
+                   }),
+        true);
+    registry_.regReqProcV1(
+        "/alarm/historyalarm/count",
+        new FakeOp(&seen_,
+                   [](CRequestMsg& q, CResponseMsg& r) {
+                     r.getJsonBody()[q.getInterfaceVersion() == "v1" ? "count" : "COUNT"] = 7;
+                     r.setContentKind(CResponseMsg::kContentJson);
+                     return 0;
+                   }),
+        true);
+    registry_.regReqProc(
+        "/any", new FakeOp(&seen_, [this](CRequestMsg& q, CResponseMsg& r) { return any_(q, r); }),
+        true);
   }
 
-  HttpOutput run(const std::string& method, const std::string& target,
-                 gw::HeaderList headers = {}, const std::string& body = "") {
+  HttpOutput run(const std::string& method, const std::string& target, gw::HeaderList headers = {},
+                 const std::string& body = "") {
     HttpInput in;
     in.method = method;
     in.target = target;
@@ -120,14 +133,15 @@ class MappingTest : public ::testing::Test {
     gw::DispatchOptions options;
     options.maxBody = 1024;
     options.openApi = "{\"openapi\":\"3.0.3\"}";
-    return Dispatcher(registry_,
-                      [](const std::string& token, CSessionInfo& info) {
-                        if (token != "good") return false;
-                        info.getUserContext().userName_ = "apiuser";
-                        info.setLanguage("zh");
-                        return true;
-                      },
-                      options);
+    return Dispatcher(
+        registry_,
+        [](const std::string& token, CSessionInfo& info) {
+          if (token != "good") return false;
+          info.getUserContext().userName_ = "apiuser";
+          info.setLanguage("zh");
+          return true;
+        },
+        options);
   }
 
   static Json::Value parse(const std::string& text) {
@@ -156,11 +170,11 @@ TEST(UrlDecodeTest, Table) {
     bool plus;
     const char* out;
   } cases[] = {
-      {"a%2Fb", false, "a/b"},   // an encoded slash stays inside one segment
-      {"a+b", true, "a b"},      // '+' is a blank in queries
-      {"a+b", false, "a+b"},     // but not in paths
-      {"%zz", false, "%zz"},     // malformed escapes are kept
-      {"%4", false, "%4"},       // cut-off escape at the end
+      {"a%2Fb", false, "a/b"},  // an encoded slash stays inside one segment
+      {"a+b", true, "a b"},     // '+' is a blank in queries
+      {"a+b", false, "a+b"},    // but not in paths
+      {"%zz", false, "%zz"},    // malformed escapes are kept
+      {"%4", false, "%4"},      // cut-off escape at the end
       {"%E4%B8%AD", false, "\xE4\xB8\xAD"},
       {"", false, ""},
   };
@@ -201,13 +215,13 @@ TEST_F(MappingTest, RouteMatchTable) {
     std::vector<std::string> ids;
   } cases[] = {
       {"/sessions", "/sessions", "", {}},
-      {"/session", nullptr, "", {}},                 // only the plural is registered
-      {"/sessions/abc", nullptr, "", {}},            // flag true: no identifiers below
-      {"/v1/sessions", nullptr, "v1", {}},           // not registered on v1
+      {"/session", nullptr, "", {}},        // only the plural is registered
+      {"/sessions/abc", nullptr, "", {}},   // flag true: no identifiers below
+      {"/v1/sessions", nullptr, "v1", {}},  // not registered on v1
       {"/alarm/historyalarm/count", "/alarm/historyalarm/count", "", {}},
       {"/v1/alarm/historyalarm/count", "/alarm/historyalarm/count", "v1", {}},
       {"/kestrel_task", "/kestrel_task", "", {}},
-      {"/kestrel_task/", "/kestrel_task", "", {}},   // an empty segment is no identifier
+      {"/kestrel_task/", "/kestrel_task", "", {}},  // an empty segment is no identifier
       {"/kestrel_task/count", "/kestrel_task", "", {"count"}},
       {"/kestrel_task/T%2F1/x", "/kestrel_task", "", {"T/1", "x"}},
       {"/kestrel_taskx", nullptr, "", {}},
@@ -240,18 +254,22 @@ TEST_F(MappingTest, FixedAnswers) {
       {"GET", "/healthz", false, 200, "{\"status\":\"ok\"}"},
       {"HEAD", "/healthz", false, 200, "{\"status\":\"ok\"}"},
       {"POST", "/healthz", false, 405,
-       "{\"data\":null,\"error\":{\"code\":50332162,\"description\":\"The path does not take this method.\"}}"},
+       "{\"data\":null,\"error\":{\"code\":50332162,\"description\":\"The path does not take this "
+       "method.\"}}"},
       {"GET", "/openapi.json", false, 200, "{\"openapi\":\"3.0.3\"}"},
       {"GET", "/nothing", false, 404,
        "{\"data\":null,\"error\":{\"code\":50332161,\"description\":\"No such path.\"}}"},
       {"GET", "/nothing", true, 404,
        "{\"data\":null,\"error\":{\"code\":50332161,\"description\":\"No such path.\"}}"},
       {"GET", "/kestrel_task", false, 401,
-       "{\"data\":null,\"error\":{\"code\":50331665,\"description\":\"A valid session is required. Log in first.\"}}"},
+       "{\"data\":null,\"error\":{\"code\":50331665,\"description\":\"A valid session is required. "
+       "Log in first.\"}}"},
       {"DELETE", "/sessions", false, 401,
-       "{\"data\":null,\"error\":{\"code\":50331665,\"description\":\"A valid session is required. Log in first.\"}}"},
+       "{\"data\":null,\"error\":{\"code\":50331665,\"description\":\"A valid session is required. "
+       "Log in first.\"}}"},
       {"PUT", "/kestrel_task", true, 405,
-       "{\"data\":null,\"error\":{\"code\":50332162,\"description\":\"The path does not take this method.\"}}"},
+       "{\"data\":null,\"error\":{\"code\":50332162,\"description\":\"The path does not take this "
+       "method.\"}}"},
       {"GET", "/alarm/historyalarm/count", true, 200, "{\"COUNT\":7}"},
       {"GET", "/v1/alarm/historyalarm/count", true, 200, "{\"count\":7}"},
   };
@@ -302,10 +320,10 @@ TEST_F(MappingTest, LanguageChoice) {
     const char* acceptLanguage;
     const char* language;
   } cases[] = {
-      {"", false, "zh-CN", "zh"},           // Accept-Language without a session
+      {"", false, "zh-CN", "zh"},  // Accept-Language without a session
       {"", false, "de", "en"},
-      {"", true, "en", "zh"},               // the session's language beats Accept-Language
-      {"?LANGUAGE=en", true, "zh", "en"},   // the argument beats both
+      {"", true, "en", "zh"},              // the session's language beats Accept-Language
+      {"?LANGUAGE=en", true, "zh", "en"},  // the argument beats both
       {"?LANGUAGE=zh", false, "en", "zh"},
       {"?LANGUAGE=ZH", false, "zh", "en"},  // only the exact "zh" is Chinese
       {"?LANGUAGE=", true, "en", "zh"},     // empty: as if absent
@@ -331,10 +349,12 @@ TEST_F(MappingTest, JsonBodyBecomesMembers) {
 }
 
 TEST_F(MappingTest, BrokenJsonIs400AndNoOperationRuns) {
-  const HttpOutput out = run("POST", "/sessions", {{"Content-Type", "application/json"}}, "{\"a\":");
+  const HttpOutput out =
+      run("POST", "/sessions", {{"Content-Type", "application/json"}}, "{\"a\":");
   EXPECT_EQ(out.status, 400);
   EXPECT_EQ(out.body,
-            "{\"data\":null,\"error\":{\"code\":50331651,\"description\":\"The request body is not valid JSON.\"}}");
+            "{\"data\":null,\"error\":{\"code\":50331651,\"description\":\"The request body is not "
+            "valid JSON.\"}}");
   EXPECT_EQ(seen_.calls, 0);
 }
 
@@ -343,7 +363,8 @@ TEST_F(MappingTest, BodyOverTheLimitIs413BeforeAnyOperation) {
   EXPECT_EQ(out.status, 413);
   EXPECT_EQ(parse(out.body)["error"]["code"].asInt64(), gw::kErrBodyTooLarge);
   EXPECT_EQ(seen_.calls, 0);
-  EXPECT_EQ(run("POST", "/sessions", {}, "{}" + std::string(1022, ' ')).status, 200);  // exactly the limit
+  EXPECT_EQ(run("POST", "/sessions", {}, "{}" + std::string(1022, ' ')).status,
+            200);  // exactly the limit
 }
 
 TEST_F(MappingTest, MultipartFilesInOrderAndFieldsAsMembers) {
@@ -410,8 +431,11 @@ TEST_F(MappingTest, OtherExceptionsAre500AndServingGoesOn) {
   any_ = [](CRequestMsg&, CResponseMsg&) -> int { throw 42; };
   const HttpOutput out = run("GET", "/any", auth_);
   EXPECT_EQ(out.status, 500);
-  EXPECT_EQ(out.body, "{\"data\":null,\"error\":{\"code\":50332164,\"description\":\"Internal error.\"}}");
-  any_ = [](CRequestMsg&, CResponseMsg&) -> int { throw QPNException("record don't exist, index is 0"); };
+  EXPECT_EQ(out.body,
+            "{\"data\":null,\"error\":{\"code\":50332164,\"description\":\"Internal error.\"}}");
+  any_ = [](CRequestMsg&, CResponseMsg&) -> int {
+    throw QPNException("record don't exist, index is 0");
+  };
   EXPECT_EQ(run("GET", "/any", auth_).status, 500);
   EXPECT_EQ(run("GET", "/healthz").status, 200);
 }
@@ -434,20 +458,22 @@ TEST_F(MappingTest, TextContentKindKeepsTheOperationsTypeAndHeaders) {
     r.getJsonBody()["error"]["description"] = "0";
     r.setContentKind(CResponseMsg::kContentText);
     q.getSessionInfo().getHttpConnection()->setResponseHeader("Content-Type",
-                                                               "text/plain; charset=utf-8");
+                                                              "text/plain; charset=utf-8");
     q.getSessionInfo().getHttpConnection()->setResponseHeader("X-Auth-Token", "t");
     return 0;
   };
   const HttpOutput out = run("POST", "/any", auth_);
   EXPECT_EQ(out.status, 200);
   EXPECT_EQ(out.contentType, "text/plain; charset=utf-8");
-  EXPECT_EQ(out.body, "{\"data\":{\"CERT\":\"certPath\"},\"error\":{\"code\":0,\"description\":\"0\"}}");
+  EXPECT_EQ(out.body,
+            "{\"data\":{\"CERT\":\"certPath\"},\"error\":{\"code\":0,\"description\":\"0\"}}");
   EXPECT_EQ(header(out, "X-Auth-Token"), "t");
   EXPECT_EQ(header(out, "Content-Type"), "");
 }
 
 void addTask(CResponseMsg& r, const char* id, uint32_t status) {
-  CR3MRecordV3& rec = r.addRecord(proto::moCommand(proto::kTaskObjType, proto::kMoList), proto::kWord);
+  CR3MRecordV3& rec =
+      r.addRecord(proto::moCommand(proto::kTaskObjType, proto::kMoList), proto::kWord);
   rec[proto::kTagTaskId].setString(proto::kTagTaskId, id);
   rec[proto::kTagTaskStatus].setUInt32(proto::kTagTaskStatus, status);
   rec[proto::kTagTaskStartTime].setUInt64(proto::kTagTaskStartTime, 1700000000000ULL);

@@ -24,11 +24,11 @@ TEST(GatewayOptionsTest, Defaults) {
 TEST(GatewayOptionsTest, ValuesInBothSpellings) {
   gw::GatewayOptions options;
   std::string error;
-  ASSERT_TRUE(gw::parseOptions({"--listen", "0.0.0.0:0", "--threads=3", "--max-body", "4096",
-                                "--data", "d", "--init-password", "pw", "--expose-verify-code",
-                                "--tls-self-signed", "--session-idle", "60", "--log-level",
-                                "debug"},
-                               &options, &error))
+  ASSERT_TRUE(
+      gw::parseOptions({"--listen", "0.0.0.0:0", "--threads=3", "--max-body", "4096", "--data", "d",
+                        "--init-password", "pw", "--expose-verify-code", "--tls-self-signed",
+                        "--session-idle", "60", "--log-level", "debug"},
+                       &options, &error))
       << error;
   EXPECT_EQ(options.listenHost, "0.0.0.0");
   EXPECT_EQ(options.listenPort, 0);
@@ -44,15 +44,15 @@ TEST(GatewayOptionsTest, ValuesInBothSpellings) {
 
 TEST(GatewayOptionsTest, Refusals) {
   const std::vector<std::vector<std::string>> bad = {
-      {"--threads", "0"},                       // below the range
-      {"--threads", "x"},                       // not a number
-      {"--listen", "8080"},                     // no host
-      {"--listen", "127.0.0.1:65536"},          // port out of range
-      {"--max-body", "10"},                     // below 1024
-      {"--tls-cert", "c.pem"},                  // key missing
+      {"--threads", "0"},                                          // below the range
+      {"--threads", "x"},                                          // not a number
+      {"--listen", "8080"},                                        // no host
+      {"--listen", "127.0.0.1:65536"},                             // port out of range
+      {"--max-body", "10"},                                        // below 1024
+      {"--tls-cert", "c.pem"},                                     // key missing
       {"--tls-self-signed", "--tls-cert", "c", "--tls-key", "k"},  // both kinds of TLS
-      {"--data"},                               // value missing
-      {"--what"},                               // unknown
+      {"--data"},                                                  // value missing
+      {"--what"},                                                  // unknown
   };
   for (const auto& args : bad) {
     gw::GatewayOptions options;
