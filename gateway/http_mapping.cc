@@ -185,11 +185,11 @@ std::string headerValue(const HeaderList& headers, const std::string& name) {
 }
 
 std::string sessionToken(const HttpInput& in) {
-  const std::string token = trim(headerValue(in.headers, "X-Auth-Token"));
+  std::string token = trim(headerValue(in.headers, "X-Auth-Token"));
   if (!token.empty()) return token;
   for (const auto& header : in.headers) {
     if (strcasecmp(header.first.c_str(), "Cookie") != 0) continue;
-    const std::string value = cookieValue(header.second, kSessionCookie);
+    std::string value = cookieValue(header.second, kSessionCookie);
     if (!value.empty()) return value;
   }
   return std::string();
@@ -341,7 +341,7 @@ HttpOutput Dispatcher::serveRoute(const HttpInput& in, const RouteMatch& match,
   HttpOutput out;
   try {
     SpecifyOpPrivData privData;
-    const std::string resource = connection.path();
+    const std::string& resource = connection.path();
     if (!route.op->isSupport(in.method, resource, privData)) {
       out = errorOutput(kErrMethodNotAllowed, describeCode(kErrMethodNotAllowed));
     } else {

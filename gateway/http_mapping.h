@@ -62,8 +62,8 @@ struct HttpOutput {
 using SessionLookup = std::function<bool(const std::string& token, CSessionInfo& info)>;
 
 struct DispatchOptions {
-  size_t maxBody = 2 * 1024 * 1024;  // bytes of JSON body or of all file parts together
-  std::string openApi;               // the text served at GET /openapi.json
+  size_t maxBody = size_t{2} * 1024 * 1024;  // bytes of JSON body or of all file parts together
+  std::string openApi;                       // the text served at GET /openapi.json
 };
 
 // The name of the session cookie.

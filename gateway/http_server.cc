@@ -188,7 +188,7 @@ void HttpServer::install() {
         return httplib::Server::HandlerResponse::Handled;
       }));
   svr.set_exception_handler(
-      [](const httplib::Request&, httplib::Response& res, std::exception_ptr) {
+      [](const httplib::Request&, httplib::Response& res, const std::exception_ptr&) {
         res.status = 500;
         res.set_content(toCompactJson(errorEnvelope(kErrInternal, describeCode(kErrInternal))),
                         "application/json");

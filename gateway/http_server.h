@@ -28,14 +28,14 @@ struct ServerConfig {
   std::string host = "127.0.0.1";
   int port = 8080;  // 0: any free port
   int threads = 8;
-  size_t maxBody = 2 * 1024 * 1024;
+  size_t maxBody = size_t{2} * 1024 * 1024;
   std::string tlsCert;  // both set: HTTPS
   std::string tlsKey;
 };
 
 // Room for the multipart framing around an upload of maxBody bytes: part
 // headers, boundaries and form fields.
-constexpr size_t kMultipartOverhead = 64 * 1024;
+constexpr size_t kMultipartOverhead = size_t{64} * 1024;
 
 class HttpServer {
  public:

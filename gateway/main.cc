@@ -41,6 +41,12 @@ namespace {
 
 const char kVersion[] = "nox-gateway 1.0.0";
 
+// The text of an error number (strerror_r: strerror is not thread-safe).
+std::string errnoText(int error) {
+  char buffer[256];
+  return strerror_r(error, buffer, sizeof(buffer));
+}
+
 void fail(const std::string& text) { fprintf(stderr, "nox-gateway: %s\n", text.c_str()); }
 
 std::string dirName(const std::string& path) {
@@ -110,7 +116,7 @@ int main(int argc, char** argv) {
     const std::string logPath = absoluteFrom(startDir, options.log);
     std::shared_ptr<StreamTraceSink> sink = StreamTraceSink::openFile(logPath);
     if (!sink) {
-      fail("cannot open the log " + logPath + ": " + strerror(errno));
+      fail("cannot open the log " + logPath + ": " + errnoText(errno));
       return 1;
     }
     setTraceSink(sink);
@@ -118,14 +124,14 @@ int main(int argc, char** argv) {
   const std::string accessPath = absoluteFrom(startDir, options.accessLog);
   std::unique_ptr<gw::AccessLog> accessLog = gw::AccessLog::open(accessPath);
   if (!accessLog) {
-    fail("cannot open the access log " + accessPath + ": " + strerror(errno));
+    fail("cannot open the access log " + accessPath + ": " + errnoText(errno));
     return 1;
   }
 
   std::string tlsCert = absoluteFrom(startDir, options.tlsCert);
   std::string tlsKey = absoluteFrom(startDir, options.tlsKey);
   if (chdir(binDir.c_str()) != 0) {
-    fail("cannot change to " + binDir + " (" + strerror(errno) +
+    fail("cannot change to " + binDir + " (" + errnoText(errno) +
          "); --home must name the folder that holds bin/, lib/ and conf/");
     return 1;
   }
@@ -229,7 +235,10 @@ int main(int argc, char** argv) {
   });
   const bool served = server.run();
   finished.store(true);
-  // Wakes the signal thread when the server ended on its own.
+  // Wakes the signal thread when the server ended on its own. SIGTERM is
+  // blocked everywhere and only taken by sigwait: it wakes the thread, it
+  // does not end it.
+  // NOLINTNEXTLINE(bugprone-bad-signal-to-kill-thread)
   pthread_kill(signalThread.native_handle(), SIGTERM);
   signalThread.join();
 

@@ -40,7 +40,7 @@ bool parseOptions(const std::vector<std::string>& args, GatewayOptions* options,
     const size_t eq = name.find('=');
     if (name.compare(0, 2, "--") == 0 && eq != std::string::npos) {
       value = name.substr(eq + 1);
-      name = name.substr(0, eq);
+      name.resize(eq);
       hasValue = true;
     }
     // Switches without a value.
@@ -100,7 +100,7 @@ bool parseOptions(const std::vector<std::string>& args, GatewayOptions* options,
       }
       options->maxBody = static_cast<size_t>(number);
     } else if (name == "--session-idle") {
-      if (!parseNumber(value, 1, 7 * 24 * 3600, &number)) {
+      if (!parseNumber(value, 1, 7LL * 24 * 3600, &number)) {
         *error = "--session-idle wants seconds from 1 to 604800, not '" + value + "'";
         return false;
       }

@@ -23,7 +23,7 @@ struct GatewayOptions {
   std::string logLevel = "info";
   std::string accessLog;  // access log file; "": stderr
   int threads = 8;
-  size_t maxBody = 2 * 1024 * 1024;
+  size_t maxBody = size_t{2} * 1024 * 1024;
   int sessionIdle = 0;     // seconds; 0: the session store's default
   int backendTimeout = 0;  // seconds; 0: the host's default
   std::string tlsCert;

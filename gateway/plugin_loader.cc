@@ -8,6 +8,9 @@ namespace {
 const char kEntryName[] = "NOXRegisterOperations";
 }  // namespace
 
+// The dl* calls run once, on the main thread before any worker exists, so
+// dlerror's shared state is not raced.
+// NOLINTBEGIN(concurrency-mt-unsafe)
 std::unique_ptr<PluginLibrary> PluginLibrary::load(const std::string& path, std::string* error) {
   dlerror();
   void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
@@ -37,6 +40,7 @@ std::unique_ptr<PluginLibrary> PluginLibrary::load(const std::string& path, std:
   EntryFunction entry = reinterpret_cast<EntryFunction>(symbol);
   return std::unique_ptr<PluginLibrary>(new PluginLibrary(path, handle, entry));
 }
+// NOLINTEND(concurrency-mt-unsafe)
 
 int PluginLibrary::registerOperations(CSpecifyProc* registry) {
   if (called_) return -1;

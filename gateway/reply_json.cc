@@ -90,7 +90,7 @@ Json::Value cellToJson(const CTLVCell& cell) {
     case CTLVCell::TLV_BINARY: {
       std::string hex;
       if (bytes != nullptr) {
-        hex.reserve(cell.getLength() * 2);
+        hex.reserve(static_cast<size_t>(cell.getLength()) * 2);
         for (unsigned int i = 0; i < cell.getLength(); ++i) {
           hex.push_back(kHex[bytes[i] >> 4]);
           hex.push_back(kHex[bytes[i] & 0xF]);
