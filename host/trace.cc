@@ -152,6 +152,8 @@ void CaptureTraceSink::clear() {
 CQPNDebugKit::CQPNDebugKit(int moduleId) : moduleId_(moduleId) {}
 CQPNDebugKit::~CQPNDebugKit() {}
 
+bool CQPNDebugKit::traceOn() const { return enabled(TraceLevel::kTrace); }
+
 void CQPNDebugKit::trace(const std::string& text) {
   if (!enabled(TraceLevel::kTrace)) return;
   emit(moduleId_, TraceLevel::kTrace, nullptr, 0, text);
