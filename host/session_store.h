@@ -4,7 +4,8 @@
 // written as hex; it is the client's credential and is never logged. Each
 // session also has a public identifier (HttpSession::getId), which is what
 // logs and RedirectInfoMgr keys use. A session ends at logout or after
-// idleTimeout seconds without a request.
+// idleTimeout seconds without a request (default 1800). Ending a session,
+// whichever way, also forgets its RedirectInfoMgr entry.
 //
 // Thread-safety: every member may be called from any thread.
 #ifndef NOX_HOST_SESSION_STORE_H_
@@ -17,6 +18,9 @@
 #include "nox_visibility.h"
 #include "request_msg.h"
 #include "tlv_package.h"
+
+// The prefix of a session's key in RedirectInfoMgr: key = prefix + session id.
+constexpr char kSessionKeyPrefix[] = "session_";
 
 class HOST_API SessionStore {
  public:
@@ -35,7 +39,10 @@ class HOST_API SessionStore {
   // Drops sessions idle for longer than the idle time-out; returns how many.
   size_t expire();
   size_t size() const;
+  // Ends every session (tests, shutdown).
+  void clear();
 
+  // Seconds of idleness that end a session; 0 or less restores the default.
   void setIdleTimeout(int seconds);
   int idleTimeout() const;
   // For tests: the clock the store uses (null: the real one).

@@ -80,6 +80,12 @@ class HOST_API CLoginOpWithVerifyCode : public CLoginOp {
   // Requires the answer to a live, unused verification challenge.
   int checkVerifyCode(HttpSession& session, CRequestMsg& request) override;
 
+  // Whether handleGetLoginToken also answers the challenge's code in clear
+  // (member "code"). Off by default; a gateway turns it on only for test rigs
+  // that must log in without reading the image. Safe from any thread.
+  static void setExposeCodeForTests(bool expose);
+  static bool exposeCodeForTests();
+
   using CLoginOp::login;
   // The route's own form for logins with a verification code.
   virtual int login(const std::string& userName, const std::string& password,

@@ -4,21 +4,21 @@
 #include "NOXHistoryAlarmOp.h"
 #include "NOXImportCert.h"
 #include "NOXImportCrlOp.h"
+#include "NOXLogin.h"
+#include "NOXLoginOpWithVerifyCode.h"
 #include "nox_visibility.h"
 #include "specify_op.h"
 
 extern "C" NOX_EXPORT const char* IMPORT_CERT_MARK;
 const char* IMPORT_CERT_MARK = "_IMPORT_CERT_MARK";
 
-// Registers the library's routes in this order (the registry's answers are
-// not looked at; every row gets its own object). Always returns 0.
+// Registers the library's routes in this order; every row gets its own
+// object, also where one URL is registered for both interfaces. The
+// registry's answers are not looked at. Always returns 0; an allocation or
+// constructor failure leaves by exception, rows before it staying registered.
 extern "C" NOX_EXPORT int NOXRegisterOperations(CSpecifyProc* proc) {
-  // Routes are added here, in order, as their operations are built:
-  //   1 "/sessions", 2 "/login",
-  //   3 "/kestrel_hypervisor/import_cert", 4 "/kestrel_cert/import_cert",
-  //   5 "/kestrel_cert/import_crl",
-  //   6-7 "/alarm/historyalarm" (default, v1), 8-9 "/alarm/historyalarm/count" (default, v1),
-  //   10 "/kestrel_task" (flag false), 11 "/kestrel_dbbackup_storage_conf/get_dbbackup_storage_conf".
+  proc->regReqProc("/sessions", new NOXLogin(), true);
+  proc->regReqProc("/login", new NOXLoginOpWithVerifyCode(), true);
   proc->regReqProc("/kestrel_hypervisor/import_cert", new NOXImportCertOp(), true);
   proc->regReqProc("/kestrel_cert/import_cert", new NOXImportCertOp(), true);
   proc->regReqProc("/kestrel_cert/import_crl", new NOXImportCrlOp(), true);

@@ -1,0 +1,498 @@
+// The reference host's login machinery: CLoginOp, CLoginOpWithVerifyCode and
+// RedirectInfoMgr.
+//
+// A login reads the user's credentials from the request body, is slowed down
+// after repeated failures (LoginThrottle), asks the backend (proto::kLogin),
+// opens a session in the SessionStore and hands out its token in the body, in
+// the "X-Auth-Token" header and in an HttpOnly cookie. The password goes to
+// the backend and nowhere else: no log record ever carries it.
+#include <strings.h>
+
+#include <atomic>
+#include <map>
+#include <mutex>
+
+#include "backend_protocol.h"
+#include "login_op.h"
+#include "login_throttle.h"
+#include "qpn_debug_kit.h"
+#include "redirect_info.h"
+#include "session_store.h"
+#include "verify_code.h"
+
+namespace {
+
+constexpr char kSource[] = "host/login_op";
+constexpr int kModule = 3;
+constexpr char kTokenHeader[] = "X-Auth-Token";
+constexpr char kCookieName[] = "NOX_SESSION";
+constexpr char kCookieAttributes[] = "; Path=/; HttpOnly; SameSite=Strict";
+// The login type the host's own handler passes to the route's login.
+constexpr char kLoginTypePassword[] = "password";
+
+[[noreturn]] void fail(long long code, int line) {
+  throw QPNExceptionWithErrCode_(code, kSource, line, false, nullptr);
+}
+
+// The argument's text into *value; false when the request does not carry it.
+bool argOf(const std::map<std::string, MsgValue>& args, const char* name, std::string* value,
+           int* kind = nullptr) {
+  auto it = args.find(name);
+  if (it == args.end()) return false;
+  *value = it->second.value_;
+  if (kind != nullptr) *kind = it->second.kind_;
+  return true;
+}
+
+// "zh", "zh-CN", "ZH_tw" -> "zh"; anything else -> "en".
+std::string normalizeLanguage(const std::string& language) {
+  return strncasecmp(language.c_str(), "zh", 2) == 0 ? "zh" : "en";
+}
+
+void writeEnvelope(CResponseMsg& response, const Json::Value& data) {
+  Json::Value body(Json::objectValue);
+  body["data"] = data;
+  body["error"] = Json::Value(Json::objectValue);
+  body["error"]["code"] = 0;
+  body["error"]["description"] = "0";
+  response.getJsonBody() = body;
+  response.setContentKind(CResponseMsg::kContentJson);
+}
+
+std::string trim(const std::string& text) {
+  size_t begin = 0;
+  size_t end = text.size();
+  while (begin < end && (text[begin] == ' ' || text[begin] == '\t')) ++begin;
+  while (end > begin && (text[end - 1] == ' ' || text[end - 1] == '\t')) --end;
+  return text.substr(begin, end - begin);
+}
+
+// The session token the client sent: the "X-Auth-Token" header, else the
+// session cookie. "" when neither is there.
+std::string tokenOf(const CRequestMsg& request) {
+  const HttpRequest* connection = request.getSessionInfo().getHttpConnection();
+  if (connection == nullptr) return std::string();
+  std::string token = trim(connection->getHeader(kTokenHeader));
+  if (!token.empty()) return token;
+  const std::string cookies = connection->getHeader("Cookie");
+  size_t pos = 0;
+  while (pos <= cookies.size()) {
+    size_t end = cookies.find(';', pos);
+    if (end == std::string::npos) end = cookies.size();
+    const std::string pair = trim(cookies.substr(pos, end - pos));
+    const size_t eq = pair.find('=');
+    if (eq != std::string::npos && pair.compare(0, eq, kCookieName) == 0) {
+      return trim(pair.substr(eq + 1));
+    }
+    pos = end + 1;
+  }
+  return std::string();
+}
+
+// Backend answers that mean "this attempt was wrong" and so count towards
+// the throttle; an unreachable backend or a malformed request does not.
+bool countsAsFailedAttempt(long long code) {
+  return code == proto::kErrLoginFailed || code == proto::kErrScopeDenied ||
+         code == proto::kErrVerifyCode;
+}
+
+std::atomic<bool> g_exposeCode{false};
+
+// RedirectInfoMgr's table.
+std::mutex& redirectMutex() {
+  static std::mutex m;
+  return m;
+}
+std::map<std::string, int>& redirectTable() {
+  static std::map<std::string, int> table;
+  return table;
+}
+std::mutex& observerMutex() {
+  static std::mutex m;
+  return m;
+}
+RedirectInfoObserver& observerSlot() {
+  static RedirectInfoObserver observer;
+  return observer;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// RedirectInfoMgr
+
+int RedirectInfoMgr::addSessionInfo(const std::string& key, int kind) {
+  RedirectInfoObserver observer;
+  {
+    std::lock_guard<std::mutex> lock(observerMutex());
+    observer = observerSlot();
+  }
+  if (observer) observer(key, kind);
+  std::lock_guard<std::mutex> lock(redirectMutex());
+  redirectTable()[key] = kind;
+  return 0;
+}
+
+int RedirectInfoMgr::getSessionInfo(const std::string& key) {
+  std::lock_guard<std::mutex> lock(redirectMutex());
+  auto it = redirectTable().find(key);
+  return it == redirectTable().end() ? -1 : it->second;
+}
+
+void RedirectInfoMgr::removeSessionInfo(const std::string& key) {
+  std::lock_guard<std::mutex> lock(redirectMutex());
+  redirectTable().erase(key);
+}
+
+RedirectInfoObserver setRedirectInfoObserver(RedirectInfoObserver observer) {
+  std::lock_guard<std::mutex> lock(observerMutex());
+  observer.swap(observerSlot());
+  return observer;
+}
+
+size_t redirectInfoCount() {
+  std::lock_guard<std::mutex> lock(redirectMutex());
+  return redirectTable().size();
+}
+
+// ---------------------------------------------------------------------------
+// CLoginOp
+
+CLoginOp::CLoginOp() {}
+CLoginOp::~CLoginOp() {}
+
+int CLoginOp::op(const std::string& action, const std::string& resource, CRequestMsg& request,
+                 CResponseMsg& response) {
+  (void)resource;
+  if (strcasecmp(action.c_str(), CRequestUri::URI_ACT_POST) == 0) {
+    return handleLogin(request, response);
+  }
+  if (strcasecmp(action.c_str(), CRequestUri::URI_ACT_DELETE) == 0) {
+    return handleLogout(request, response);
+  }
+  if (strcasecmp(action.c_str(), CRequestUri::URI_ACT_GET) == 0) {
+    return handleGetLoginToken(request, response);
+  }
+  return -1;
+}
+
+void CLoginOp::updateSessionFile(const std::string& prefix, HttpSession& session,
+                                 CR3MPackageV3& loginReply) {
+  (void)loginReply;
+  // An ordinary session: state 0, kind 7.
+  session.setAttribute(CSessionInfo::SESS_STAT_K, Json::Value(0));
+  RedirectInfoMgr::addSessionInfo(prefix + session.getId(), 7);
+}
+
+int CLoginOp::postCheckDevice(HttpRequest& connection, CDeviceID& device, UserContext& user) {
+  // The reference gateway fronts a single backend, so every session talks to it.
+  if (device.id_.empty()) device.id_ = "backend";
+  user.clientAddress_ = connection.clientAddress();
+  return 0;
+}
+
+int CLoginOp::checkVerifyCode(HttpSession& session, CRequestMsg& request) {
+  (void)session;
+  (void)request;
+  return 0;
+}
+
+int CLoginOp::handleLogin(CRequestMsg& request, CResponseMsg& response) {
+  CQPNDebugKitGuard guard(kModule, "CLoginOp::handleLogin");
+  std::map<std::string, MsgValue> args;
+  request.getAllArgs(args);
+  std::string userName;
+  std::string password;
+  std::string scope;
+  std::string language;
+  int passwordKind = MsgValue::kQueryArg;
+  if (!argOf(args, "username", &userName) || userName.empty() ||
+      !argOf(args, "password", &password, &passwordKind) || password.empty() ||
+      !argOf(args, "scope", &scope)) {
+    guard.error(0, "handleLogin", __LINE__, "login without user name, password or scope");
+    fail(proto::kErrInvalidArgument, __LINE__);
+  }
+  if (passwordKind != MsgValue::kBodyArg) {
+    // A password in the URL would end up in access logs and browser history.
+    guard.error(0, "handleLogin", __LINE__, "login of user %s with the password in the URL",
+                userName.c_str());
+    fail(proto::kErrInvalidArgument, __LINE__);
+  }
+  if (!argOf(args, "language", &language) || language.empty()) {
+    language = request.getSessionInfo().language();
+  }
+  language = normalizeLanguage(language);
+
+  HttpRequest noConnection;
+  HttpRequest* connection = request.getSessionInfo().getHttpConnection();
+  HttpRequest& peer = connection != nullptr ? *connection : noConnection;
+  const std::string clientAddress = peer.clientAddress();
+
+  LoginThrottle& throttle = LoginThrottle::instance();
+  const int wait = throttle.secondsToWait(userName, clientAddress);
+  if (wait > 0) {
+    guard.warn(0, "handleLogin", __LINE__,
+               "login of user %s from %s refused: too many failed attempts, %d s to wait",
+               userName.c_str(), clientAddress.c_str(), wait);
+    if (connection != nullptr) connection->setResponseHeader("Retry-After", std::to_string(wait));
+    fail(proto::kErrLoginThrottled, __LINE__);
+  }
+
+  CDeviceID device = request.getSessionInfo().getDeviceID();
+  UserContext user;
+  user.userName_ = userName;
+  user.scope_ = scope;
+  const int deviceCheck = postCheckDevice(peer, device, user);
+  if (deviceCheck != 0) {
+    guard.error(0, "handleLogin", __LINE__, "device check refused the login of user %s: %d",
+                userName.c_str(), deviceCheck);
+    fail(deviceCheck, __LINE__);
+  }
+
+  CR3MPackageV3 reply;
+  try {
+    // At login there is no session yet; a client that already holds one
+    // has the code checked against it.
+    std::shared_ptr<HttpSession> current = request.getSessionInfo().getHttpSession();
+    HttpSession pending("");
+    const int codeCheck = checkVerifyCode(current ? *current : pending, request);
+    if (codeCheck != 0) {
+      guard.warn(0, "handleLogin", __LINE__, "verification code refused for user %s",
+                 userName.c_str());
+      fail(codeCheck, __LINE__);
+    }
+    int result;
+    if (CLoginOpWithVerifyCode* withCode = dynamic_cast<CLoginOpWithVerifyCode*>(this)) {
+      result = withCode->login(userName, password, scope, language, device, reply,
+                               user.clientAddress_);
+    } else {
+      result = login(userName, password, scope, language, device, reply, user.clientAddress_,
+                     kLoginTypePassword);
+    }
+    if (result != 0) fail(result, __LINE__);
+  } catch (const QPNExceptionWithErrCode_& e) {
+    if (countsAsFailedAttempt(e.getErrCode())) {
+      throttle.recordFailure(userName, clientAddress);
+      guard.warn(0, "handleLogin", __LINE__, "login of user %s from %s failed: code 0x%llX",
+                 userName.c_str(), clientAddress.c_str(),
+                 static_cast<unsigned long long>(e.getErrCode()));
+    }
+    throw;
+  }
+  throttle.recordSuccess(userName, clientAddress);
+
+  if (reply.size() > 0) {
+    const CTLVCell* userId = reply[0].find(proto::kTagUserId);
+    if (userId != nullptr && userId->getType() == CTLVCell::TLV_STRING) {
+      user.userId_ = static_cast<const char*>(*userId);
+    }
+  }
+  SessionStore& store = SessionStore::instance();
+  std::string token;
+  std::shared_ptr<HttpSession> session = store.create(device, user, language, &token);
+  try {
+    updateSessionFile(kSessionKeyPrefix, *session, reply);
+  } catch (...) {
+    // A login that could not be labelled must not leave a usable session.
+    store.remove(token);
+    guard.error(0, "handleLogin", __LINE__, "could not label session %s of user %s",
+                session->getId().c_str(), userName.c_str());
+    throw;
+  }
+
+  request.getSessionInfo().setHttpSession(session);
+  request.getSessionInfo().getDeviceID() = device;
+  request.getSessionInfo().getUserContext() = user;
+  request.getSessionInfo().setLanguage(language);
+
+  Json::Value data(Json::objectValue);
+  data["token"] = token;
+  data["sessionId"] = session->getId();
+  data["userName"] = userName;
+  data["scope"] = scope;
+  data["language"] = language;
+  writeEnvelope(response, data);
+  if (connection != nullptr) {
+    connection->setResponseHeader(kTokenHeader, token);
+    connection->setResponseHeader("Set-Cookie",
+                                  std::string(kCookieName) + "=" + token + kCookieAttributes);
+    connection->setResponseHeader("Cache-Control", "no-store");
+  }
+  guard.info(0, "handleLogin", __LINE__, "user %s logged in from %s with scope %s, session %s",
+             userName.c_str(), clientAddress.c_str(), scope.c_str(), session->getId().c_str());
+  return 0;
+}
+
+int CLoginOp::handleLogout(CRequestMsg& request, CResponseMsg& response) {
+  CQPNDebugKitGuard guard(kModule, "CLoginOp::handleLogout");
+  const std::string token = tokenOf(request);
+  CSessionInfo info;
+  SessionStore& store = SessionStore::instance();
+  if (token.empty() || !store.lookup(token, info)) {
+    guard.warn(0, "handleLogout", __LINE__, "logout without a live session");
+    fail(proto::kErrNotLoggedIn, __LINE__);
+  }
+  // The session ends here, whatever the backend says next.
+  store.remove(token);
+  const std::string id = info.getHttpSession()->getId();
+  RedirectInfoMgr::removeSessionInfo(kSessionKeyPrefix + id);
+
+  const UserContext& user = info.getUserContext();
+  CR3MPackageV3 logout;
+  CR3MRecordV3& record = logout.addRecord(proto::kLogout, proto::kWord);
+  record[proto::kTagUserName].setString(proto::kTagUserName, user.userName_);
+  if (!user.userId_.empty()) record[proto::kTagUserId].setString(proto::kTagUserId, user.userId_);
+  record[proto::kTagClientAddress].setString(proto::kTagClientAddress, user.clientAddress_);
+  CR3MPackageV3 reply;
+  try {
+    CTlvMsg::sendMessage(info.getDeviceID(), user, logout, reply, request.getInterfaceVersion(),
+                         CRequestUri::getCfgTimeout(), CommunicationTarget::TARGET_BACKEND);
+  } catch (const QPNExceptionWithErrCode_& e) {
+    guard.warn(0, "handleLogout", __LINE__,
+               "backend did not take the logout of session %s: code 0x%llX", id.c_str(),
+               static_cast<unsigned long long>(e.getErrCode()));
+  } catch (const std::exception& e) {
+    guard.warn(0, "handleLogout", __LINE__, "backend did not take the logout of session %s: %s",
+               id.c_str(), e.what());
+  }
+
+  HttpRequest* connection = request.getSessionInfo().getHttpConnection();
+  if (connection != nullptr) {
+    connection->setResponseHeader("Set-Cookie",
+                                  std::string(kCookieName) + "=; Max-Age=0" + kCookieAttributes);
+  }
+  request.getSessionInfo().setHttpSession(nullptr);
+  writeEnvelope(response, Json::Value());
+  guard.info(0, "handleLogout", __LINE__, "user %s logged out, session %s",
+             user.userName_.c_str(), id.c_str());
+  return 0;
+}
+
+int CLoginOp::handleGetLoginToken(CRequestMsg& request, CResponseMsg& response) {
+  CQPNDebugKitGuard guard(kModule, "CLoginOp::handleGetLoginToken");
+  std::string challengeId;
+  std::string code;
+  VerifyCodeStore::instance().issue(&challengeId, &code);
+  Json::Value data(Json::objectValue);
+  data["challengeId"] = challengeId;
+  data["image"] = verifyCodeImage(code);
+  data["expiresIn"] = VerifyCodeStore::kLifetime;
+  if (CLoginOpWithVerifyCode::exposeCodeForTests()) data["code"] = code;
+  writeEnvelope(response, data);
+  HttpRequest* connection = request.getSessionInfo().getHttpConnection();
+  if (connection != nullptr) connection->setResponseHeader("Cache-Control", "no-store");
+  guard.debug(0, "handleGetLoginToken", __LINE__, "challenge %s issued", challengeId.c_str());
+  return 0;
+}
+
+int CLoginOp::handleCheckCode(CRequestMsg& request, CResponseMsg& response) {
+  CQPNDebugKitGuard guard(kModule, "CLoginOp::handleCheckCode");
+  const std::string token = tokenOf(request);
+  CSessionInfo info;
+  SessionStore& store = SessionStore::instance();
+  if (token.empty() || !store.lookup(token, info)) {
+    guard.debug(0, "handleCheckCode", __LINE__, "no live session");
+    fail(proto::kErrNotLoggedIn, __LINE__);
+  }
+  const std::shared_ptr<HttpSession>& session = info.getHttpSession();
+  Json::Value data(Json::objectValue);
+  data["sessionId"] = session->getId();
+  data["userName"] = info.getUserContext().userName_;
+  data["scope"] = info.getUserContext().scope_;
+  data["language"] = info.language();
+  // The lookup itself counts as activity, so the full idle time is left.
+  data["expiresIn"] = store.idleTimeout();
+  if (session->hasAttribute(CSessionInfo::SESS_STAT_K)) {
+    data["state"] = session->getAttribute(CSessionInfo::SESS_STAT_K);
+  }
+  writeEnvelope(response, data);
+  return 0;
+}
+
+int CLoginOp::login(const std::string& userName, const std::string& password,
+                    const std::string& scope, const std::string& language, CDeviceID& device,
+                    CR3MPackageV3& reply, const std::string& clientAddress,
+                    const std::string& loginType, const std::string& verifyCode) {
+  CQPNDebugKitGuard guard(kModule, "CLoginOp::login");
+  guard.debug(0, "login", __LINE__,
+              "login of user %s, scope %s, language %s, from %s, type \"%s\", verification "
+              "code %s",
+              userName.c_str(), scope.c_str(), language.c_str(), clientAddress.c_str(),
+              loginType.c_str(), verifyCode.empty() ? "none" : "given");
+  CR3MPackageV3 request;
+  CR3MRecordV3& record = request.addRecord(proto::kLogin, proto::kWord);
+  record[proto::kTagUserName].setString(proto::kTagUserName, userName);
+  record[proto::kTagPassword].setString(proto::kTagPassword, password);
+  record[proto::kTagScope].setString(proto::kTagScope, scope);
+  record[proto::kTagClientAddress].setString(proto::kTagClientAddress, clientAddress);
+  record[proto::kTagLanguage].setString(proto::kTagLanguage, language);
+  UserContext user;
+  user.userName_ = userName;
+  user.scope_ = scope;
+  user.clientAddress_ = clientAddress;
+  try {
+    CTlvMsg::sendMessage(device, user, request, reply, "", CRequestUri::getCfgTimeout(),
+                         CommunicationTarget::TARGET_BACKEND);
+  } catch (const QPNExceptionWithErrCode_& e) {
+    guard.warn(0, "login", __LINE__, "backend refused the login of user %s: code 0x%llX",
+               userName.c_str(), static_cast<unsigned long long>(e.getErrCode()));
+    throw;
+  }
+  return 0;
+}
+
+int CLoginOp::login(const std::string& userName, const std::string& password,
+                    const std::string& scope, const std::string& language, CDeviceID& device,
+                    CR3MPackageV3& reply, const std::string& clientAddress,
+                    const std::string& loginType) {
+  return login(userName, password, scope, language, device, reply, clientAddress, loginType,
+               std::string());
+}
+
+// ---------------------------------------------------------------------------
+// CLoginOpWithVerifyCode
+
+CLoginOpWithVerifyCode::CLoginOpWithVerifyCode() {}
+CLoginOpWithVerifyCode::~CLoginOpWithVerifyCode() {}
+
+bool CLoginOpWithVerifyCode::isSupport(const std::string& action, const std::string& resource,
+                                       SpecifyOpPrivData& privData) {
+  (void)resource;
+  (void)privData;
+  return strcasecmp(action.c_str(), CRequestUri::URI_ACT_GET) == 0 ||
+         strcasecmp(action.c_str(), CRequestUri::URI_ACT_POST) == 0 ||
+         strcasecmp(action.c_str(), CRequestUri::URI_ACT_DELETE) == 0;
+}
+
+int CLoginOpWithVerifyCode::checkVerifyCode(HttpSession& session, CRequestMsg& request) {
+  (void)session;
+  CQPNDebugKitGuard guard(kModule, "CLoginOpWithVerifyCode::checkVerifyCode");
+  std::map<std::string, MsgValue> args;
+  request.getAllArgs(args);
+  std::string challengeId;
+  std::string answer;
+  if (!argOf(args, "challengeId", &challengeId) || !argOf(args, "verifyCode", &answer) ||
+      challengeId.empty() || answer.empty()) {
+    guard.warn(0, "checkVerifyCode", __LINE__, "login without a verification code");
+    return static_cast<int>(proto::kErrVerifyCode);
+  }
+  if (!VerifyCodeStore::instance().redeem(challengeId, answer)) {
+    guard.warn(0, "checkVerifyCode", __LINE__,
+               "verification code for challenge %s is wrong, used or expired",
+               challengeId.c_str());
+    return static_cast<int>(proto::kErrVerifyCode);
+  }
+  return 0;
+}
+
+int CLoginOpWithVerifyCode::login(const std::string& userName, const std::string& password,
+                                  const std::string& scope, const std::string& language,
+                                  CDeviceID& device, CR3MPackageV3& reply,
+                                  const std::string& clientAddress) {
+  return login(userName, password, scope, language, device, reply, clientAddress, std::string(),
+               std::string());
+}
+
+void CLoginOpWithVerifyCode::setExposeCodeForTests(bool expose) { g_exposeCode.store(expose); }
+
+bool CLoginOpWithVerifyCode::exposeCodeForTests() { return g_exposeCode.load(); }

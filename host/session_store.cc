@@ -1,0 +1,150 @@
+#include "session_store.h"
+
+#include <map>
+#include <mutex>
+#include <vector>
+
+#include "login_op.h"
+#include "secure_random.h"
+
+namespace {
+
+// 256 bits for the credential, 128 for the public identifier.
+constexpr size_t kTokenBytes = 32;
+constexpr size_t kIdBytes = 16;
+constexpr int kDefaultIdleTimeout = 1800;
+
+}  // namespace
+
+struct SessionStore::Impl {
+  struct Entry {
+    std::shared_ptr<HttpSession> session;
+    CDeviceID device;
+    UserContext user;
+    std::string language;
+    time_t lastSeen = 0;
+  };
+
+  mutable std::mutex mutex;
+  std::map<std::string, Entry> sessions;  // by token
+  int idleTimeout = kDefaultIdleTimeout;
+  time_t (*clock)() = nullptr;
+
+  time_t now() const { return clock != nullptr ? clock() : time(nullptr); }
+  bool idle(const Entry& entry, time_t at) const { return at - entry.lastSeen >= idleTimeout; }
+};
+
+SessionStore& SessionStore::instance() {
+  static SessionStore store;
+  return store;
+}
+
+SessionStore::SessionStore() : impl_(new Impl) {}
+
+std::shared_ptr<HttpSession> SessionStore::create(const CDeviceID& device,
+                                                  const UserContext& user,
+                                                  const std::string& language,
+                                                  std::string* token) {
+  // Drop what has gone idle first, so that the table does not grow with
+  // clients that never log out.
+  expire();
+  Impl::Entry entry;
+  entry.device = device;
+  entry.user = user;
+  entry.language = language;
+  std::string newToken;
+  std::lock_guard<std::mutex> lock(impl_->mutex);
+  do {
+    newToken = secureRandomHex(kTokenBytes);
+  } while (impl_->sessions.count(newToken) != 0);
+  entry.session = std::make_shared<HttpSession>(secureRandomHex(kIdBytes));
+  entry.lastSeen = impl_->now();
+  std::shared_ptr<HttpSession> session = entry.session;
+  impl_->sessions.emplace(newToken, std::move(entry));
+  *token = newToken;
+  return session;
+}
+
+bool SessionStore::lookup(const std::string& token, CSessionInfo& info) {
+  std::string endedId;
+  {
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    auto it = impl_->sessions.find(token);
+    if (it == impl_->sessions.end()) return false;
+    const time_t now = impl_->now();
+    if (!impl_->idle(it->second, now)) {
+      it->second.lastSeen = now;
+      info.setHttpSession(it->second.session);
+      info.getDeviceID() = it->second.device;
+      info.getUserContext() = it->second.user;
+      info.setLanguage(it->second.language);
+      return true;
+    }
+    endedId = it->second.session->getId();
+    impl_->sessions.erase(it);
+  }
+  RedirectInfoMgr::removeSessionInfo(kSessionKeyPrefix + endedId);
+  return false;
+}
+
+bool SessionStore::remove(const std::string& token) {
+  std::string endedId;
+  {
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    auto it = impl_->sessions.find(token);
+    if (it == impl_->sessions.end()) return false;
+    endedId = it->second.session->getId();
+    impl_->sessions.erase(it);
+  }
+  RedirectInfoMgr::removeSessionInfo(kSessionKeyPrefix + endedId);
+  return true;
+}
+
+size_t SessionStore::expire() {
+  std::vector<std::string> endedIds;
+  {
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    const time_t now = impl_->now();
+    for (auto it = impl_->sessions.begin(); it != impl_->sessions.end();) {
+      if (impl_->idle(it->second, now)) {
+        endedIds.push_back(it->second.session->getId());
+        it = impl_->sessions.erase(it);
+      } else {
+        ++it;
+      }
+    }
+  }
+  for (const std::string& id : endedIds) RedirectInfoMgr::removeSessionInfo(kSessionKeyPrefix + id);
+  return endedIds.size();
+}
+
+size_t SessionStore::size() const {
+  std::lock_guard<std::mutex> lock(impl_->mutex);
+  return impl_->sessions.size();
+}
+
+void SessionStore::clear() {
+  std::map<std::string, Impl::Entry> ended;
+  {
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    ended.swap(impl_->sessions);
+  }
+  for (const auto& entry : ended) {
+    RedirectInfoMgr::removeSessionInfo(kSessionKeyPrefix + entry.second.session->getId());
+  }
+}
+
+void SessionStore::setIdleTimeout(int seconds) {
+  std::lock_guard<std::mutex> lock(impl_->mutex);
+  impl_->idleTimeout = seconds > 0 ? seconds : kDefaultIdleTimeout;
+}
+
+int SessionStore::idleTimeout() const {
+  std::lock_guard<std::mutex> lock(impl_->mutex);
+  return impl_->idleTimeout;
+}
+
+void SessionStore::setClock(time_t (*clock)()) {
+  std::lock_guard<std::mutex> lock(impl_->mutex);
+  impl_->clock = clock;
+}

@@ -1,0 +1,75 @@
+// LoginThrottle: the window after repeated failures, per user and address.
+#include "login_throttle.h"
+
+#include <gtest/gtest.h>
+
+#include "unit/login_test_rig.h"
+
+namespace {
+
+TEST(LoginThrottleDelayTest, DoublesFromTheThirdFailureUpToAMinute) {
+  const struct {
+    int failures;
+    int delay;
+  } cases[] = {{0, 0}, {1, 0}, {2, 0},  {3, 1},  {4, 2},   {5, 4},    {6, 8},
+               {7, 16}, {8, 32}, {9, 60}, {10, 60}, {100, 60}, {1000, 60}};
+  for (const auto& c : cases) {
+    EXPECT_EQ(LoginThrottle::delayAfter(c.failures), c.delay) << c.failures << " failures";
+  }
+}
+
+class LoginThrottleTest : public LoginTestBase {
+ protected:
+  LoginThrottle& t = LoginThrottle::instance();
+};
+
+TEST_F(LoginThrottleTest, ThreeFailuresAreFree) {
+  for (int i = 0; i < 2; ++i) t.recordFailure("admin", "a");
+  EXPECT_EQ(t.secondsToWait("admin", "a"), 0);
+  t.recordFailure("admin", "a");
+  EXPECT_EQ(t.secondsToWait("admin", "a"), 1);
+  g_testNow += 1;
+  EXPECT_EQ(t.secondsToWait("admin", "a"), 0);
+}
+
+TEST_F(LoginThrottleTest, WindowCountsFromTheLastFailure) {
+  for (int i = 0; i < 7; ++i) t.recordFailure("admin", "a");  // 16 s
+  g_testNow += 10;
+  EXPECT_EQ(t.secondsToWait("admin", "a"), 6);
+  EXPECT_EQ(t.secondsToWait("admin", "a"), 6) << "asking is not an attempt";
+  g_testNow += 6;
+  EXPECT_EQ(t.secondsToWait("admin", "a"), 0);
+}
+
+TEST_F(LoginThrottleTest, SuccessClearsThePair) {
+  for (int i = 0; i < 5; ++i) t.recordFailure("admin", "a");
+  t.recordSuccess("admin", "a");
+  EXPECT_EQ(t.failures("admin", "a"), 0);
+  EXPECT_EQ(t.secondsToWait("admin", "a"), 0);
+}
+
+TEST_F(LoginThrottleTest, PairsAreIndependent) {
+  for (int i = 0; i < 5; ++i) t.recordFailure("admin", "a");
+  EXPECT_GT(t.secondsToWait("admin", "a"), 0);
+  EXPECT_EQ(t.secondsToWait("admin", "b"), 0) << "another address";
+  EXPECT_EQ(t.secondsToWait("auditor", "a"), 0) << "another user";
+  EXPECT_EQ(t.secondsToWait("admina", ""), 0) << "the pair is not a joined text";
+}
+
+TEST_F(LoginThrottleTest, NeverLocksOutForGood) {
+  for (int i = 0; i < 500; ++i) t.recordFailure("admin", "a");
+  EXPECT_EQ(t.secondsToWait("admin", "a"), 60);
+  g_testNow += 60;
+  EXPECT_EQ(t.secondsToWait("admin", "a"), 0);
+}
+
+TEST_F(LoginThrottleTest, FailuresAreForgottenAfterAQuietSpell) {
+  for (int i = 0; i < 5; ++i) t.recordFailure("admin", "a");
+  g_testNow += LoginThrottle::kForgetAfter;
+  EXPECT_EQ(t.failures("admin", "a"), 0);
+  t.recordFailure("admin", "a");
+  EXPECT_EQ(t.failures("admin", "a"), 1) << "counting starts over";
+  EXPECT_EQ(t.secondsToWait("admin", "a"), 0);
+}
+
+}  // namespace
