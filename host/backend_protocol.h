@@ -69,6 +69,8 @@ constexpr unsigned short kTagTaskErrorInfo = 0x62;  // JSON object {"code": ...,
 
 // Non-managed-object queries: command = objType << 16 | opCode.
 // Database-backup storage configuration (objType 0x62, opCode 0xDE).
+constexpr uint32_t kStorageConfObjType = 0x62;
+constexpr uint32_t kStorageConfOpCode = 0xDE;
 constexpr unsigned short kTagResultCode = 9;     // string, "0" = success
 constexpr unsigned short kTagResultParams = 10;  // string, "#@#"-joined parameters
 constexpr unsigned short kTagStorageType = 11;   // uint32, enumeration storage_type
