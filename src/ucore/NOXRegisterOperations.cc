@@ -1,11 +1,13 @@
 // The plug-in's entry: the host calls NOXRegisterOperations once after
 // loading the library; it creates one operation object per route and hands
 // each to the host's registry, which owns it from then on.
+#include "NOXGetDBBakConfOp.h"
 #include "NOXHistoryAlarmOp.h"
 #include "NOXImportCert.h"
 #include "NOXImportCrlOp.h"
 #include "NOXLogin.h"
 #include "NOXLoginOpWithVerifyCode.h"
+#include "NOXTaskOp.h"
 #include "nox_visibility.h"
 #include "specify_op.h"
 
@@ -26,5 +28,9 @@ extern "C" NOX_EXPORT int NOXRegisterOperations(CSpecifyProc* proc) {
   proc->regReqProcV1("/alarm/historyalarm", new NOXHistoryAlarmOp(), true);
   proc->regReqProc("/alarm/historyalarm/count", new NOXHistoryAlarmCountOp(), true);
   proc->regReqProcV1("/alarm/historyalarm/count", new NOXHistoryAlarmCountOp(), true);
+  // The task route is the only one that also serves "/kestrel_task/<id>".
+  proc->regReqProc("/kestrel_task", new NOXTaskOp(0xE012), false);
+  proc->regReqProc("/kestrel_dbbackup_storage_conf/get_dbbackup_storage_conf",
+                   new NOXGetDBBakConfOp(), true);
   return 0;
 }
