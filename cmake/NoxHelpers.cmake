@@ -1,4 +1,6 @@
-# nox_add_test(NAME source... [LIBS lib...] [LABELS label...])
+# nox_add_test(NAME source... [LIBS lib...] [LABELS label])
+# LABELS takes one label: gtest_discover_tests passes properties as a flat
+# list, so a second label would be read as a property name.
 # Builds one GoogleTest program and registers each of its tests with ctest.
 include(GoogleTest)
 find_package(GTest REQUIRED)

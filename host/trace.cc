@@ -152,6 +152,8 @@ void CaptureTraceSink::clear() {
 CQPNDebugKit::CQPNDebugKit(int moduleId) : moduleId_(moduleId) {}
 CQPNDebugKit::~CQPNDebugKit() {}
 
+bool CQPNDebugKit::traceOn() const { return enabled(TraceLevel::kTrace); }
+
 void CQPNDebugKit::trace(const std::string& text) {
   if (!enabled(TraceLevel::kTrace)) return;
   emit(moduleId_, TraceLevel::kTrace, nullptr, 0, text);
@@ -187,15 +189,16 @@ CQPNDebugKitMgr* CQPNDebugKitMgr::instance() {
 }
 
 CQPNDebugKit* CQPNDebugKitMgr::find(int moduleId) {
-  // Kits live for the whole process; a fixed table avoids a lock for the
-  // module ids in use (0..63), a locked map serves any other.
-  static CQPNDebugKit* fixed[64] = {};
-  static std::once_flag once;
-  std::call_once(once, [] {
-    for (int i = 0; i < 64; ++i) fixed[i] = new CQPNDebugKit(i);
-  });
+  // Kits live for the whole process. Module ids 0..63 come from a table made
+  // once (after that, a lookup is one load); any other id from a locked map.
+  // Neither is ever destroyed: records may be written while static objects
+  // go away.
+  static CQPNDebugKit* const* fixed = [] {
+    CQPNDebugKit** table = new CQPNDebugKit*[64];
+    for (int i = 0; i < 64; ++i) table[i] = new CQPNDebugKit(i);
+    return table;
+  }();
   if (moduleId >= 0 && moduleId < 64) return fixed[moduleId];
-  // Never destroyed: records may be written while static objects go away.
   static std::mutex* m = new std::mutex();
   static std::map<int, CQPNDebugKit*>* others = new std::map<int, CQPNDebugKit*>();
   std::lock_guard<std::mutex> lock(*m);

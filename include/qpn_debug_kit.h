@@ -31,6 +31,9 @@ class HOST_API CQPNDebugKit {
 
   // An "enter"/"leave" record.
   void trace(const std::string& text);
+  // Whether trace records pass the host's filter; lets callers skip building
+  // a record nobody will see.
+  bool traceOn() const;
 
   // printf-style records at the four levels.
   void info(unsigned long long id, const char* function, unsigned int line, const char* format,
@@ -65,10 +68,12 @@ class HOST_API CQPNDebugKitGuard {
  public:
   CQPNDebugKitGuard(int moduleId, const std::string& name) : kit_(nullptr), name_(name), ok_(true) {
     kit_ = CQPNDebugKitMgr::instance()->find(moduleId);
-    kit_->trace("enter " + name_ + "...");
+    if (kit_->traceOn()) kit_->trace("enter " + name_ + "...");
   }
   // Never throws: a failure to write the record ends the process.
-  ~CQPNDebugKitGuard() { kit_->trace("leave " + name_ + ": " + (ok_ ? "OK" : "NOK")); }
+  ~CQPNDebugKitGuard() {
+    if (kit_->traceOn()) kit_->trace("leave " + name_ + ": " + (ok_ ? "OK" : "NOK"));
+  }
 
   CQPNDebugKitGuard(const CQPNDebugKitGuard&) = delete;
   CQPNDebugKitGuard& operator=(const CQPNDebugKitGuard&) = delete;

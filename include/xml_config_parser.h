@@ -34,6 +34,8 @@
 #include <string>
 #include <vector>
 
+#include "string_utils.h"
+
 namespace tinyxml2 {
 class XMLElement;
 }
@@ -241,12 +243,9 @@ inline int getParameterAt(const std::string& text, size_t base, size_t pos, size
     getEnumNameAt(text, base, first, end, enumName);
   }
   if (digits == 0) return -1;
-  // One to five digits are always a number to the number conversion and give
-  // their decimal value; computing it here spares each placeholder the
-  // conversion's trace records, which made the pass many times slower.
-  int value = 0;
-  for (size_t k = first; k < first + digits; ++k) value = value * 10 + (text[k] - '0');
-  return value;
+  // The index is the digits' value by the number conversion, -1 for text
+  // that is not a number (one to five digits always are one).
+  return static_cast<int>(convertToNum(text.substr(first, static_cast<size_t>(digits)), -1));
 }
 
 }  // namespace detail

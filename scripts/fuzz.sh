@@ -17,7 +17,7 @@ cd "$(dirname "$0")/.."
 SECONDS_PER_TARGET=${1:-60}
 shift || true
 
-BUILD=build-fuzz
+BUILD=$(pwd)/build-fuzz
 CC=clang CXX=clang++ cmake -S . -B "$BUILD" -DNOX_FUZZ=ON "-DNOX_SANITIZE=address;undefined" \
   -DNOX_BUILD_TESTS=OFF -DNOX_BUILD_GATEWAY=OFF -DNOX_BUILD_BENCH=OFF >/dev/null
 cmake --build "$BUILD" -j "${JOBS:-2}"
@@ -42,6 +42,6 @@ for t in "${targets[@]}"; do
   echo "=== $t: ${SECONDS_PER_TARGET}s ==="
   # The first corpus directory receives new inputs; the seeds are only read.
   "$bin" -max_total_time="$SECONDS_PER_TARGET" -timeout="${FUZZ_TIMEOUT:-10}" -print_final_stats=1 \
-    -artifact_prefix="$BUILD/artifacts/$t/" "$BUILD/corpus/$t" "fuzz/corpus/$t"
+    -artifact_prefix="$BUILD/artifacts/$t/" "$BUILD/corpus/$t" "$(pwd)/fuzz/corpus/$t"
 done
 echo "all fuzz targets ran clean"

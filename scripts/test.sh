@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
 # Installs the dependencies, builds everything and runs every test:
-#   1. the regular build (warnings are errors) and the whole ctest suite;
+#   1. the regular build (warnings are errors) and the whole ctest suite,
+#      end-to-end tests and the catalogue check included;
 #   2. an address+undefined sanitizer build and the whole suite again;
-#   3. a thread sanitizer build and the concurrency tests.
+#   3. a thread sanitizer build of the concurrency tests, and those tests;
+#   4. every fuzz target for a short smoke run (NOX_FUZZ_SECONDS, default 10).
 # Set NOX_QUICK=1 to run stage 1 only. Build trees: build/, build-asan/,
-# build-tsan/ (reused between runs).
+# build-tsan/, build-fuzz/ (reused between runs).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -32,9 +34,17 @@ build build-asan -DCMAKE_BUILD_TYPE=Debug "-DNOX_SANITIZE=address;undefined" -DN
 (cd build-asan && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
   UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 ctest -j "$JOBS" --timeout 900)
 
-stage "thread sanitizer build"
-build build-tsan -DCMAKE_BUILD_TYPE=Debug -DNOX_SANITIZE=thread -DNOX_BUILD_BENCH=OFF
-(cd build-tsan && TSAN_OPTIONS=halt_on_error=1 ctest -j "$JOBS" -L concurrency --timeout 900)
+stage "thread sanitizer build (concurrency tests)"
+cmake -S . -B build-tsan -DNOX_WERROR=ON -DCMAKE_BUILD_TYPE=Debug -DNOX_SANITIZE=thread \
+  -DNOX_BUILD_BENCH=OFF >/dev/null
+mapfile -t tsan_targets < <(find tests -name '*concurrency*_test.cc' -printf '%f\n' | sed 's/\.cc$//' | sort)
+[ ${#tsan_targets[@]} -gt 0 ] || { echo "no concurrency tests found"; exit 1; }
+cmake --build build-tsan -j "$JOBS" --target "${tsan_targets[@]}"
+(cd build-tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+  ctest -j "$JOBS" -L concurrency --no-tests=error --timeout 900)
+
+stage "fuzz smoke runs"
+scripts/fuzz.sh "${NOX_FUZZ_SECONDS:-10}"
 
 echo
 echo "all stages passed"

@@ -1,12 +1,12 @@
 // The plug-in's entry: the host calls NOXRegisterOperations once after
 // loading the library; it creates one operation object per route and hands
 // each to the host's registry, which owns it from then on.
-#include "NOXLogin.h"
-#include "NOXLoginOpWithVerifyCode.h"
+#include "NOXGetDBBakConfOp.h"
 #include "NOXHistoryAlarmOp.h"
 #include "NOXImportCert.h"
 #include "NOXImportCrlOp.h"
-#include "NOXGetDBBakConfOp.h"
+#include "NOXLogin.h"
+#include "NOXLoginOpWithVerifyCode.h"
 #include "NOXTaskOp.h"
 #include "nox_visibility.h"
 #include "specify_op.h"
@@ -14,15 +14,11 @@
 extern "C" NOX_EXPORT const char* IMPORT_CERT_MARK;
 const char* IMPORT_CERT_MARK = "_IMPORT_CERT_MARK";
 
-// Registers the library's routes in this order (the registry's answers are
-// not looked at; every row gets its own object). Always returns 0.
+// Registers the library's routes in this order; every row gets its own
+// object, also where one URL is registered for both interfaces. The
+// registry's answers are not looked at. Always returns 0; an allocation or
+// constructor failure leaves by exception, rows before it staying registered.
 extern "C" NOX_EXPORT int NOXRegisterOperations(CSpecifyProc* proc) {
-  // Routes are added here, in order, as their operations are built:
-  //   1 "/sessions", 2 "/login",
-  //   3 "/kestrel_hypervisor/import_cert", 4 "/kestrel_cert/import_cert",
-  //   5 "/kestrel_cert/import_crl",
-  //   6-7 "/alarm/historyalarm" (default, v1), 8-9 "/alarm/historyalarm/count" (default, v1),
-  //   10 "/kestrel_task" (flag false), 11 "/kestrel_dbbackup_storage_conf/get_dbbackup_storage_conf".
   proc->regReqProc("/sessions", new NOXLogin(), true);
   proc->regReqProc("/login", new NOXLoginOpWithVerifyCode(), true);
   proc->regReqProc("/kestrel_hypervisor/import_cert", new NOXImportCertOp(), true);
@@ -32,7 +28,7 @@ extern "C" NOX_EXPORT int NOXRegisterOperations(CSpecifyProc* proc) {
   proc->regReqProcV1("/alarm/historyalarm", new NOXHistoryAlarmOp(), true);
   proc->regReqProc("/alarm/historyalarm/count", new NOXHistoryAlarmCountOp(), true);
   proc->regReqProcV1("/alarm/historyalarm/count", new NOXHistoryAlarmCountOp(), true);
-  // The task route is the only one that also serves "/URL/<id>" (flag false).
+  // The task route is the only one that also serves "/kestrel_task/<id>".
   proc->regReqProc("/kestrel_task", new NOXTaskOp(0xE012), false);
   proc->regReqProc("/kestrel_dbbackup_storage_conf/get_dbbackup_storage_conf",
                    new NOXGetDBBakConfOp(), true);
