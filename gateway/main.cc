@@ -25,15 +25,9 @@
 #include "tls.h"
 #include "tlv_backend.h"
 #include "trace_sink.h"
-#ifdef NOX_HAVE_SESSION_STORE
-#include "session_store.h"
-#endif
-#ifdef NOX_HAVE_EXPOSE_VERIFY_CODE
 #include "login_op.h"
-#endif
-#ifdef NOX_HAVE_SIM_BACKEND
+#include "session_store.h"
 #include "sim_backend.h"
-#endif
 
 extern const char kNoxOpenApiText[];  // docs/openapi.json, embedded by the build
 
@@ -149,7 +143,6 @@ int main(int argc, char** argv) {
   sigaddset(&stopSignals, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 
-#ifdef NOX_HAVE_SIM_BACKEND
   SimBackendOptions backendOptions;
   backendOptions.dataDir = dataDir;
   backendOptions.initPassword = options.initPassword;
@@ -166,25 +159,13 @@ int main(int argc, char** argv) {
     fflush(stdout);
   }
   installTlvBackend(backend);
-#else
-  fail("built without the simulated backend: every backend request answers 503");
-#endif
 
   if (options.backendTimeout > 0) CRequestUri::setCfgTimeout(options.backendTimeout);
-#ifdef NOX_HAVE_SESSION_STORE
   if (options.sessionIdle > 0) SessionStore::instance().setIdleTimeout(options.sessionIdle);
   gw::SessionLookup lookup = [](const std::string& token, CSessionInfo& info) {
     return SessionStore::instance().lookup(token, info);
   };
-#else
-  fail("built without the session store: only the login routes answer");
-  gw::SessionLookup lookup = [](const std::string&, CSessionInfo&) { return false; };
-#endif
-#ifdef NOX_HAVE_EXPOSE_VERIFY_CODE
   CLoginOpWithVerifyCode::setExposeCodeForTests(options.exposeVerifyCode);
-#else
-  if (options.exposeVerifyCode) fail("--expose-verify-code: not available in this build");
-#endif
 
   std::unique_ptr<gw::PluginLibrary> plugin = gw::PluginLibrary::load(pluginPath, &error);
   if (!plugin) {
