@@ -19,8 +19,7 @@ shift || true
 
 BUILD=$(pwd)/build-fuzz
 CC=clang CXX=clang++ cmake -S . -B "$BUILD" -DNOX_FUZZ=ON "-DNOX_SANITIZE=address;undefined" \
-  -DNOX_BUILD_TESTS=OFF -DNOX_BUILD_GATEWAY=OFF -DNOX_BUILD_BENCH=OFF >/dev/null
-cmake --build "$BUILD" -j "${JOBS:-2}"
+  -DNOX_BUILD_TESTS=OFF -DNOX_BUILD_BENCH=OFF -DNOX_BUILD_GATEWAY=ON >/dev/null
 
 if [ "$#" -gt 0 ]; then
   targets=("$@")
@@ -28,6 +27,8 @@ else
   targets=()
   for src in fuzz/*_fuzz.cc; do targets+=("$(basename "$src" .cc)"); done
 fi
+
+cmake --build "$BUILD" -j "${JOBS:-2}" --target "${targets[@]}"
 
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
