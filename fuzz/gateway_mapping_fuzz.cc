@@ -19,7 +19,7 @@
 
 #include "http_mapping.h"
 #include "scripted_backend.h"
-#include "specify_op.h"
+#include "operation_base.h"
 #include "trace_sink.h"
 
 extern "C" int NOXRegisterOperations(CSpecifyProc* proc);

@@ -24,7 +24,7 @@
 #include <vector>
 
 #include "request_msg.h"
-#include "specify_op.h"
+#include "operation_base.h"
 
 namespace gw {
 

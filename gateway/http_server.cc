@@ -2,6 +2,8 @@
 
 #include <httplib.h>
 
+#include <sys/socket.h>
+
 #include <cctype>
 #include <chrono>
 
@@ -87,6 +89,10 @@ bool HttpServer::start(std::string* error) {
   } else {
     port_ = server_->bind_to_port(config_.host, config_.port) ? config_.port : -1;
   }
+  // cpp-httplib listens with a backlog of five; under many connecting
+  // clients the kernel then drops SYNs and each retry costs a second. A second
+  // listen() on the bound socket widens the queue.
+  if (port_ >= 0 && listenSocket_ >= 0) ::listen(listenSocket_, SOMAXCONN);
   if (port_ < 0) {
     *error = "cannot listen on " + config_.host + ":" + std::to_string(config_.port) +
              " (address in use or not local?)";
@@ -100,6 +106,11 @@ void HttpServer::install() {
   const int threads = config_.threads;
   svr.new_task_queue = [threads] { return new httplib::ThreadPool(static_cast<size_t>(threads)); };
   svr.set_tcp_nodelay(true);
+  svr.set_socket_options([this](socket_t sock) {
+    int yes = 1;
+    setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes));
+    listenSocket_ = sock;
+  });
   svr.set_payload_max_length(config_.maxBody + kMultipartOverhead);
   svr.set_keep_alive_max_count(1000);
   svr.set_keep_alive_timeout(5);

@@ -62,6 +62,7 @@ class HttpServer {
   const Dispatcher& dispatcher_;
   AccessLog& accessLog_;
   std::unique_ptr<httplib::Server> server_;
+  int listenSocket_ = -1;  // the bound socket, to widen its backlog
   int port_ = -1;
 };
 

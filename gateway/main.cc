@@ -21,7 +21,7 @@
 #include "options.h"
 #include "plugin_loader.h"
 #include "request_msg.h"
-#include "specify_op.h"
+#include "operation_base.h"
 #include "tls.h"
 #include "tlv_backend.h"
 #include "trace_sink.h"

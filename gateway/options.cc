@@ -143,7 +143,7 @@ std::string usageText() {
          "  --log FILE              trace log (default stderr)\n"
          "  --log-level LEVEL       trace, debug, info, warn, error, off (default info)\n"
          "  --access-log FILE       access log (default stderr)\n"
-         "  --threads N             worker threads (default 8)\n"
+         "  --threads N             worker threads (default 64)\n"
          "  --max-body BYTES        largest JSON body or upload (default 2097152)\n"
          "  --session-idle SECONDS  idle time after which a session ends\n"
          "  --backend-timeout SECONDS  time-out of backend requests\n"

@@ -13,7 +13,7 @@
 #include <memory>
 #include <string>
 
-#include "specify_op.h"
+#include "operation_base.h"
 
 namespace gw {
 

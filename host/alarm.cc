@@ -8,7 +8,7 @@
 #include <string>
 
 #include "backend_protocol.h"
-#include "specify_op.h"
+#include "operation_base.h"
 
 namespace {
 

@@ -33,7 +33,7 @@
 #include "backend_protocol.h"
 #include "qpn_debug_kit.h"
 #include "request_msg.h"
-#include "specify_op.h"
+#include "operation_base.h"
 #include "tlv_package.h"
 
 namespace {

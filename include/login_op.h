@@ -20,7 +20,7 @@
 
 #include "nox_visibility.h"
 #include "request_msg.h"
-#include "specify_op.h"
+#include "operation_base.h"
 #include "tlv_package.h"
 
 // Session information that other gateway nodes look up (key, kind).

@@ -27,10 +27,8 @@ need curl curl
 need openssl openssl
 
 BUILD=${NOX_BUILD:-build-run}
-if [ ! -x "$BUILD/bin/nox-gateway" ]; then
-  cmake -S . -B "$BUILD" -DCMAKE_BUILD_TYPE=Release -DNOX_BUILD_TESTS=OFF -DNOX_BUILD_BENCH=OFF >/dev/null
-  cmake --build "$BUILD" -j "$(nproc)" >/dev/null
-fi
+cmake -S . -B "$BUILD" -DCMAKE_BUILD_TYPE=Release -DNOX_BUILD_TESTS=OFF -DNOX_BUILD_BENCH=OFF >/dev/null
+cmake --build "$BUILD" -j "$(nproc)" >/dev/null
 
 WORK=$(mktemp -d /tmp/nox-load-XXXXXX)
 GW_PID=""; NGINX_PID=""
@@ -55,7 +53,7 @@ TOKEN=$(curl -s -D - -o /dev/null -H 'Content-Type: application/json' \
   "$URL/sessions" | tr -d '\r' | sed -n 's/^[Xx]-[Aa]uth-[Tt]oken: //p')
 [ -n "$TOKEN" ] || { echo "load: login failed"; exit 1; }
 TASK=$(curl -s -H "X-Auth-Token: $TOKEN" "$URL/kestrel_task?limit=1" |
-  python3 -c 'import json,sys; d=json.load(sys.stdin)["data"]; print((d[0] if isinstance(d,list) else d).get("ID","1"))')
+  python3 -c 'import json,sys; d=json.load(sys.stdin)["data"]; print((d[0] if isinstance(d,list) else d)["taskId"])')
 
 # A CA certificate to upload (the backend checks it for real).
 openssl req -x509 -newkey rsa:2048 -sha256 -days 30 -nodes -subj "/CN=load test CA" \
@@ -64,7 +62,7 @@ openssl req -x509 -newkey rsa:2048 -sha256 -days 30 -nodes -subj "/CN=load test 
 
 run_wrk() {  # run_wrk LABEL URL MIX CONNECTIONS SECONDS
   NOX_TOKEN=$TOKEN NOX_TASK=$TASK NOX_CERT=$WORK/ca.pem NOX_MIX=$3 \
-    wrk -t2 -c"$4" -d"$5"s -s bench/load/mix.lua "$2" | sed -n "s/^RESULT /$1 /p"
+    wrk -t"$(( $4 < 2 ? $4 : 2 ))" -c"$4" -d"$5"s -s bench/load/mix.lua "$2" | sed -n "s/^RESULT /$1 /p"
 }
 field() { sed -n "s/.*$2=\([0-9.]*\).*/\1/p" <<<"$1"; }
 
@@ -78,6 +76,8 @@ PEAK_KB=$(sed -n 's/^VmHWM:\s*\([0-9]*\).*/\1/p' "/proc/$GW_PID/status")
 # nginx serving a file as large as the /healthz answer.
 mkdir -p "$WORK/www" "$WORK/nginx"
 curl -s "$URL/healthz" >"$WORK/www/healthz"
+# nginx's workers run as another user: let them read the file.
+chmod 755 "$WORK" "$WORK/www" && chmod 644 "$WORK/www/healthz"
 cat >"$WORK/nginx/nginx.conf" <<CONF
 worker_processes 2;
 pid $WORK/nginx/nginx.pid;
@@ -93,6 +93,7 @@ CONF
 /usr/sbin/nginx -c "$WORK/nginx/nginx.conf" -g 'daemon off;' &
 NGINX_PID=$!
 sleep 0.5
+curl -sf -o /dev/null "http://127.0.0.1:18089/healthz" || { echo "load: nginx does not serve the file"; exit 1; }
 NGINX=$(run_wrk nginx "http://127.0.0.1:18089" /healthz "$CONNECTIONS" "$DURATION"); echo "$NGINX"
 kill "$NGINX_PID"; wait "$NGINX_PID" 2>/dev/null || true; NGINX_PID=""
 

@@ -18,11 +18,15 @@ local upload = "--" .. boundary .. "\r\n" ..
 
 local requests = {}
 local function add(weight, method, path, headers, body)
+  headers["Host"] = headers["Host"] or wrk.headers["Host"] or (wrk.host .. ":" .. tostring(wrk.port))
   for _ = 1, weight do
     requests[#requests + 1] = wrk.format(method, path, headers, body)
   end
 end
 
+-- Requests are formatted in init: only then does wrk know the Host header
+-- (a server may refuse HTTP/1.1 without it).
+init = function(args)
 local auth = { ["X-Auth-Token"] = token }
 if mix == "mix" then
   add(3, "GET", "/kestrel_task/" .. task .. "?LANGUAGE=en", auth)
@@ -37,6 +41,7 @@ if mix == "mix" then
   end
 else
   add(1, "GET", mix, auth)
+end
 end
 
 local i = 0

@@ -21,7 +21,7 @@
 #include <string>
 
 #include "request_msg.h"
-#include "specify_op.h"
+#include "operation_base.h"
 #include "xml_config_parser.h"
 
 class NOXGetDBBakConfOp : public GeneralNonMoOp {

@@ -12,7 +12,7 @@
 #include <string>
 
 #include "request_msg.h"
-#include "specify_op.h"
+#include "operation_base.h"
 
 class NOXHistoryAlarmOp : public CHistoryAlarmOp {
  public:

@@ -18,7 +18,7 @@
 #include <string>
 
 #include "request_msg.h"
-#include "specify_op.h"
+#include "operation_base.h"
 
 class NOXImportCertOp : public CSpecifyOp {
  public:

@@ -21,7 +21,7 @@
 #include <vector>
 
 #include "request_msg.h"
-#include "specify_op.h"
+#include "operation_base.h"
 
 class NOXImportCrlOp : public CSpecifyOp {
  public:

@@ -9,7 +9,7 @@
 #include "NOXLoginOpWithVerifyCode.h"
 #include "NOXTaskOp.h"
 #include "nox_visibility.h"
-#include "specify_op.h"
+#include "operation_base.h"
 
 extern "C" NOX_EXPORT const char* IMPORT_CERT_MARK;
 const char* IMPORT_CERT_MARK = "_IMPORT_CERT_MARK";

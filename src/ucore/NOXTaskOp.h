@@ -23,7 +23,7 @@
 #include <string>
 
 #include "request_msg.h"
-#include "specify_op.h"
+#include "operation_base.h"
 #include "tlv_package.h"
 #include "xml_config_parser.h"
 

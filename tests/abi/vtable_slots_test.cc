@@ -6,7 +6,7 @@
 #include "abi_slots.h"
 #include "login_op.h"
 #include "qpn_exception.h"
-#include "specify_op.h"
+#include "operation_base.h"
 
 // Slots 0 and 1 are the complete and deleting destructors everywhere below.
 

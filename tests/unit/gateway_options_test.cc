@@ -15,7 +15,7 @@ TEST(GatewayOptionsTest, Defaults) {
   ASSERT_TRUE(gw::parseOptions({}, &options, &error));
   EXPECT_EQ(options.listenHost, "127.0.0.1");
   EXPECT_EQ(options.listenPort, 8080);
-  EXPECT_EQ(options.threads, 8);
+  EXPECT_EQ(options.threads, 64);
   EXPECT_EQ(options.maxBody, 2u * 1024 * 1024);
   EXPECT_FALSE(options.exposeVerifyCode);  // off unless asked for
   EXPECT_FALSE(options.tlsSelfSigned);

@@ -15,37 +15,7 @@
 #include "trace_capture.h"
 #include "unit/import_test_util.h"
 
-// chmod and nanosleep of this program replace libc's for the plug-in's
-// objects linked into it. Switches: how many chmod calls fail (-1: all) and
-// whether sleeps are only counted. The tests run on one thread.
-namespace {
-int g_chmodFailures = 0;
-int g_chmodCalls = 0;
-bool g_countSleepsOnly = false;
-std::vector<timespec> g_sleeps;
-}  // namespace
-
-extern "C" int chmod(const char* path, mode_t mode) noexcept {
-  ++g_chmodCalls;
-  if (g_chmodFailures != 0) {
-    if (g_chmodFailures > 0) --g_chmodFailures;
-    errno = EPERM;
-    return -1;
-  }
-  using Real = int (*)(const char*, mode_t);
-  static const Real real = reinterpret_cast<Real>(dlsym(RTLD_NEXT, "chmod"));
-  return real(path, mode);
-}
-
-extern "C" int nanosleep(const struct timespec* request, struct timespec* remaining) {
-  if (g_countSleepsOnly) {
-    g_sleeps.push_back(*request);
-    return 0;
-  }
-  using Real = int (*)(const struct timespec*, struct timespec*);
-  static const Real real = reinterpret_cast<Real>(dlsym(RTLD_NEXT, "nanosleep"));
-  return real(request, remaining);
-}
+#include "unit/import_interposers.h"
 
 namespace {
 

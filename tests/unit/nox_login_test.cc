@@ -10,7 +10,7 @@
 #include <memory>
 
 #include "NOXLoginOpWithVerifyCode.h"
-#include "specify_op.h"
+#include "operation_base.h"
 #include "trace_capture.h"
 #include "unit/login_test_rig.h"
 

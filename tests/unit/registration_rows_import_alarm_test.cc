@@ -11,7 +11,7 @@
 #include "NOXImportCrlOp.h"
 #include "abi/abi_slots.h"
 #include "scripted_backend.h"
-#include "specify_op.h"
+#include "operation_base.h"
 #include "unit/import_test_util.h"
 
 extern "C" int NOXRegisterOperations(CSpecifyProc* proc);

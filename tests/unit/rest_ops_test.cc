@@ -7,7 +7,7 @@
 
 #include "backend_protocol.h"
 #include "scripted_backend.h"
-#include "specify_op.h"
+#include "operation_base.h"
 
 namespace {
 

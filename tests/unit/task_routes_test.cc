@@ -5,7 +5,7 @@
 #include "NOXGetDBBakConfOp.h"
 #include "NOXTaskOp.h"
 #include "catalogue_dir.h"
-#include "specify_op.h"
+#include "operation_base.h"
 
 extern "C" int NOXRegisterOperations(CSpecifyProc* proc);
 

@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "specify_op.h"
+#include "operation_base.h"
 
 namespace {
 

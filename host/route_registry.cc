@@ -1,4 +1,4 @@
-#include "specify_op.h"
+#include "operation_base.h"
 
 CSpecifyProc::~CSpecifyProc() { releaseAll(); }
 

@@ -11,8 +11,8 @@
 // Thread-safety: operation objects are shared by all request threads; those
 // without data are safe as they are, those with data lock it themselves. The
 // registry is filled once at start-up and read-only afterwards.
-#ifndef NOX_INCLUDE_SPECIFY_OP_H_
-#define NOX_INCLUDE_SPECIFY_OP_H_
+#ifndef NOX_INCLUDE_OPERATION_BASE_H_
+#define NOX_INCLUDE_OPERATION_BASE_H_
 
 #include <cstdint>
 #include <map>
@@ -216,4 +216,4 @@ class HOST_API CHistoryAlarmCountOp : public CSpecifyOp {
          CResponseMsg& response) override;
 };
 
-#endif  // NOX_INCLUDE_SPECIFY_OP_H_
+#endif  // NOX_INCLUDE_OPERATION_BASE_H_
