@@ -12,13 +12,19 @@ namespace {
 
 // Larger uploads are refused by the plug-in already; this bounds what the
 // backend reads from a folder it shares with it.
-constexpr off_t kMaxUploadBytes = 2 * 1024 * 1024;
+constexpr off_t kMaxUploadBytes = off_t{2} * 1024 * 1024;
 
 }  // namespace
 
+std::string errnoText(int error) {
+  char buffer[256];
+  // The GNU strerror_r returns the text, in `buffer` or a static string.
+  return std::string(strerror_r(error, buffer, sizeof(buffer)));
+}
+
 bool makeFolder(const std::string& path, std::string* error) {
   if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
-    *error = "cannot create " + path + ": " + std::strerror(errno);
+    *error = "cannot create " + path + ": " + errnoText(errno);
     return false;
   }
   struct stat st;
@@ -28,7 +34,7 @@ bool makeFolder(const std::string& path, std::string* error) {
   }
   // The folder holds password hashes and accepted CAs: owner only.
   if ((st.st_mode & 0777) != 0700 && chmod(path.c_str(), 0700) != 0) {
-    *error = "cannot restrict " + path + ": " + std::strerror(errno);
+    *error = "cannot restrict " + path + ": " + errnoText(errno);
     return false;
   }
   return true;
@@ -44,7 +50,7 @@ bool makeFolders(const std::string& path, std::string* error) {
        slash = path.find('/', slash + 1)) {
     const std::string parent = path.substr(0, slash);
     if (mkdir(parent.c_str(), 0700) != 0 && errno != EEXIST) {
-      *error = "cannot create " + parent + ": " + std::strerror(errno);
+      *error = "cannot create " + parent + ": " + errnoText(errno);
       return false;
     }
   }
@@ -54,10 +60,13 @@ bool makeFolders(const std::string& path, std::string* error) {
 void emptyFolder(const std::string& dir) {
   DIR* d = opendir(dir.c_str());
   if (d == nullptr) return;
-  while (struct dirent* e = readdir(d)) {
+  // Start-up only, one thread.
+  while (struct dirent* e = readdir(d)) {  // NOLINT(concurrency-mt-unsafe)
     const std::string name = e->d_name;
     if (name == "." || name == "..") continue;
-    const std::string path = dir + "/" + name;
+    std::string path = dir;
+    path += "/";
+    path += name;
     struct stat st;
     if (lstat(path.c_str(), &st) == 0 && !S_ISDIR(st.st_mode)) unlink(path.c_str());
   }

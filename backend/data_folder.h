@@ -12,6 +12,9 @@
 
 // Creates `path` with mode 0700 when missing, or narrows an existing folder to
 // 0700. Returns false with *error when it is not a usable folder.
+// The text of an error number; unlike strerror, safe on any thread.
+std::string errnoText(int error);
+
 bool makeFolder(const std::string& path, std::string* error);
 // makeFolder, after creating the missing parents (mode 0700 as well).
 bool makeFolders(const std::string& path, std::string* error);

@@ -390,11 +390,11 @@ std::vector<SeedTask> demoTasks(long long now) {
     // Finished tasks lie in the last ten days; running ones started within
     // the hour; queued ones were queued a few minutes ago.
     if (t.status == task_status::kRunning) {
-      t.startTime = now - 1200 - index * 60;
+      t.startTime = now - 1200 - index * 60LL;
     } else if (t.status == task_status::kQueued) {
-      t.startTime = now - 300 - index * 10;
+      t.startTime = now - 300 - index * 10LL;
     } else {
-      t.startTime = now - (index % 10 + 1) * kDay + index * 1800;
+      t.startTime = now - (index % 10 + 1) * static_cast<long long>(kDay) + index * 1800LL;
     }
     Progress progress(t.startTime);
     switch (t.type) {

@@ -102,7 +102,7 @@ std::string sha256Hex(const unsigned char* der, int length) {
 std::string certFingerprint(X509* cert) {
   unsigned char* der = nullptr;
   const int length = i2d_X509(cert, &der);
-  const std::string hex = sha256Hex(der, length);
+  std::string hex = sha256Hex(der, length);
   OPENSSL_free(der);
   return hex;
 }

@@ -281,7 +281,7 @@ bool SimulatedBackend::Impl::openStore(const SimBackendOptions& options, std::st
   if (!makeFolders(options.dataDir, error)) return false;
   char* real = realpath(options.dataDir.c_str(), nullptr);
   if (real == nullptr) {
-    *error = "cannot resolve " + options.dataDir + ": " + std::strerror(errno);
+    *error = "cannot resolve " + options.dataDir + ": " + errnoText(errno);
     return false;
   }
   dataDir = real;
@@ -449,7 +449,7 @@ long long SimulatedBackend::Impl::checkCertificate(const TlvCall& call, const CR
   if (!lock.held()) return kErrBackendTimeout;
   if (!writeWhole(file, ca.pem)) {
     guard.error(0, "checkCertificate", __LINE__, "cannot write %s: %s", file.c_str(),
-                std::strerror(errno));
+                errnoText(errno).c_str());
     return proto::kErrStorage;
   }
   SqliteStore::Transaction tx(store);
@@ -501,7 +501,7 @@ long long SimulatedBackend::Impl::saveCrl(const TlvCall& call, const CR3MRecordV
   }
   const std::string file = crlDir + "/" + crl.fingerprint + ".crl";
   if (!writeWhole(file, crl.pem)) {
-    guard.error(0, "saveCrl", __LINE__, "cannot write %s: %s", file.c_str(), std::strerror(errno));
+    guard.error(0, "saveCrl", __LINE__, "cannot write %s: %s", file.c_str(), errnoText(errno).c_str());
     return proto::kErrStorage;
   }
   SqliteStore::Transaction tx(store);

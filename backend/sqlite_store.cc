@@ -46,8 +46,8 @@ Statement& Statement::bindNull(int index) {
 bool Statement::step() {
   const int rc = sqlite3_step(stmt_);
   if (rc == SQLITE_ROW) return true;
-  if (rc == SQLITE_DONE) return false;
-  store_.fail("step");
+  if (rc != SQLITE_DONE) store_.fail("step");  // throws
+  return false;
 }
 
 void Statement::run() {

@@ -9,7 +9,7 @@ PACKAGES=(
   libjsoncpp-dev libtinyxml2-dev libpcre2-dev libace-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   libcpp-httplib-dev libssl-dev libsqlite3-dev zlib1g-dev libbrotli-dev
-  openssl curl python3 binutils
+  openssl curl python3 binutils clang-tidy cppcheck valgrind
 )
 
 missing=()

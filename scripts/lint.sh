@@ -21,8 +21,11 @@ fi
 rm -f "$out"
 
 echo "lint: cppcheck"
+# The catalogue's lookups take their identifiers and separators by value, as
+# the catalogue's interface has them; cppcheck would have them by reference.
 cppcheck --quiet --error-exitcode=1 --std=c++17 --language=c++ \
   --enable=warning,performance,portability --inline-suppr \
   --suppress=missingIncludeSystem --suppress=unmatchedSuppression \
+  --suppress=passedByValue:src/ucore/XmlConfigParser.cc \
   -I include -I host -I src/ucore "${sources[@]}"
 echo "lint: clean"

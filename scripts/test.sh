@@ -2,6 +2,7 @@
 # Installs the dependencies, builds everything and runs every test:
 #   1. the regular build (warnings are errors) and the whole ctest suite,
 #      end-to-end tests and the catalogue check included;
+#      then clang-tidy and cppcheck over the sources (scripts/lint.sh);
 #   2. an address+undefined sanitizer build and the whole suite again;
 #   3. a thread sanitizer build of the concurrency tests, and those tests;
 #   4. every fuzz target for a short smoke run (NOX_FUZZ_SECONDS, default 10).
@@ -26,6 +27,9 @@ build() {  # build DIR [cmake args...]
 stage "regular build"
 build build -DCMAKE_BUILD_TYPE=RelWithDebInfo
 (cd build && ctest -j "$JOBS" --timeout 600)
+
+stage "static analysis"
+scripts/lint.sh build
 
 if [ "${NOX_QUICK:-0}" = 1 ]; then exit 0; fi
 

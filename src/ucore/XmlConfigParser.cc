@@ -195,11 +195,11 @@ int CXmlConfigParser<Info>::parseXmlEnumItem(tinyxml2::XMLElement* enumType,
   }
   // The last enum_type of a name replaces the earlier one whole.
   if (enumName.empty()) {
-    enumMap_[name] = std::move(local);
+    enumMap_[name] = local;
     return 0;
   }
   if (enumName == name) {
-    enumMap_[name] = std::move(local);
+    enumMap_[name] = local;
     return kFoundNamed;
   }
   return 0;
@@ -243,9 +243,10 @@ int CXmlConfigParser<Info>::getXmlInfoFromFile(std::string xmlId, Info& info) {
   return 0;
 }
 
+// The separator is taken by value as the catalogue's interface has it.
 template <typename Info>
 int CXmlConfigParser<Info>::parseXml(const std::string& parameter, Info& info,
-                                     std::string separator) {
+                                     std::string separator) {  // NOLINT(performance-unnecessary-value-param)
   CQPNDebugKitGuard guard(kModule, "parseXml");
   std::vector<std::string> params;
   CCommon::splitUsingRegex(parameter, separator, params, false);
@@ -309,7 +310,9 @@ void getEnumName(const std::string& text, size_t pos, size_t& end, std::string& 
   detail::getEnumNameAt(text, 0, pos, end, enumName);
 }
 
-std::string replace(std::string text, std::string from, std::string to) {
+// The texts are taken by value as StringUtil's interface has them.
+std::string replace(std::string text, std::string from,  // NOLINT(performance-unnecessary-value-param)
+                    std::string to) {                     // NOLINT(performance-unnecessary-value-param)
   size_t at = text.find(from);
   if (at != std::string::npos) text.replace(at, from.size(), to);
   return text;
