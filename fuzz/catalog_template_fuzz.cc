@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "string_utils.h"
+#include "reference_substitution.h"
 #include "trace_sink.h"
 #include "xml_config_parser.h"
 
@@ -22,36 +23,6 @@ struct Enums {
     return "<" + name + "=" + value + ">";
   }
 };
-
-// The substitution pass as first written: `rest` is copied after every
-// placeholder. Empty braces name `rest` from its start, as in the library.
-std::string referencePass(const std::string& text, const std::vector<std::string>& params,
-                          Enums& enums) {
-  if (text.empty()) return std::string();
-  std::string rest = text;
-  std::string out;
-  size_t pos = rest.find("##");
-  while (pos != std::string::npos) {
-    out += rest.substr(0, pos);
-    size_t end = 0;
-    std::string enumName;
-    int i = StringUtil::getParameter(rest, pos, end, enumName);
-    size_t next;
-    if (i == -1) {
-      out += rest[pos];
-      next = pos + 1;
-    } else {
-      std::string value = static_cast<size_t>(i) < params.size() ? params[i] : std::string();
-      if (!enumName.empty()) value = enums.text(enumName, value);
-      out += value;
-      next = end != 0 ? end : pos + 2;
-    }
-    if (next >= rest.size()) next = rest.size() - 1;
-    rest = rest.substr(next);
-    pos = rest.find("##");
-  }
-  return out + rest;
-}
 
 }  // namespace
 
@@ -71,7 +42,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   Enums enums;
   std::string fast = StringUtil::replaceParameter(text, params, &Enums::text, enums);
-  std::string slow = referencePass(text, params, enums);
+  std::string slow = referenceSubstitution(text, params, enums);
   if (fast != slow) std::abort();
   if (text.find("##") == std::string::npos && fast != text) std::abort();
 

@@ -5,6 +5,7 @@
 #include <utility>
 #include <vector>
 
+#include "reference_substitution.h"
 #include "xml_config_parser.h"
 
 namespace {
@@ -26,35 +27,6 @@ std::string substitute(const std::string& text, const std::vector<std::string>& 
   return StringUtil::replaceParameter(text, params, &FakeEnums::text, enums ? *enums : local);
 }
 
-// The substitution pass as first written, copying the rest of the text after
-// every placeholder; replaceParameter scans by offset and must agree with it.
-std::string copyingPass(const std::string& text, const std::vector<std::string>& params,
-                        FakeEnums& enums) {
-  if (text.empty()) return std::string();
-  std::string rest = text;
-  std::string out;
-  size_t pos = rest.find("##");
-  while (pos != std::string::npos) {
-    out += rest.substr(0, pos);
-    size_t end = 0;
-    std::string name;
-    int i = StringUtil::getParameter(rest, pos, end, name);
-    size_t next;
-    if (i == -1) {
-      out += rest[pos];
-      next = pos + 1;
-    } else {
-      std::string value = static_cast<size_t>(i) < params.size() ? params[i] : "";
-      if (!name.empty()) value = enums.text(name, value);
-      out += value;
-      next = end != 0 ? end : pos + 2;
-    }
-    if (next >= rest.size()) next = rest.size() - 1;
-    rest = rest.substr(next);
-    pos = rest.find("##");
-  }
-  return out + rest;
-}
 
 const size_t kUnset = 777;  // `end` before a call, to see whether it was set
 
@@ -220,7 +192,8 @@ TEST(StringUtilReplaceParameterTest, AgreesWithTheCopyingPass) {
     for (size_t i = 0; i < length; ++i) text += alphabet[next() % (sizeof(alphabet) - 1)];
     FakeEnums a;
     FakeEnums b;
-    ASSERT_EQ(substitute(text, params, &a), copyingPass(text, params, b)) << "text: " << text;
+    ASSERT_EQ(substitute(text, params, &a), referenceSubstitution(text, params, b))
+        << "text: " << text;
     ASSERT_EQ(a.calls, b.calls) << "text: " << text;
   }
 }
