@@ -1,6 +1,7 @@
 -- wrk script: a mix of the gateway's read routes and certificate uploads.
 -- Environment: NOX_TOKEN (session token), NOX_TASK (a task id), NOX_CERT
--- (path of a PEM certificate to upload), NOX_MIX ("mix" or a single path).
+-- (path of a PEM certificate to upload), NOX_MIX ("mix", "upload" for certificate
+-- uploads only, or a single path to GET).
 local token = os.getenv("NOX_TOKEN") or ""
 local task = os.getenv("NOX_TASK") or "1"
 local mix = os.getenv("NOX_MIX") or "mix"
@@ -39,6 +40,10 @@ if mix == "mix" then
         { ["X-Auth-Token"] = token, ["Content-Type"] = "multipart/form-data; boundary=" .. boundary },
         upload)
   end
+elseif mix == "upload" then
+  add(1, "POST", "/kestrel_cert/import_cert",
+      { ["X-Auth-Token"] = token, ["Content-Type"] = "multipart/form-data; boundary=" .. boundary },
+      upload)
 else
   add(1, "GET", mix, auth)
 end
