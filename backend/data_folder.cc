@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "password_hash.h"
+
 namespace {
 
 // Larger uploads are refused by the plug-in already; this bounds what the
@@ -57,13 +59,17 @@ bool makeFolders(const std::string& path, std::string* error) {
   return makeFolder(path, error);
 }
 
-void emptyFolder(const std::string& dir) {
+void emptyFolder(const std::string& dir, const std::string& suffix) {
   DIR* d = opendir(dir.c_str());
   if (d == nullptr) return;
   // Start-up only, one thread.
   while (struct dirent* e = readdir(d)) {  // NOLINT(concurrency-mt-unsafe)
     const std::string name = e->d_name;
     if (name == "." || name == "..") continue;
+    if (name.size() < suffix.size() ||
+        name.compare(name.size() - suffix.size(), suffix.size(), suffix) != 0) {
+      continue;
+    }
     std::string path = dir;
     path += "/";
     path += name;
@@ -111,23 +117,36 @@ ReadResult readUpload(const std::string& path, std::string* bytes) {
 }
 
 bool writeWhole(const std::string& path, const std::string& bytes) {
-  const std::string temp = path + ".new";
-  const int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
+  // A temporary name of this call's own: two writers of the same file
+  // (the same certificate imported twice at once) never share one.
+  const std::string temp = path + "." + toHex(randomBytes(8)) + ".new";
+  const int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (fd < 0) return false;
+  // Gives up, keeping the errno of the step that failed for the caller.
+  auto giveUp = [&temp](int openFd) {
+    const int error = errno;
+    if (openFd >= 0) close(openFd);
+    unlink(temp.c_str());
+    errno = error;
+    return false;
+  };
   size_t done = 0;
   while (done < bytes.size()) {
     const ssize_t n = write(fd, bytes.data() + done, bytes.size() - done);
     if (n < 0 && errno == EINTR) continue;
-    if (n < 0) {
-      close(fd);
-      unlink(temp.c_str());
-      return false;
-    }
+    if (n < 0) return giveUp(fd);
     done += static_cast<size_t>(n);
   }
-  if (fsync(fd) != 0 || close(fd) != 0 || rename(temp.c_str(), path.c_str()) != 0) {
-    unlink(temp.c_str());
-    return false;
+  if (fsync(fd) != 0) return giveUp(fd);
+  if (close(fd) != 0) return giveUp(-1);
+  if (rename(temp.c_str(), path.c_str()) != 0) return giveUp(-1);
+  // The rename itself reaches the disk only with its folder.
+  const size_t slash = path.rfind('/');
+  const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+  const int dirFd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (dirFd >= 0) {
+    fsync(dirFd);
+    close(dirFd);
   }
   return true;
 }

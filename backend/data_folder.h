@@ -10,18 +10,19 @@
 
 #include <string>
 
-// Creates `path` with mode 0700 when missing, or narrows an existing folder to
-// 0700. Returns false with *error when it is not a usable folder.
 // The text of an error number; unlike strerror, safe on any thread.
 std::string errnoText(int error);
 
+// Creates `path` with mode 0700 when missing, or narrows an existing folder to
+// 0700. Returns false with *error when it is not a usable folder.
 bool makeFolder(const std::string& path, std::string* error);
 // makeFolder, after creating the missing parents (mode 0700 as well).
 bool makeFolders(const std::string& path, std::string* error);
 
-// Removes the plain files of `dir` (leftovers of uploads a crash interrupted);
-// folders in it are left alone.
-void emptyFolder(const std::string& dir);
+// Removes the plain files of `dir` whose names end in `suffix` (all of them
+// for an empty suffix): leftovers of uploads or writes a crash interrupted.
+// Folders in it are left alone.
+void emptyFolder(const std::string& dir, const std::string& suffix = "");
 
 // True when `path` is `dir` + "/" + one plain name: no deeper folder, no "..",
 // so that a path handed back by a client cannot leave `dir`.
@@ -39,9 +40,11 @@ enum class ReadResult {
 // link.
 ReadResult readUpload(const std::string& path, std::string* bytes);
 
-// Writes `bytes` to `path` (mode 0600) through a temporary name and a rename,
-// so that a crash leaves the old file or the new one, never half of it.
-// Returns false (errno set) on failure.
+// Writes `bytes` to `path` (mode 0600) through a temporary name of its own
+// ("<path>.<random>.new") and a rename, then syncs the folder, so that a
+// crash leaves the old file or the new one, never half of it. Concurrent
+// writers of the same path are safe: the last rename wins. Returns false
+// (errno set by the step that failed) on failure.
 bool writeWhole(const std::string& path, const std::string& bytes);
 
 #endif  // NOX_BACKEND_DATA_FOLDER_H_

@@ -295,6 +295,8 @@ bool SimulatedBackend::Impl::openStore(const SimBackendOptions& options, std::st
   }
   emptyFolder(tmpDir);
   emptyFolder(crlIncomingDir);
+  emptyFolder(caDir, ".new");
+  emptyFolder(crlDir, ".new");
 
   const std::string dbPath = dataDir + "/" + kDatabaseFile;
   if (!store.open(dbPath, error)) return false;
@@ -444,14 +446,17 @@ long long SimulatedBackend::Impl::checkCertificate(const TlvCall& call, const CR
                reason.c_str());
     return verdict;
   }
+  // The file is named by its fingerprint and written under a name of its
+  // own before the rename, so concurrent imports need no lock for it; only
+  // the database row does.
   const std::string file = caDir + "/" + ca.fingerprint + ".pem";
-  SqliteStore::Lock lock(store, storeWait(call));
-  if (!lock.held()) return kErrBackendTimeout;
   if (!writeWhole(file, ca.pem)) {
     guard.error(0, "checkCertificate", __LINE__, "cannot write %s: %s", file.c_str(),
                 errnoText(errno).c_str());
     return proto::kErrStorage;
   }
+  SqliteStore::Lock lock(store, storeWait(call));
+  if (!lock.held()) return kErrBackendTimeout;
   SqliteStore::Transaction tx(store);
   store
       .statement(
@@ -563,18 +568,18 @@ long long SimulatedBackend::Impl::alarms(const TlvCall& call, const CR3MRecordV3
   readInt(request, proto::kTagHistory, &history);  // validated; every alarm is history
 
   const char* where = " WHERE (?1 = 0 OR severity = ?1) AND occur_time >= ?2 AND occur_time <= ?3";
-  SqliteStore::Lock lock(store, storeWait(call));
-  if (!lock.held()) return kErrBackendTimeout;
+  SqliteStore::Reader reader(store, storeWait(call));
+  if (!reader.held()) return kErrBackendTimeout;
   long long total = 0;
   {
-    Statement count = store.statement(std::string("SELECT COUNT(*) FROM alarms") + where);
+    Statement count = reader.statement(std::string("SELECT COUNT(*) FROM alarms") + where);
     count.bind(1, bySeverity ? severity : 0).bind(2, begin).bind(3, end);
     if (count.step()) total = count.columnInt(0);
   }
   CR3MRecordV3& summary = reply.addRecord(request.command(), proto::kWord);
   summary[proto::kTagTotal].setUInt32(proto::kTagTotal, static_cast<uint32_t>(total));
   if (!list) return 0;
-  Statement rows = store.statement(
+  Statement rows = reader.statement(
       std::string("SELECT id, severity, name, source, occur_time, clear_time, detail FROM alarms") +
       where + " ORDER BY occur_time DESC, id DESC LIMIT ?4 OFFSET ?5");
   rows.bind(1, bySeverity ? severity : 0).bind(2, begin).bind(3, end).bind(4, limit).bind(5, start);
@@ -608,9 +613,9 @@ long long SimulatedBackend::Impl::tasks(const TlvCall& call, const CR3MRecordV3&
     }
     const std::string id = numeric ? std::to_string(requireInt(request, proto::kTagObjectId))
                                    : requireText(request, proto::kTagObjectId);
-    SqliteStore::Lock lock(store, storeWait(call));
-    if (!lock.held()) return kErrBackendTimeout;
-    Statement row = store.statement(std::string(kTaskColumns) + " WHERE id = ?");
+    SqliteStore::Reader reader(store, storeWait(call));
+    if (!reader.held()) return kErrBackendTimeout;
+    Statement row = reader.statement(std::string(kTaskColumns) + " WHERE id = ?");
     row.bind(1, id);
     if (!row.step()) return proto::kErrNotFound;
     taskRecord(row, reply.addRecord(request.command(), proto::kWord));
@@ -623,9 +628,9 @@ long long SimulatedBackend::Impl::tasks(const TlvCall& call, const CR3MRecordV3&
   readText(request, proto::kTagFilter, &filter);
   const TaskQuery query = parseTaskFilter(filter);
   if (operation == proto::kMoCount) {
-    SqliteStore::Lock lock(store, storeWait(call));
-    if (!lock.held()) return kErrBackendTimeout;
-    Statement count = store.statement("SELECT COUNT(*) FROM tasks" + query.where);
+    SqliteStore::Reader reader(store, storeWait(call));
+    if (!reader.held()) return kErrBackendTimeout;
+    Statement count = reader.statement("SELECT COUNT(*) FROM tasks" + query.where);
     bindTaskQuery(count, query);
     const long long n = count.step() ? count.columnInt(0) : 0;
     reply.addRecord(request.command(), proto::kWord)[proto::kTagTotal].setUInt32(
@@ -643,9 +648,9 @@ long long SimulatedBackend::Impl::tasks(const TlvCall& call, const CR3MRecordV3&
     // Column names come from the fixed table, never from the request.
     order = std::string(field->column) + (descending ? " DESC" : " ASC") + ", id";
   }
-  SqliteStore::Lock lock(store, storeWait(call));
-  if (!lock.held()) return kErrBackendTimeout;
-  Statement rows = store.statement(std::string(kTaskColumns) + query.where + " ORDER BY " + order +
+  SqliteStore::Reader reader(store, storeWait(call));
+  if (!reader.held()) return kErrBackendTimeout;
+  Statement rows = reader.statement(std::string(kTaskColumns) + query.where + " ORDER BY " + order +
                                    " LIMIT ? OFFSET ?");
   bindTaskQuery(rows, query);
   const int next = static_cast<int>(query.textValues.size()) + 1;
@@ -656,9 +661,9 @@ long long SimulatedBackend::Impl::tasks(const TlvCall& call, const CR3MRecordV3&
 
 long long SimulatedBackend::Impl::storageConf(const TlvCall& call, const CR3MRecordV3& request,
                                               CR3MPackageV3& reply) {
-  SqliteStore::Lock lock(store, storeWait(call));
-  if (!lock.held()) return kErrBackendTimeout;
-  Statement row = store.statement(
+  SqliteStore::Reader reader(store, storeWait(call));
+  if (!reader.held()) return kErrBackendTimeout;
+  Statement row = reader.statement(
       "SELECT name, type, path, capacity, used, retention_days FROM storage_conf WHERE id = 1");
   StorageConfig c;
   const bool present = row.step();
@@ -727,9 +732,9 @@ long long SimulatedBackend::Impl::login(const TlvCall& call, const CR3MRecordV3&
   long long loginMark = 0;
   long long passwordState = 0;
   {
-    SqliteStore::Lock lock(store, storeWait(call));
-    if (!lock.held()) return kErrBackendTimeout;
-    Statement row = store.statement(
+    SqliteStore::Reader reader(store, storeWait(call));
+    if (!reader.held()) return kErrBackendTimeout;
+    Statement row = reader.statement(
         "SELECT id, scopes, salt, hash, iterations, user_state, login_mark, password_state "
         "FROM users WHERE name = ?");
     row.bind(1, name);

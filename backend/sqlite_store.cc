@@ -2,6 +2,8 @@
 
 #include <sqlite3.h>
 
+#include <map>
+
 namespace {
 
 // How long a statement waits for a lock held by another connection (a second
@@ -18,14 +20,14 @@ Statement::~Statement() {
 }
 
 Statement& Statement::bind(int index, long long value) {
-  if (sqlite3_bind_int64(stmt_, index, value) != SQLITE_OK) store_.fail("bind");
+  if (sqlite3_bind_int64(stmt_, index, value) != SQLITE_OK) fail("bind");
   return *this;
 }
 
 Statement& Statement::bind(int index, const std::string& value) {
   if (sqlite3_bind_text(stmt_, index, value.data(), static_cast<int>(value.size()),
                         SQLITE_TRANSIENT) != SQLITE_OK) {
-    store_.fail("bind");
+    fail("bind");
   }
   return *this;
 }
@@ -33,20 +35,20 @@ Statement& Statement::bind(int index, const std::string& value) {
 Statement& Statement::bindBlob(int index, const std::string& bytes) {
   if (sqlite3_bind_blob(stmt_, index, bytes.data(), static_cast<int>(bytes.size()),
                         SQLITE_TRANSIENT) != SQLITE_OK) {
-    store_.fail("bind");
+    fail("bind");
   }
   return *this;
 }
 
 Statement& Statement::bindNull(int index) {
-  if (sqlite3_bind_null(stmt_, index) != SQLITE_OK) store_.fail("bind");
+  if (sqlite3_bind_null(stmt_, index) != SQLITE_OK) fail("bind");
   return *this;
 }
 
 bool Statement::step() {
   const int rc = sqlite3_step(stmt_);
   if (rc == SQLITE_ROW) return true;
-  if (rc != SQLITE_DONE) store_.fail("step");  // throws
+  if (rc != SQLITE_DONE) fail("step");  // throws
   return false;
 }
 
@@ -75,68 +77,97 @@ bool Statement::columnIsNull(int column) const {
   return sqlite3_column_type(stmt_, column) == SQLITE_NULL;
 }
 
-SqliteStore::~SqliteStore() {
-  for (auto& entry : cache_) sqlite3_finalize(entry.second);
-  cache_.clear();
-  if (db_ != nullptr) sqlite3_close(db_);
+void Statement::fail(const char* what) const {
+  throw StoreError(std::string(what) + ": " + sqlite3_errmsg(db_));
 }
 
-bool SqliteStore::open(const std::string& path, std::string* error) {
-  const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
-  if (sqlite3_open_v2(path.c_str(), &db_, flags, nullptr) != SQLITE_OK) {
-    if (error != nullptr) {
-      *error =
-          "cannot open " + path + ": " + (db_ != nullptr ? sqlite3_errmsg(db_) : "out of memory");
+struct SqliteStore::Connection {
+  sqlite3* db = nullptr;
+  std::map<std::string, sqlite3_stmt*> cache;
+
+  ~Connection() {
+    for (auto& entry : cache) sqlite3_finalize(entry.second);
+    if (db != nullptr) sqlite3_close(db);
+  }
+
+  // Opens `path` with `flags`; false with SQLite's reason in *error.
+  bool open(const std::string& path, int flags, std::string* error) {
+    if (sqlite3_open_v2(path.c_str(), &db, flags | SQLITE_OPEN_NOMUTEX, nullptr) == SQLITE_OK) {
+      sqlite3_busy_timeout(db, kBusyTimeoutMs);
+      return true;
     }
-    if (db_ != nullptr) sqlite3_close(db_);
-    db_ = nullptr;
+    if (error != nullptr) {
+      *error = "cannot open " + path + ": " + (db != nullptr ? sqlite3_errmsg(db) : "out of memory");
+    }
+    if (db != nullptr) sqlite3_close(db);
+    db = nullptr;
     return false;
   }
-  sqlite3_busy_timeout(db_, kBusyTimeoutMs);
+
+  void exec(const std::string& sql) {
+    char* message = nullptr;
+    if (sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &message) != SQLITE_OK) {
+      const std::string text = message != nullptr ? message : sqlite3_errmsg(db);
+      sqlite3_free(message);
+      throw StoreError(text);
+    }
+  }
+
+  Statement statement(const std::string& sql) {
+    auto it = cache.find(sql);
+    if (it == cache.end()) {
+      sqlite3_stmt* stmt = nullptr;
+      if (sqlite3_prepare_v3(db, sql.c_str(), static_cast<int>(sql.size()),
+                             SQLITE_PREPARE_PERSISTENT, &stmt, nullptr) != SQLITE_OK) {
+        throw StoreError(std::string("prepare: ") + sqlite3_errmsg(db));
+      }
+      it = cache.emplace(sql, stmt).first;
+    }
+    return Statement(db, it->second);
+  }
+};
+
+SqliteStore::SqliteStore() = default;
+
+SqliteStore::~SqliteStore() = default;
+
+bool SqliteStore::open(const std::string& path, std::string* error, int readers) {
+  std::unique_ptr<Connection> writer(new Connection);
+  if (!writer->open(path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, error)) return false;
   try {
     // WAL keeps readers off the writer's back; FULL synchronous puts every
     // commit on disk before the answer goes out, so an acknowledged import
     // survives even a power cut.
-    exec("PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL; PRAGMA foreign_keys=ON;");
+    writer->exec("PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL; PRAGMA foreign_keys=ON;");
   } catch (const StoreError& e) {
     if (error != nullptr) *error = e.what();
-    sqlite3_close(db_);
-    db_ = nullptr;
     return false;
   }
+  path_ = path;
+  writer_ = std::move(writer);
+  maxReaders_ = readers > 0 ? readers : 1;
   return true;
 }
 
-void SqliteStore::exec(const std::string& sql) {
-  char* message = nullptr;
-  if (sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, &message) != SQLITE_OK) {
-    const std::string text = message != nullptr ? message : sqlite3_errmsg(db_);
-    sqlite3_free(message);
-    throw StoreError(text);
-  }
-}
+void SqliteStore::exec(const std::string& sql) { writer_->exec(sql); }
 
-Statement SqliteStore::statement(const std::string& sql) {
-  auto it = cache_.find(sql);
-  if (it == cache_.end()) {
-    sqlite3_stmt* stmt = nullptr;
-    if (sqlite3_prepare_v3(db_, sql.c_str(), static_cast<int>(sql.size()),
-                           SQLITE_PREPARE_PERSISTENT, &stmt, nullptr) != SQLITE_OK) {
-      fail("prepare");
-    }
-    it = cache_.emplace(sql, stmt).first;
-  }
-  return Statement(*this, it->second);
-}
+Statement SqliteStore::statement(const std::string& sql) { return writer_->statement(sql); }
 
-long long SqliteStore::lastInsertId() const { return sqlite3_last_insert_rowid(db_); }
+long long SqliteStore::lastInsertId() const { return sqlite3_last_insert_rowid(writer_->db); }
 
 std::string SqliteStore::lastError() const {
-  return db_ != nullptr ? sqlite3_errmsg(db_) : "no database";
+  return writer_ != nullptr ? sqlite3_errmsg(writer_->db) : "no database";
 }
 
 void SqliteStore::fail(const std::string& what) const {
   throw StoreError(what + ": " + lastError());
+}
+
+SqliteStore::Connection* SqliteStore::openReader(std::string* error) {
+  std::unique_ptr<Connection> reader(new Connection);
+  if (!reader->open(path_, SQLITE_OPEN_READONLY, error)) return nullptr;
+  readers_.push_back(std::move(reader));
+  return readers_.back().get();
 }
 
 SqliteStore::Lock::Lock(SqliteStore& store, std::chrono::milliseconds wait) : store_(store) {
@@ -147,7 +178,7 @@ SqliteStore::Lock::Lock(SqliteStore& store, std::chrono::milliseconds wait) : st
   // Another process holding the database makes SQLite wait too; never longer
   // than this call is willing to.
   const long long ms = wait.count() < kBusyTimeoutMs ? wait.count() : kBusyTimeoutMs;
-  if (store_.db_ != nullptr) sqlite3_busy_timeout(store_.db_, static_cast<int>(ms));
+  if (store_.writer_ != nullptr) sqlite3_busy_timeout(store_.writer_->db, static_cast<int>(ms));
 }
 
 SqliteStore::Lock::~Lock() {
@@ -157,6 +188,36 @@ SqliteStore::Lock::~Lock() {
     store_.busy_ = false;
   }
   store_.released_.notify_one();
+}
+
+SqliteStore::Reader::Reader(SqliteStore& store, std::chrono::milliseconds wait) : store_(store) {
+  std::unique_lock<std::mutex> lock(store_.readersMutex_);
+  const bool ready = store_.readerFree_.wait_for(lock, wait, [this] {
+    return !store_.idleReaders_.empty() ||
+           static_cast<int>(store_.readers_.size()) < store_.maxReaders_;
+  });
+  if (!ready) return;
+  if (!store_.idleReaders_.empty()) {
+    connection_ = store_.idleReaders_.back();
+    store_.idleReaders_.pop_back();
+    return;
+  }
+  std::string error;
+  connection_ = store_.openReader(&error);
+  if (connection_ == nullptr) throw StoreError(error);
+}
+
+SqliteStore::Reader::~Reader() {
+  if (connection_ == nullptr) return;
+  {
+    std::lock_guard<std::mutex> lock(store_.readersMutex_);
+    store_.idleReaders_.push_back(connection_);
+  }
+  store_.readerFree_.notify_one();
+}
+
+Statement SqliteStore::Reader::statement(const std::string& sql) {
+  return connection_->statement(sql);
 }
 
 SqliteStore::Transaction::Transaction(SqliteStore& store) : store_(store) {

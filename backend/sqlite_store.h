@@ -1,4 +1,5 @@
-// SqliteStore: the simulated backend's one SQLite connection, its prepared
+// SqliteStore: the simulated backend's SQLite database: one writing
+// connection, a small pool of read-only connections, their prepared
 // statements and transactions.
 //
 //   SqliteStore store;
@@ -10,22 +11,33 @@
 //     store.statement("INSERT INTO t(a) VALUES(?)").bind(1, 7).run();
 //     tx.commit();                               // rolled back unless reached
 //   }
+//   {
+//     SqliteStore::Reader reader(store, std::chrono::seconds(5));
+//     if (!reader.held()) ...                    // every reader busy beyond the time-out
+//     Statement row = reader.statement("SELECT a FROM t");
+//   }
+//
+// The database is in WAL mode, so a Reader sees every transaction committed
+// before its statement starts and never waits for the writer: a commit that
+// waits for the disk does not hold up queries.
 //
 // Failures of SQLite are thrown as StoreError carrying SQLite's message; the
 // backend turns them into its storage error code.
 //
-// Thread-safety: one thread at a time, the one holding a Lock. Every member
-// except open() and the Lock itself requires the lock to be held.
+// Thread-safety: the writing connection is used by one thread at a time, the
+// one holding a Lock; statement(), exec() and lastInsertId() require the lock.
+// Each Reader has a connection of its own for as long as it lives.
 #ifndef NOX_BACKEND_SQLITE_STORE_H_
 #define NOX_BACKEND_SQLITE_STORE_H_
 
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <map>
+#include <memory>
 #include <mutex>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 struct sqlite3;
 struct sqlite3_stmt;
@@ -42,11 +54,11 @@ class SqliteStore;
 // next user finds it fresh.
 class Statement {
  public:
-  Statement(SqliteStore& store, sqlite3_stmt* stmt) : store_(store), stmt_(stmt) {}
+  Statement(sqlite3* db, sqlite3_stmt* stmt) : db_(db), stmt_(stmt) {}
   ~Statement();
   Statement(const Statement&) = delete;
   Statement& operator=(const Statement&) = delete;
-  Statement(Statement&& other) noexcept : store_(other.store_), stmt_(other.stmt_) {
+  Statement(Statement&& other) noexcept : db_(other.db_), stmt_(other.stmt_) {
     other.stmt_ = nullptr;
   }
 
@@ -68,20 +80,28 @@ class Statement {
   bool columnIsNull(int column) const;
 
  private:
-  SqliteStore& store_;
+  [[noreturn]] void fail(const char* what) const;
+
+  sqlite3* db_;
   sqlite3_stmt* stmt_;
 };
 
 class SqliteStore {
+  // One SQLite connection with its statement cache.
+  struct Connection;
+
  public:
-  SqliteStore() = default;
+  SqliteStore();
   ~SqliteStore();
   SqliteStore(const SqliteStore&) = delete;
   SqliteStore& operator=(const SqliteStore&) = delete;
 
   // Opens or creates the database at `path`, in WAL mode with a busy
-  // time-out, foreign keys on. Returns false and sets *error on failure.
-  bool open(const std::string& path, std::string* error);
+  // time-out, foreign keys on. Up to `readers` read-only connections are
+  // opened later, as Readers need them. Returns false and sets *error on
+  // failure.
+  bool open(const std::string& path, std::string* error, int readers = kDefaultReaders);
+  static constexpr int kDefaultReaders = 4;
 
   // Runs one or more statements without results. Throws StoreError.
   void exec(const std::string& sql);
@@ -107,6 +127,25 @@ class SqliteStore {
     bool held_ = false;
   };
 
+  // A read-only connection of the pool, waiting at most `wait` for one to
+  // be free; given back when the Reader goes out of scope. Its statements
+  // must not outlive it.
+  class Reader {
+   public:
+    Reader(SqliteStore& store, std::chrono::milliseconds wait);
+    ~Reader();
+    Reader(const Reader&) = delete;
+    Reader& operator=(const Reader&) = delete;
+    bool held() const { return connection_ != nullptr; }
+    // The cached prepared statement for `sql` on this connection. Throws
+    // StoreError when `sql` does not compile or writes.
+    Statement statement(const std::string& sql);
+
+   private:
+    SqliteStore& store_;
+    Connection* connection_ = nullptr;
+  };
+
   // BEGIN IMMEDIATE on construction; ROLLBACK on destruction unless commit()
   // was called. Throws StoreError when the transaction cannot start or commit.
   class Transaction {
@@ -123,17 +162,26 @@ class SqliteStore {
   };
 
  private:
-  friend class Statement;
   [[noreturn]] void fail(const std::string& what) const;
+  // Opens one more read-only connection; null when SQLite refuses (the
+  // reason goes to *error).
+  Connection* openReader(std::string* error);
 
-  sqlite3* db_ = nullptr;
+  std::string path_;
+  std::unique_ptr<Connection> writer_;
   // A flag under a plain mutex and a condition variable rather than a
   // std::timed_mutex: the same waiting with a time limit, and one that the
   // thread sanitizer understands.
   std::mutex mutex_;
   std::condition_variable released_;
   bool busy_ = false;
-  std::map<std::string, sqlite3_stmt*> cache_;
+
+  // The read-only connections: all of them, and those free to lend.
+  std::mutex readersMutex_;
+  std::condition_variable readerFree_;
+  std::vector<std::unique_ptr<Connection>> readers_;
+  std::vector<Connection*> idleReaders_;
+  int maxReaders_ = kDefaultReaders;
 };
 
 #endif  // NOX_BACKEND_SQLITE_STORE_H_

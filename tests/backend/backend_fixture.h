@@ -14,6 +14,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "backend_protocol.h"
 #include "sim_backend.h"
@@ -32,6 +33,8 @@ class TempFolder {
 // Removes `path` and everything below it.
 void removeTree(const std::string& path);
 bool fileExists(const std::string& path);
+// The names in folder `dir` (not "." and ".."), sorted.
+std::vector<std::string> folderNames(const std::string& dir);
 void writeText(const std::string& path, const std::string& bytes);
 
 class BackendTest : public ::testing::Test {

@@ -64,8 +64,9 @@ TEST(WriteWholeTest, WritesPrivateFilesAndReplaces) {
   struct stat st;
   ASSERT_EQ(stat(file.c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0600u);
-  EXPECT_FALSE(fileExists(file + ".new"));
+  EXPECT_EQ(folderNames(folder.path()), std::vector<std::string>({"ca.pem"}));
   EXPECT_FALSE(writeWhole(folder.path() + "/no/such/folder/x", "x"));
+  EXPECT_EQ(errno, ENOENT);
 }
 
 TEST(MakeFolderTest, NarrowsAnExistingFolder) {

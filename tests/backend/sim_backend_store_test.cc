@@ -4,7 +4,10 @@
 #include <json/json.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <cctype>
+#include <thread>
+#include <vector>
 
 #include "backend_fixture.h"
 #include "test_pki.h"
@@ -110,6 +113,34 @@ TEST_F(StoreTest, LeftoverUploadsAreClearedAtStart) {
   openBackend();
   EXPECT_FALSE(fileExists(cert));
   EXPECT_FALSE(fileExists(crl));
+}
+
+TEST_F(StoreTest, HalfWrittenFilesAreClearedAtStartAndImportsKept) {
+  const TestCert ca = makeCert(CertProfile());
+  ASSERT_EQ(importCert(ca.pem()), 0);
+  const std::string kept = sql("SELECT file FROM ca_certificates");
+  // What a crash between the write and the rename leaves behind.
+  writeText(kept + ".0123456789abcdef.new", "half a certificate");
+  writeText(dataDir() + "/crl/0011.crl.fedcba9876543210.new", "half a CRL");
+  openBackend();
+  const std::string name = kept.substr(kept.rfind('/') + 1);
+  EXPECT_EQ(folderNames(dataDir() + "/ca"), std::vector<std::string>({name}));
+  EXPECT_EQ(folderNames(dataDir() + "/crl"), std::vector<std::string>({"incoming"}));
+}
+
+TEST_F(StoreTest, ImportingTheSameCertificateAtOnceKeepsOneFile) {
+  const std::string pem = makeCert(CertProfile()).pem();
+  std::vector<std::thread> threads;
+  std::atomic<int> failed{0};
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&] {
+      if (importCert(pem) != 0) ++failed;
+    });
+  }
+  for (std::thread& t : threads) t.join();
+  EXPECT_EQ(failed.load(), 0);
+  EXPECT_EQ(sql("SELECT COUNT(*) FROM ca_certificates"), "1");
+  EXPECT_EQ(folderNames(dataDir() + "/ca").size(), 1u);
 }
 
 TEST_F(StoreTest, UnusableFolderIsReported) {
