@@ -73,11 +73,4 @@ Json::Value errorEnvelope(long long code, const std::string& description) {
   return envelope;
 }
 
-std::string toCompactJson(const Json::Value& value) {
-  Json::StreamWriterBuilder builder;
-  builder["indentation"] = "";
-  builder["emitUTF8"] = true;
-  return Json::writeString(builder, value);
-}
-
 }  // namespace gw

@@ -12,6 +12,8 @@
 
 #include <string>
 
+#include "compact_json.h"
+
 namespace gw {
 
 // Codes the gateway itself answers with (the backend's and the plug-in's
@@ -33,9 +35,6 @@ std::string describeCode(long long code);
 
 // {"data": null, "error": {"code": code, "description": description}}.
 Json::Value errorEnvelope(long long code, const std::string& description);
-
-// Compact JSON text (no trailing line feed) of `value`.
-std::string toCompactJson(const Json::Value& value);
 
 }  // namespace gw
 

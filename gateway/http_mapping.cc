@@ -113,9 +113,7 @@ long long fillBody(const HttpInput& in, size_t maxBody, CRequestMsg& request) {
   // JSON when declared so, or when no type is declared at all; other types
   // carry nothing the operations read.
   if (!type.empty() && !startsWithNoCase(type, kJsonType)) return 0;
-  Json::CharReaderBuilder builder;
-  builder["collectComments"] = false;
-  std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+  std::unique_ptr<Json::CharReader> reader(newJsonReader());
   Json::Value json;
   std::string errors;
   if (!reader->parse(in.body.data(), in.body.data() + in.body.size(), &json, &errors)) {

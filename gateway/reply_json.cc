@@ -51,6 +51,17 @@ bool isCountRequest(const CRequestMsg& request) {
 
 }  // namespace
 
+Json::CharReader* newJsonReader() {
+  // Built once: a builder is a tree of settings, dear to make per call. Its
+  // newCharReader() only reads them, so threads share it.
+  static const Json::CharReaderBuilder* const kBuilder = [] {
+    auto* builder = new Json::CharReaderBuilder;
+    (*builder)["collectComments"] = false;
+    return builder;
+  }();
+  return kBuilder->newCharReader();
+}
+
 const char* fieldName(uint32_t objType, unsigned short tag) {
   for (const FieldRow& row : kFields) {
     if (row.objType == objType && row.tag == tag) return row.name;
@@ -79,13 +90,11 @@ Json::Value cellToJson(const CTLVCell& cell) {
     case CTLVCell::TLV_JSON:
     case CTLVCell::TLV_JSON_ARRAY: {
       if (bytes == nullptr) return Json::Value(Json::nullValue);
-      const std::string text(reinterpret_cast<const char*>(bytes), cell.getLength());
-      Json::CharReaderBuilder builder;
-      std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+      const char* text = reinterpret_cast<const char*>(bytes);
+      std::unique_ptr<Json::CharReader> reader(newJsonReader());
       Json::Value parsed;
-      std::string errors;
-      if (reader->parse(text.data(), text.data() + text.size(), &parsed, &errors)) return parsed;
-      return Json::Value(text);
+      if (reader->parse(text, text + cell.getLength(), &parsed, nullptr)) return parsed;
+      return Json::Value(text, text + cell.getLength());
     }
     case CTLVCell::TLV_BINARY: {
       std::string hex;
@@ -108,8 +117,8 @@ Json::Value recordToJson(const CR3MRecordV3& record, uint32_t objType) {
   for (size_t i = 0; i < record.cellCount(); ++i) {
     const CTLVCell& cell = record.cellAt(i);
     const char* name = fieldName(objType, cell.getTag());
-    object[name != nullptr ? std::string(name) : "tag" + std::to_string(cell.getTag())] =
-        cellToJson(cell);
+    Json::Value& member = name != nullptr ? object[name] : object["tag" + std::to_string(cell.getTag())];
+    member = cellToJson(cell);
   }
   return object;
 }
@@ -141,13 +150,13 @@ Json::Value genericReply(const CRequestMsg& request, const CResponseMsg& respons
   } else if (request.getMoType() != 0 && request.getResIDs().empty()) {
     data = Json::Value(Json::arrayValue);
     for (size_t i = 0; i < response.size(); ++i) {
-      data.append(recordToJson(response.recordAt(i), objType));
+      data.append(recordToJson(response.recordAt(i), objType));  // moved, not copied
     }
   } else if (response.size() > 0) {
     data = recordToJson(response.recordAt(0), objType);
   }
   Json::Value answer(Json::objectValue);
-  answer["data"] = data;
+  answer["data"].swap(data);
   answer["error"]["code"] = 0;
   answer["error"]["description"] = "0";
   for (const auto& entry : response.getReplyTemplates()) answer[entry.first] = entry.second;

@@ -27,6 +27,10 @@
 
 namespace gw {
 
+// A JSON reader for text from the backend or a client (comments dropped),
+// made from settings built once. The caller owns it.
+Json::CharReader* newJsonReader();
+
 // The member name of `tag` in objects of `objType`, or null when the table
 // has none.
 const char* fieldName(uint32_t objType, unsigned short tag);

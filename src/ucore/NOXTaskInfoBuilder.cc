@@ -36,8 +36,7 @@ int NOXTaskOp::doBuildTaskInfo(CR3MRecordV3& record, std::string& detail, bool i
               errorCode.c_str());
 
   Json::Value root;
-  Json::CharReaderBuilder builder;
-  std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+  std::unique_ptr<Json::CharReader> reader = newTaskJsonReader();
   if (!reader->parse(json, json + std::strlen(json), &root, nullptr)) {
     guard.error(0, "doBuildTaskInfo", __LINE__, "Failed to parse taskdetail json string.");
     detail.clear();

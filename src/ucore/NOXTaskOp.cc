@@ -36,6 +36,12 @@ void setText(CTLVCell& cell, const std::string& text) {
 
 }  // namespace
 
+std::unique_ptr<Json::CharReader> newTaskJsonReader() {
+  // newCharReader() only reads the settings, so request threads share them.
+  static const Json::CharReaderBuilder* const kBuilder = new Json::CharReaderBuilder;
+  return std::unique_ptr<Json::CharReader>(kBuilder->newCharReader());
+}
+
 NOXTaskOp::NOXTaskOp(unsigned int objType)
     : CMoSpecOp(objType), zhDateFormat_("%Y-%m-%d %H:%M:%S"), enDateFormat_("%m/%d/%Y %H:%M:%S") {
   CQPNDebugKitGuard guard(kOpModule, "NOXTaskOp");
@@ -108,8 +114,7 @@ int NOXTaskOp::getDetail(CRequestMsg& request, CResponseMsg& response) {
   }
 
   Json::Value root;
-  Json::CharReaderBuilder builder;
-  std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+  std::unique_ptr<Json::CharReader> reader = newTaskJsonReader();
 
   std::string errorInfo;
   const CTLVCell* errorCell = record.find(kTagErrorInfo);

@@ -20,12 +20,22 @@
 #include <ace/OS_NS_Thread.h>
 #include <ace/Thread_Mutex.h>
 
+#include <memory>
 #include <string>
 
 #include "request_msg.h"
 #include "operation_base.h"
 #include "tlv_package.h"
 #include "xml_config_parser.h"
+
+namespace Json {
+class CharReader;
+}
+
+// A jsoncpp reader with the default settings for the task texts. The
+// settings are built once: building them for every parse cost as much as
+// parsing a task's detail.
+std::unique_ptr<Json::CharReader> newTaskJsonReader();
 
 class NOXTaskOp : public CMoSpecOp {
  public:
