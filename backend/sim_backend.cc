@@ -455,20 +455,22 @@ long long SimulatedBackend::Impl::checkCertificate(const TlvCall& call, const CR
                 errnoText(errno).c_str());
     return proto::kErrStorage;
   }
-  SqliteStore::Lock lock(store, storeWait(call));
-  if (!lock.held()) return kErrBackendTimeout;
-  SqliteStore::Transaction tx(store);
-  store
-      .statement(
-          "INSERT INTO ca_certificates(fingerprint, subject, not_after, file, imported) "
-          "VALUES(?,?,?,?,?) ON CONFLICT(fingerprint) DO UPDATE SET imported = excluded.imported")
-      .bind(1, ca.fingerprint)
-      .bind(2, ca.subject)
-      .bind(3, ca.notAfter)
-      .bind(4, file)
-      .bind(5, nowSeconds())
-      .run();
-  tx.commit();
+  const bool written = store.write(
+      [&] {
+        store
+            .statement(
+                "INSERT INTO ca_certificates(fingerprint, subject, not_after, file, imported) "
+                "VALUES(?,?,?,?,?) "
+                "ON CONFLICT(fingerprint) DO UPDATE SET imported = excluded.imported")
+            .bind(1, ca.fingerprint)
+            .bind(2, ca.subject)
+            .bind(3, ca.notAfter)
+            .bind(4, file)
+            .bind(5, nowSeconds())
+            .run();
+      },
+      storeWait(call));
+  if (!written) return kErrBackendTimeout;
   guard.info(0, "checkCertificate", __LINE__, "CA %s accepted", ca.subject.c_str());
   return 0;
 }
@@ -487,11 +489,11 @@ long long SimulatedBackend::Impl::saveCrl(const TlvCall& call, const CR3MRecordV
   if (read == ReadResult::kMissing) return proto::kErrNotFound;
   if (read == ReadResult::kRefused) return proto::kErrCrlUnreadable;
 
-  SqliteStore::Lock lock(store, storeWait(call));
-  if (!lock.held()) return kErrBackendTimeout;
   std::vector<std::string> caPems;
   {
-    Statement cas = store.statement("SELECT file FROM ca_certificates ORDER BY imported");
+    SqliteStore::Reader reader(store, storeWait(call));
+    if (!reader.held()) return kErrBackendTimeout;
+    Statement cas = reader.statement("SELECT file FROM ca_certificates ORDER BY imported");
     while (cas.step()) {
       std::string pem;
       if (readUpload(cas.columnText(0), &pem) == ReadResult::kOk) caPems.push_back(pem);
@@ -509,22 +511,25 @@ long long SimulatedBackend::Impl::saveCrl(const TlvCall& call, const CR3MRecordV
     guard.error(0, "saveCrl", __LINE__, "cannot write %s: %s", file.c_str(), errnoText(errno).c_str());
     return proto::kErrStorage;
   }
-  SqliteStore::Transaction tx(store);
-  store
-      .statement(
-          "INSERT INTO crls(fingerprint, issuer_fingerprint, issuer, this_update, next_update, "
-          "revoked, file, imported) VALUES(?,?,?,?,?,?,?,?) "
-          "ON CONFLICT(fingerprint) DO UPDATE SET imported = excluded.imported")
-      .bind(1, crl.fingerprint)
-      .bind(2, crl.issuerFingerprint)
-      .bind(3, crl.issuer)
-      .bind(4, crl.thisUpdate)
-      .bind(5, crl.nextUpdate)
-      .bind(6, crl.revoked)
-      .bind(7, file)
-      .bind(8, nowSeconds())
-      .run();
-  tx.commit();
+  const bool written = store.write(
+      [&] {
+        store
+            .statement(
+                "INSERT INTO crls(fingerprint, issuer_fingerprint, issuer, this_update, "
+                "next_update, revoked, file, imported) VALUES(?,?,?,?,?,?,?,?) "
+                "ON CONFLICT(fingerprint) DO UPDATE SET imported = excluded.imported")
+            .bind(1, crl.fingerprint)
+            .bind(2, crl.issuerFingerprint)
+            .bind(3, crl.issuer)
+            .bind(4, crl.thisUpdate)
+            .bind(5, crl.nextUpdate)
+            .bind(6, crl.revoked)
+            .bind(7, file)
+            .bind(8, nowSeconds())
+            .run();
+      },
+      storeWait(call));
+  if (!written) return kErrBackendTimeout;
   guard.info(0, "saveCrl", __LINE__, "CRL of %s accepted (%lld revoked)", crl.issuer.c_str(),
              crl.revoked);
   return 0;
@@ -538,21 +543,21 @@ long long SimulatedBackend::Impl::importEvent(const TlvCall& call, const CR3MRec
   if ((kind != 100 && kind != 101) || (outcome != 0 && outcome != 1)) {
     throw BadRequest("unknown event kind or outcome");
   }
-  SqliteStore::Lock lock(store, storeWait(call));
-  if (!lock.held()) return kErrBackendTimeout;
-  SqliteStore::Transaction tx(store);
-  store
-      .statement(
-          "INSERT INTO import_events(time, user_name, client_address, kind, outcome) "
-          "VALUES(?,?,?,?,?)")
-      .bind(1, nowSeconds())
-      .bind(2, call.user.userName_)
-      .bind(3, call.user.clientAddress_)
-      .bind(4, kind)
-      .bind(5, outcome)
-      .run();
-  tx.commit();
-  return 0;
+  const bool written = store.write(
+      [&] {
+        store
+            .statement(
+                "INSERT INTO import_events(time, user_name, client_address, kind, outcome) "
+                "VALUES(?,?,?,?,?)")
+            .bind(1, nowSeconds())
+            .bind(2, call.user.userName_)
+            .bind(3, call.user.clientAddress_)
+            .bind(4, kind)
+            .bind(5, outcome)
+            .run();
+      },
+      storeWait(call));
+  return written ? 0 : kErrBackendTimeout;
 }
 
 long long SimulatedBackend::Impl::alarms(const TlvCall& call, const CR3MRecordV3& request,
@@ -770,17 +775,16 @@ long long SimulatedBackend::Impl::login(const TlvCall& call, const CR3MRecordV3&
     begin = comma + 1;
   }
   if (!scopeOk) return proto::kErrScopeDenied;
-  {
-    SqliteStore::Lock lock(store, storeWait(call));
-    if (!lock.held()) return kErrBackendTimeout;
-    SqliteStore::Transaction tx(store);
-    store.statement("UPDATE users SET last_login = ?, last_login_address = ? WHERE id = ?")
-        .bind(1, nowSeconds())
-        .bind(2, address)
-        .bind(3, userId)
-        .run();
-    tx.commit();
-  }
+  const bool written = store.write(
+      [&] {
+        store.statement("UPDATE users SET last_login = ?, last_login_address = ? WHERE id = ?")
+            .bind(1, nowSeconds())
+            .bind(2, address)
+            .bind(3, userId)
+            .run();
+      },
+      storeWait(call));
+  if (!written) return kErrBackendTimeout;
   CR3MRecordV3& r = reply.addRecord(request.command(), proto::kWord);
   r[proto::kTagUserId].setString(proto::kTagUserId, std::to_string(userId));
   r[proto::kTagUserState].setUInt32(proto::kTagUserState, static_cast<uint32_t>(userState));
@@ -794,14 +798,18 @@ long long SimulatedBackend::Impl::logout(const TlvCall& call, const CR3MRecordV3
   std::string name;
   if (!readText(request, proto::kTagUserName, &name)) name = call.user.userName_;
   if (name.empty()) return proto::kErrNotLoggedIn;
-  SqliteStore::Lock lock(store, storeWait(call));
-  if (!lock.held()) return kErrBackendTimeout;
-  SqliteStore::Transaction tx(store);
-  Statement update = store.statement("UPDATE users SET last_logout = ? WHERE name = ?");
-  update.bind(1, nowSeconds()).bind(2, name).run();
-  Statement changed = store.statement("SELECT changes()");
-  const bool found = changed.step() && changed.columnInt(0) > 0;
-  tx.commit();
+  bool found = false;
+  const bool written = store.write(
+      [&] {
+        store.statement("UPDATE users SET last_logout = ? WHERE name = ?")
+            .bind(1, nowSeconds())
+            .bind(2, name)
+            .run();
+        Statement changed = store.statement("SELECT changes()");
+        found = changed.step() && changed.columnInt(0) > 0;
+      },
+      storeWait(call));
+  if (!written) return kErrBackendTimeout;
   return found ? 0 : proto::kErrNotLoggedIn;
 }
 

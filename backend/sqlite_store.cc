@@ -2,6 +2,7 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <map>
 
 namespace {
@@ -218,6 +219,123 @@ SqliteStore::Reader::~Reader() {
 
 Statement SqliteStore::Reader::statement(const std::string& sql) {
   return connection_->statement(sql);
+}
+
+struct SqliteStore::PendingWrite {
+  enum class State { kQueued, kRunning, kDone };
+  explicit PendingWrite(const std::function<void()>* w) : work(w) {}
+  const std::function<void()>* work;
+  State state = State::kQueued;
+  bool started = false;  // false when it gave up before running
+  std::exception_ptr error;
+};
+
+bool SqliteStore::write(const std::function<void()>& work, std::chrono::milliseconds wait) {
+  const auto deadline = std::chrono::steady_clock::now() + wait;
+  PendingWrite mine(&work);
+  std::unique_lock<std::mutex> lock(groupMutex_);
+  queued_.push_back(&mine);
+  while (mine.state != PendingWrite::State::kDone) {
+    if (mine.state == PendingWrite::State::kQueued && !leading_) {
+      // No group is running: this thread runs the next one, which takes
+      // every write queued so far, its own included.
+      leading_ = true;
+      lock.unlock();
+      runGroup(deadline, &mine);
+      lock.lock();
+      leading_ = false;
+      groupDone_.notify_all();
+      continue;
+    }
+    if (mine.state == PendingWrite::State::kRunning) {
+      // In a group already: it ends without waiting for anything else.
+      groupDone_.wait(lock);
+      continue;
+    }
+    if (groupDone_.wait_until(lock, deadline) == std::cv_status::timeout &&
+        mine.state == PendingWrite::State::kQueued) {
+      queued_.erase(std::find(queued_.begin(), queued_.end(), &mine));
+      return false;
+    }
+  }
+  if (mine.error) std::rethrow_exception(mine.error);
+  return mine.started;
+}
+
+SqliteStore::WriteStats SqliteStore::writeStats() {
+  std::lock_guard<std::mutex> lock(groupMutex_);
+  WriteStats stats = stats_;
+  stats.queued = queued_.size();
+  return stats;
+}
+
+void SqliteStore::runGroup(std::chrono::steady_clock::time_point deadline, PendingWrite* mine) {
+  const auto now = std::chrono::steady_clock::now();
+  Lock writer(*this, std::chrono::duration_cast<std::chrono::milliseconds>(
+                         deadline > now ? deadline - now : std::chrono::steady_clock::duration()));
+  std::vector<PendingWrite*> group;
+  {
+    std::lock_guard<std::mutex> lock(groupMutex_);
+    if (!writer.held()) {
+      // The connection stayed busy (a start-up task holding it): this write
+      // gives up; the others wait on and one of them leads next.
+      queued_.erase(std::find(queued_.begin(), queued_.end(), mine));
+      mine->state = PendingWrite::State::kDone;
+      return;
+    }
+    group.assign(queued_.begin(), queued_.end());
+    queued_.clear();
+    for (PendingWrite* w : group) {
+      w->state = PendingWrite::State::kRunning;
+      w->started = true;
+    }
+  }
+  std::exception_ptr groupError;
+  try {
+    writer_->exec("BEGIN IMMEDIATE");
+    for (PendingWrite* w : group) {
+      // A failure SQLite cannot undo partly (a full disk, say) ends the whole
+      // transaction; later writes must not then run outside one.
+      if (sqlite3_get_autocommit(writer_->db) != 0) {
+        throw StoreError("the group's transaction was rolled back: " + lastError());
+      }
+      writer_->exec("SAVEPOINT one_write");
+      try {
+        (*w->work)();
+        writer_->exec("RELEASE one_write");
+      } catch (...) {
+        w->error = std::current_exception();
+        if (sqlite3_get_autocommit(writer_->db) == 0) {
+          writer_->exec("ROLLBACK TO one_write");
+          writer_->exec("RELEASE one_write");
+        }
+      }
+    }
+    if (sqlite3_get_autocommit(writer_->db) != 0) {
+      throw StoreError("the group's transaction was rolled back: " + lastError());
+    }
+    writer_->exec("COMMIT");
+  } catch (...) {
+    groupError = std::current_exception();
+    if (sqlite3_get_autocommit(writer_->db) == 0) {
+      try {
+        writer_->exec("ROLLBACK");
+      } catch (const StoreError&) {
+        // The transaction is gone either way.
+      }
+    }
+  }
+  std::lock_guard<std::mutex> lock(groupMutex_);
+  if (!groupError) {
+    ++stats_.groups;
+    stats_.writes += group.size();
+  }
+  for (PendingWrite* w : group) {
+    // Nothing of the group was kept: every write whose own work went well
+    // learns why.
+    if (groupError && !w->error) w->error = groupError;
+    w->state = PendingWrite::State::kDone;
+  }
 }
 
 SqliteStore::Transaction::Transaction(SqliteStore& store) : store_(store) {

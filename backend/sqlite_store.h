@@ -11,6 +11,9 @@
 //     store.statement("INSERT INTO t(a) VALUES(?)").bind(1, 7).run();
 //     tx.commit();                               // rolled back unless reached
 //   }
+//   bool done = store.write([&] {                 // one commit for a whole group
+//     store.statement("INSERT INTO t(a) VALUES(?)").bind(1, 7).run();
+//   }, std::chrono::seconds(5));                  // false: not started in time
 //   {
 //     SqliteStore::Reader reader(store, std::chrono::seconds(5));
 //     if (!reader.held()) ...                    // every reader busy beyond the time-out
@@ -19,7 +22,9 @@
 //
 // The database is in WAL mode, so a Reader sees every transaction committed
 // before its statement starts and never waits for the writer: a commit that
-// waits for the disk does not hold up queries.
+// waits for the disk does not hold up queries. Writes from request threads go
+// through write(), which commits the writes that arrive together as one
+// group: one sync of the disk for all of them instead of one each.
 //
 // Failures of SQLite are thrown as StoreError carrying SQLite's message; the
 // backend turns them into its storage error code.
@@ -33,6 +38,9 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
+#include <exception>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
@@ -146,6 +154,25 @@ class SqliteStore {
     Connection* connection_ = nullptr;
   };
 
+  // Runs `work` on the writing connection inside a transaction shared with
+  // the writes of other threads that arrive meanwhile (a group commit), and
+  // returns once the group's COMMIT is on disk. `work` runs inside its own
+  // savepoint: when it throws, its changes alone are undone and the
+  // exception is rethrown here; the rest of the group is kept. `work` uses
+  // statement() and must not open a Transaction.
+  // Returns false, having done nothing, when the write could not start
+  // within `wait`. Throws StoreError when the group's commit fails (then
+  // nothing of the group is kept).
+  bool write(const std::function<void()>& work, std::chrono::milliseconds wait);
+
+  // How the group commits went so far, and how many writes wait now.
+  struct WriteStats {
+    unsigned long long groups = 0;  // groups that committed
+    unsigned long long writes = 0;  // writes in those groups
+    size_t queued = 0;
+  };
+  WriteStats writeStats();
+
   // BEGIN IMMEDIATE on construction; ROLLBACK on destruction unless commit()
   // was called. Throws StoreError when the transaction cannot start or commit.
   class Transaction {
@@ -162,7 +189,10 @@ class SqliteStore {
   };
 
  private:
+  struct PendingWrite;
   [[noreturn]] void fail(const std::string& what) const;
+  // Runs one group of queued writes as the group's leader; see write().
+  void runGroup(std::chrono::steady_clock::time_point deadline, PendingWrite* mine);
   // Opens one more read-only connection; null when SQLite refuses (the
   // reason goes to *error).
   Connection* openReader(std::string* error);
@@ -175,6 +205,13 @@ class SqliteStore {
   std::mutex mutex_;
   std::condition_variable released_;
   bool busy_ = false;
+
+  // Writes waiting for a group, and whether a thread is running one.
+  std::mutex groupMutex_;
+  std::condition_variable groupDone_;
+  std::deque<PendingWrite*> queued_;
+  bool leading_ = false;
+  WriteStats stats_;  // groups and writes, under groupMutex_
 
   // The read-only connections: all of them, and those free to lend.
   std::mutex readersMutex_;
