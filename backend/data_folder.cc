@@ -116,6 +116,11 @@ ReadResult readUpload(const std::string& path, std::string* bytes) {
   return ReadResult::kOk;
 }
 
+bool sameContent(const std::string& path, const std::string& bytes) {
+  std::string stored;
+  return readUpload(path, &stored) == ReadResult::kOk && stored == bytes;
+}
+
 bool writeWhole(const std::string& path, const std::string& bytes) {
   // A temporary name of this call's own: two writers of the same file
   // (the same certificate imported twice at once) never share one.

@@ -40,6 +40,10 @@ enum class ReadResult {
 // link.
 ReadResult readUpload(const std::string& path, std::string* bytes);
 
+// True when the regular file at `path` holds exactly `bytes` (a symbolic
+// link, a missing or unreadable file: false).
+bool sameContent(const std::string& path, const std::string& bytes);
+
 // Writes `bytes` to `path` (mode 0600) through a temporary name of its own
 // ("<path>.<random>.new") and a rename, then syncs the folder, so that a
 // crash leaves the old file or the new one, never half of it. Concurrent

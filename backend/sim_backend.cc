@@ -448,9 +448,10 @@ long long SimulatedBackend::Impl::checkCertificate(const TlvCall& call, const CR
   }
   // The file is named by its fingerprint and written under a name of its
   // own before the rename, so concurrent imports need no lock for it; only
-  // the database row does.
+  // the database row does. A CA imported again finds its file already
+  // there, byte for byte, and is not written (nor synced) again.
   const std::string file = caDir + "/" + ca.fingerprint + ".pem";
-  if (!writeWhole(file, ca.pem)) {
+  if (!sameContent(file, ca.pem) && !writeWhole(file, ca.pem)) {
     guard.error(0, "checkCertificate", __LINE__, "cannot write %s: %s", file.c_str(),
                 errnoText(errno).c_str());
     return proto::kErrStorage;
@@ -507,7 +508,7 @@ long long SimulatedBackend::Impl::saveCrl(const TlvCall& call, const CR3MRecordV
     return verdict;
   }
   const std::string file = crlDir + "/" + crl.fingerprint + ".crl";
-  if (!writeWhole(file, crl.pem)) {
+  if (!sameContent(file, crl.pem) && !writeWhole(file, crl.pem)) {
     guard.error(0, "saveCrl", __LINE__, "cannot write %s: %s", file.c_str(), errnoText(errno).c_str());
     return proto::kErrStorage;
   }

@@ -26,7 +26,11 @@ int writeFile(const char* path, const char* data, unsigned int length) {
     }
     done += static_cast<unsigned int>(n);
   }
-  if (fsync(fd) != 0 || close(fd) != 0) {
+  // No fsync: the rename makes the file appear whole or not at all, to
+  // readers and across a crash of the process. What the plug-in writes here
+  // is an upload staged for the backend, which reads it at once and syncs
+  // what it keeps; waiting for the disk here only added to every import.
+  if (close(fd) != 0) {
     unlink(temp.c_str());
     return -1;
   }

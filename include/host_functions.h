@@ -10,6 +10,8 @@
 // truncating it (mode 0600 before the caller narrows or widens it). Returns
 // the number of bytes written, or -1 on failure (nothing is left half-written
 // under `path`: the bytes go to a temporary file that is renamed into place).
+// The file is not synced to disk: a caller that must survive a power cut
+// syncs it itself.
 HOST_API int writeFile(const char* path, const char* data, unsigned int length);
 
 // The decimal value of `text`: optional blanks, optional sign, digits; the

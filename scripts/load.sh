@@ -4,6 +4,7 @@
 #
 #   scripts/load.sh            # 64 connections for 60 s per scenario
 #   scripts/load.sh --soak     # adds a 30-minute soak of the mix, memory per minute
+#                              # (NOX_SOAK_MINUTES changes its length)
 #
 # Scenarios: the mixed workload (task detail in English and Chinese, task
 # list, alarm count, storage configuration, certificate upload), the empty
@@ -115,14 +116,27 @@ for name, value, target, ok in checks:
 PY
 
 if [ "$SOAK" = 1 ]; then
-  echo "soak: 30 minutes of the mix at $CONNECTIONS connections; resident memory per minute"
+  SOAK_MINUTES=${NOX_SOAK_MINUTES:-30}
+  echo "soak: $SOAK_MINUTES minutes of the mix at $CONNECTIONS connections; resident memory, open files and threads per minute"
   NOX_TOKEN=$TOKEN NOX_TASK=$TASK NOX_CERT=$WORK/ca.pem NOX_MIX=mix \
-    wrk -t2 -c"$CONNECTIONS" -d1800s -s bench/load/mix.lua "$URL" >"$WORK/soak.out" &
+    wrk -t2 -c"$CONNECTIONS" -d$((SOAK_MINUTES * 60))s -s bench/load/mix.lua "$URL" >"$WORK/soak.out" &
   WRK=$!
-  for m in $(seq 1 30); do
+  : >"$WORK/soak.rss"
+  for m in $(seq 1 "$SOAK_MINUTES"); do
     sleep 60
-    echo "minute $m: $(sed -n 's/^VmRSS:\s*//p' "/proc/$GW_PID/status")"
+    rss=$(sed -n 's/^VmRSS:\s*\([0-9]*\).*/\1/p' "/proc/$GW_PID/status")
+    fds=$(ls "/proc/$GW_PID/fd" | wc -l)
+    threads=$(sed -n 's/^Threads:\s*//p' "/proc/$GW_PID/status")
+    echo "$rss" >>"$WORK/soak.rss"
+    echo "minute $m: $rss kB resident, $fds open files, $threads threads"
   done
   wait "$WRK" || true
   sed -n 's/^RESULT /soak /p' "$WORK/soak.out"
+  python3 - "$WORK/soak.rss" <<'PY'
+import sys
+rss = [int(line) for line in open(sys.argv[1]) if line.strip()]
+growth = (rss[-1] - rss[0]) / rss[0] * 100
+ok = growth < 5
+print(f"soak memory: minute 1 {rss[0]} kB, minute {len(rss)} {rss[-1]} kB, growth {growth:.2f} %  target < 5 %  {'ok' if ok else 'MISSED'}")
+PY
 fi

@@ -69,6 +69,19 @@ TEST(WriteWholeTest, WritesPrivateFilesAndReplaces) {
   EXPECT_EQ(errno, ENOENT);
 }
 
+TEST(SameContentTest, OnlyARegularFileWithTheSameBytes) {
+  TempFolder folder;
+  const std::string file = folder.path() + "/ca.pem";
+  EXPECT_FALSE(sameContent(file, "one")) << "missing";
+  writeText(file, "one");
+  EXPECT_TRUE(sameContent(file, "one"));
+  EXPECT_FALSE(sameContent(file, "on"));
+  EXPECT_FALSE(sameContent(file, "one!"));
+  const std::string link = folder.path() + "/link.pem";
+  ASSERT_EQ(symlink(file.c_str(), link.c_str()), 0);
+  EXPECT_FALSE(sameContent(link, "one")) << "links are not followed";
+}
+
 TEST(MakeFolderTest, NarrowsAnExistingFolder) {
   TempFolder folder;
   const std::string dir = folder.path() + "/open";

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "backend_fixture.h"
+#include "data_folder.h"
 #include "test_pki.h"
 
 namespace {
@@ -126,6 +127,26 @@ TEST_F(StoreTest, HalfWrittenFilesAreClearedAtStartAndImportsKept) {
   const std::string name = kept.substr(kept.rfind('/') + 1);
   EXPECT_EQ(folderNames(dataDir() + "/ca"), std::vector<std::string>({name}));
   EXPECT_EQ(folderNames(dataDir() + "/crl"), std::vector<std::string>({"incoming"}));
+}
+
+TEST_F(StoreTest, ACertificateImportedAgainKeepsItsFile) {
+  const std::string pem = makeCert(CertProfile()).pem();
+  ASSERT_EQ(importCert(pem), 0);
+  const std::string file = sql("SELECT file FROM ca_certificates");
+  struct stat before;
+  ASSERT_EQ(stat(file.c_str(), &before), 0);
+  ASSERT_EQ(importCert(pem), 0);
+  struct stat after;
+  ASSERT_EQ(stat(file.c_str(), &after), 0);
+  EXPECT_EQ(after.st_ino, before.st_ino) << "the same bytes are not written again";
+  EXPECT_EQ(sql("SELECT COUNT(*) FROM ca_certificates"), "1");
+  // A file that no longer holds the certificate is written anew.
+  writeText(file, "damaged");
+  ASSERT_EQ(importCert(pem), 0);
+  std::string bytes;
+  ASSERT_EQ(readUpload(file, &bytes), ReadResult::kOk);
+  EXPECT_NE(bytes, "damaged");
+  EXPECT_NE(bytes.find("BEGIN CERTIFICATE"), std::string::npos);
 }
 
 TEST_F(StoreTest, ImportingTheSameCertificateAtOnceKeepsOneFile) {
