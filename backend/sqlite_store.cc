@@ -160,10 +160,6 @@ std::string SqliteStore::lastError() const {
   return writer_ != nullptr ? sqlite3_errmsg(writer_->db) : "no database";
 }
 
-void SqliteStore::fail(const std::string& what) const {
-  throw StoreError(what + ": " + lastError());
-}
-
 SqliteStore::Connection* SqliteStore::openReader(std::string* error) {
   std::unique_ptr<Connection> reader(new Connection);
   if (!reader->open(path_, SQLITE_OPEN_READONLY, error)) return nullptr;

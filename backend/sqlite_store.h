@@ -190,7 +190,6 @@ class SqliteStore {
 
  private:
   struct PendingWrite;
-  [[noreturn]] void fail(const std::string& what) const;
   // Runs one group of queued writes as the group's leader; see write().
   void runGroup(std::chrono::steady_clock::time_point deadline, PendingWrite* mine);
   // Opens one more read-only connection; null when SQLite refuses (the
