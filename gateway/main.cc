@@ -183,6 +183,7 @@ int main(int argc, char** argv) {
   config.port = options.listenPort;
   config.threads = options.threads;
   config.maxBody = options.maxBody;
+  config.readTimeout = options.readTimeout;
   if (options.tlsSelfSigned) {
     if (!gw::ensureSelfSignedPair(dataDir + "/tls", &tlsCert, &tlsKey, &error)) {
       fail(error);

@@ -7,32 +7,59 @@
 #include <cerrno>
 #include <climits>
 #include <cstdio>
+#include <cstring>
 #include <string>
+
+#include "qpn_debug_kit.h"
+
+namespace {
+
+// Logs why `path` could not be written (errno is the failed call's) and
+// returns -1. The caller's own text says what the file was for.
+int writeFailed(const char* path, const char* step) {
+  const int saved = errno;
+  CQPNDebugKitGuard guard(2, "writeFile");
+  guard.error(0, "writeFile", __LINE__, "cannot write %s (%s): %s", path, step,
+              std::strerror(saved));
+  return -1;
+}
+
+}  // namespace
 
 int writeFile(const char* path, const char* data, unsigned int length) {
   if (path == nullptr || *path == '\0' || (data == nullptr && length > 0)) return -1;
   const std::string target(path);
   const std::string temp = target + ".part." + std::to_string(getpid());
   const int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  if (fd < 0) return -1;
+  if (fd < 0) return writeFailed(path, "open");
   unsigned int done = 0;
   while (done < length) {
     const ssize_t n = write(fd, data + done, length - done);
     if (n < 0) {
       if (errno == EINTR) continue;
+      const int saved = errno;
       close(fd);
       unlink(temp.c_str());
-      return -1;
+      errno = saved;
+      return writeFailed(path, "write");
     }
     done += static_cast<unsigned int>(n);
   }
-  if (fsync(fd) != 0 || close(fd) != 0) {
+  // Both run: a failed fsync must not leave the descriptor open.
+  const bool synced = fsync(fd) == 0;
+  const int syncErrno = errno;
+  const bool closed = close(fd) == 0;
+  if (!synced || !closed) {
+    const int saved = synced ? errno : syncErrno;
     unlink(temp.c_str());
-    return -1;
+    errno = saved;
+    return writeFailed(path, "sync");
   }
   if (rename(temp.c_str(), target.c_str()) != 0) {
+    const int saved = errno;
     unlink(temp.c_str());
-    return -1;
+    errno = saved;
+    return writeFailed(path, "rename");
   }
   return static_cast<int>(length);
 }
