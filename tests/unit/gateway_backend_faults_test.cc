@@ -5,11 +5,11 @@
 // clean answer (the error envelope, or a well-formed 200 where the plug-in
 // has a documented fallback), never a crash, and the log must say what
 // happened.
+#include <ftw.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
 #include <stdlib.h>
 #include <sys/stat.h>
-#include <ftw.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -58,9 +58,9 @@ struct Row {
   const char* name;
   const char* route;  // "GET /x", "POST /sessions", "UPLOAD /x"
   Script script;
-  int status;       // the answer's status
-  long long code;   // its error code (0: a 200 with data)
-  const char* log;  // the start of a log text the trace must hold ("" for none required)
+  int status;                // the answer's status
+  long long code;            // its error code (0: a 200 with data)
+  const char* log;           // the start of a log text the trace must hold ("" for none required)
   const char* bodyHas = "";  // a text the answer's body must hold
 };
 
@@ -98,17 +98,20 @@ Script certPathThen(Script check) {
 const std::vector<Row>& rows() {
   static const std::vector<Row> kRows = {
       // Task detail.
-      {"detail_error_code", "GET /kestrel_task/1001", failWith(kTaskDetail, 0x03000020), 500, 0x03000020, "command 0xE0120000 answered with code 50331680"},
+      {"detail_error_code", "GET /kestrel_task/1001", failWith(kTaskDetail, 0x03000020), 500,
+       0x03000020, "command 0xE0120000 answered with code 50331680"},
       {"detail_throws", "GET /kestrel_task/1001", throwOn(kTaskDetail), 502, 0x03000103,
        "backend failed on command 0xE0120000: backend process crashed"},
-      {"detail_no_record", "GET /kestrel_task/1001", reply(kTaskDetail, [](CR3MPackageV3&) {}), 500, 0x03000204, "GET /kestrel_task/1001: the operation failed: "},
+      {"detail_no_record", "GET /kestrel_task/1001", reply(kTaskDetail, [](CR3MPackageV3&) {}), 500,
+       0x03000204, "GET /kestrel_task/1001: the operation failed: "},
       {"detail_int_for_text", "GET /kestrel_task/1001",
        reply(kTaskDetail,
              [](CR3MPackageV3& out) {
                CR3MRecordV3& r = record(out, kTaskDetail);
                r[1].setUInt32(1, 1001);
                r[0x58].setUInt32(0x58, 7);
-             }), 500, 0x03000204, "GET /kestrel_task/1001: the operation failed: "},
+             }),
+       500, 0x03000204, "GET /kestrel_task/1001: the operation failed: "},
       {"detail_text_for_int", "GET /kestrel_task/1001",
        reply(kTaskDetail,
              [](CR3MPackageV3& out) {
@@ -116,7 +119,8 @@ const std::vector<Row>& rows() {
                r[1].setString(1, "1001");
                r[3].setString(3, "backup");
                r[6].setString(6, "yesterday");
-             }), 0, 0, "", R"("taskId":"1001")"},
+             }),
+       0, 0, "", R"("taskId":"1001")"},
       {"detail_truncated_texts", "GET /kestrel_task/1001",
        reply(kTaskDetail,
              [](CR3MPackageV3& out) {
@@ -124,9 +128,11 @@ const std::vector<Row>& rows() {
                truncatedText(r, 1);
                truncatedText(r, 0x58);
                r[2].setString(2, "");
-             }), 0, 0, "Failed to parse new errorInfo json from string.", R"("taskId":"100")"},
+             }),
+       0, 0, "Failed to parse new errorInfo json from string.", R"("taskId":"100")"},
       // Task list.
-      {"list_error_code", "GET /kestrel_task", failWith(kTaskList, 0x03000004), 404, 0x03000004, "command 0xE012C000 answered with code 50331652"},
+      {"list_error_code", "GET /kestrel_task", failWith(kTaskList, 0x03000004), 404, 0x03000004,
+       "command 0xE012C000 answered with code 50331652"},
       {"list_throws", "GET /kestrel_task", throwOn(kTaskList), 502, 0x03000103,
        "backend failed on command 0xE012C000: backend process crashed"},
       {"list_wrong_types", "GET /kestrel_task",
@@ -136,23 +142,30 @@ const std::vector<Row>& rows() {
                r[1].setUInt64(1, 5);
                r[4].setString(4, "three");
                truncatedText(r, 2);
-             }), 0, 0, "", R"("data":[{)"},
+             }),
+       0, 0, "", R"("data":[{)"},
       // Alarm count.
-      {"count_error_code", "GET /alarm/historyalarm/count", failWith(kAlarmCount, 0x03000003), 200, 0, "count history alarm failed", R"({"COUNT":0})"},
-      {"count_throws", "GET /alarm/historyalarm/count", throwOn(kAlarmCount), 200, 0, "count history alarm failed", R"({"COUNT":0})"},
+      {"count_error_code", "GET /alarm/historyalarm/count", failWith(kAlarmCount, 0x03000003), 200,
+       0, "count history alarm failed", R"({"COUNT":0})"},
+      {"count_throws", "GET /alarm/historyalarm/count", throwOn(kAlarmCount), 200, 0,
+       "count history alarm failed", R"({"COUNT":0})"},
       {"count_no_record", "GET /alarm/historyalarm/count",
-       reply(kAlarmCount, [](CR3MPackageV3&) {}), 200, 0, "count history alarm failed", R"({"COUNT":0})"},
+       reply(kAlarmCount, [](CR3MPackageV3&) {}), 200, 0, "count history alarm failed",
+       R"({"COUNT":0})"},
       {"count_text_for_int", "GET /alarm/historyalarm/count",
        reply(kAlarmCount,
-             [](CR3MPackageV3& out) { record(out, kAlarmCount)[9].setString(9, "many"); }), 200, 0, "count history alarm failed", R"({"COUNT":0})"},
+             [](CR3MPackageV3& out) { record(out, kAlarmCount)[9].setString(9, "many"); }),
+       200, 0, "count history alarm failed", R"({"COUNT":0})"},
       {"count_huge", "GET /alarm/historyalarm/count",
        reply(kAlarmCount,
-             [](CR3MPackageV3& out) { record(out, kAlarmCount)[9].setUInt64(9, UINT64_MAX); }), 200, 0, "count history alarm failed", R"({"COUNT":0})"},
+             [](CR3MPackageV3& out) { record(out, kAlarmCount)[9].setUInt64(9, UINT64_MAX); }),
+       200, 0, "count history alarm failed", R"({"COUNT":0})"},
       // Storage configuration.
       {"storage_error_code", "GET /kestrel_dbbackup_storage_conf/get_dbbackup_storage_conf",
        failWith(kStorageConf, 0x03000020), 500, 0x03000020, "get dbbak config failed."},
       {"storage_throws", "GET /kestrel_dbbackup_storage_conf/get_dbbackup_storage_conf",
-       throwOn(kStorageConf), 502, 0x03000103, "backend failed on command 0x006200DE: backend process crashed"},
+       throwOn(kStorageConf), 502, 0x03000103,
+       "backend failed on command 0x006200DE: backend process crashed"},
       {"storage_no_record", "GET /kestrel_dbbackup_storage_conf/get_dbbackup_storage_conf",
        reply(kStorageConf, [](CR3MPackageV3&) {}), 405, 0x03000202, "response message is empty."},
       {"storage_wrong_types", "GET /kestrel_dbbackup_storage_conf/get_dbbackup_storage_conf",
@@ -163,7 +176,8 @@ const std::vector<Row>& rows() {
                r[10].setUInt32(10, 5);
                r[13].setString(13, "4096");
                truncatedText(r, 16);
-             }), 0, 0, "", R"("capacity":"4096")"},
+             }),
+       0, 0, "", R"("capacity":"4096")"},
       {"storage_huge", "GET /kestrel_dbbackup_storage_conf/get_dbbackup_storage_conf",
        reply(kStorageConf,
              [](CR3MPackageV3& out) {
@@ -171,24 +185,28 @@ const std::vector<Row>& rows() {
                r[9].setString(9, "0");
                r[13].setUInt64(13, UINT64_MAX);
                r[14].setUInt64(14, UINT64_MAX);
-             }), 0, 0, "", R"("capacity":18446744073709551615)"},
+             }),
+       0, 0, "", R"("capacity":18446744073709551615)"},
       // Certificate import.
-      {"cert_path_error", "UPLOAD /kestrel_cert/import_cert", failWith(kCertPath, 0x03000020),
-       500, 0x03000020, "Failed to sendMessage."},
-      {"cert_path_throws", "UPLOAD /kestrel_cert/import_cert", throwOn(kCertPath), 502,
-       0x03000103, "backend failed on command 0xE0000052: backend process crashed"},
+      {"cert_path_error", "UPLOAD /kestrel_cert/import_cert", failWith(kCertPath, 0x03000020), 500,
+       0x03000020, "Failed to sendMessage."},
+      {"cert_path_throws", "UPLOAD /kestrel_cert/import_cert", throwOn(kCertPath), 502, 0x03000103,
+       "backend failed on command 0xE0000052: backend process crashed"},
       {"cert_path_no_record", "UPLOAD /kestrel_cert/import_cert",
-       reply(kCertPath, [](CR3MPackageV3&) {}), 500, 0x03000204, "POST /kestrel_cert/import_cert: the operation failed: "},
+       reply(kCertPath, [](CR3MPackageV3&) {}), 500, 0x03000204,
+       "POST /kestrel_cert/import_cert: the operation failed: "},
       {"cert_path_int", "UPLOAD /kestrel_cert/import_cert",
        reply(kCertPath,
              [](CR3MPackageV3& out) {
                record(out, kCertPath)[proto::kTagPath].setUInt32(proto::kTagPath, 7);
-             }), 500, 0x03000204, "POST /kestrel_cert/import_cert: the operation failed: "},
+             }),
+       500, 0x03000204, "POST /kestrel_cert/import_cert: the operation failed: "},
       {"cert_path_empty", "UPLOAD /kestrel_cert/import_cert",
        reply(kCertPath,
              [](CR3MPackageV3& out) {
                record(out, kCertPath)[proto::kTagPath].setString(proto::kTagPath, "");
-             }), 500, 1000005, "Failed to upload certificate file, illegal uploading arguments."},
+             }),
+       500, 1000005, "Failed to upload certificate file, illegal uploading arguments."},
       {"cert_path_truncated", "UPLOAD /kestrel_cert/import_cert",
        [](ScriptedBackend& b, const std::string& dir) {
          // The path without its terminating zero and its last letter.
@@ -205,13 +223,14 @@ const std::vector<Row>& rows() {
       {"cert_check_throws", "UPLOAD /kestrel_cert/import_cert", certPathThen(throwOn(kCertCheck)),
        502, 0x03000103, "backend failed on command 0xE0000049: backend process crashed"},
       {"cert_check_storage", "UPLOAD /kestrel_cert/import_cert",
-       certPathThen(failWith(kCertCheck, 0x03000020)), 500, 0x03000020,
-       "Failed to sendMessage."},
+       certPathThen(failWith(kCertCheck, 0x03000020)), 500, 0x03000020, "Failed to sendMessage."},
       // Login.
-      {"login_error_code", "POST /sessions", failWith(kLogin, 0x03000020), 500, 0x03000020, "backend refused the login of user apiuser: code 0x3000020"},
+      {"login_error_code", "POST /sessions", failWith(kLogin, 0x03000020), 500, 0x03000020,
+       "backend refused the login of user apiuser: code 0x3000020"},
       {"login_throws", "POST /sessions", throwOn(kLogin), 502, 0x03000103,
        "backend failed on command 0x00C90010: backend process crashed"},
-      {"login_no_record", "POST /sessions", reply(kLogin, [](CR3MPackageV3&) {}), 500, 0x03000204, "could not label session "},
+      {"login_no_record", "POST /sessions", reply(kLogin, [](CR3MPackageV3&) {}), 500, 0x03000204,
+       "could not label session "},
       {"login_wrong_types", "POST /sessions",
        reply(kLogin,
              [](CR3MPackageV3& out) {
@@ -219,14 +238,16 @@ const std::vector<Row>& rows() {
                r[6].setUInt32(6, 42);
                r[64].setString(64, "locked");
                r[78].setString(78, "2");
-             }), 500, 0x03000204, "could not label session "},
+             }),
+       500, 0x03000204, "could not label session "},
       {"login_truncated", "POST /sessions",
        reply(kLogin,
              [](CR3MPackageV3& out) {
                CR3MRecordV3& r = record(out, kLogin);
                truncatedText(r, 6);
                r[64].setUInt32(64, 0xFFFFFFFFu);
-             }), 0, 0, "", R"("userName":"apiuser")"},
+             }),
+       0, 0, "", R"("userName":"apiuser")"},
   };
   return kRows;
 }
@@ -295,8 +316,8 @@ TEST_P(BackendFaultsTest, CleanAnswerAndLog) {
   Json::Value body;
   std::string errors;
   std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
-  const bool parsed = reader->parse(out.body.data(), out.body.data() + out.body.size(), &body,
-                                    &errors);
+  const bool parsed =
+      reader->parse(out.body.data(), out.body.data() + out.body.size(), &body, &errors);
   ASSERT_TRUE(parsed) << out.body;
   EXPECT_EQ(out.status, row.status ? row.status : 200) << out.body;
   EXPECT_EQ(body["error"]["code"].asInt64(), row.code) << out.body;

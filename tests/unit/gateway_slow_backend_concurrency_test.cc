@@ -7,11 +7,11 @@
 // The order is forced with promises, never with timed assertions: the slow
 // call does not even start to wait out its time-out before every other
 // client has had its answer.
+#include <ftw.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
 #include <stdlib.h>
 #include <sys/stat.h>
-#include <ftw.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -151,9 +151,9 @@ TEST_F(SlowBackendTest, SlowClientTimesOutWhileOthersAreAnswered) {
   arrived.wait();
 
   // Other routes, from other threads, while the slow call holds its thread.
-  const std::vector<std::string> others = {"/alarm/historyalarm/count",
-                                           "/kestrel_task?start=0&limit=3",
-                                           "/kestrel_dbbackup_storage_conf/get_dbbackup_storage_conf"};
+  const std::vector<std::string> others = {
+      "/alarm/historyalarm/count", "/kestrel_task?start=0&limit=3",
+      "/kestrel_dbbackup_storage_conf/get_dbbackup_storage_conf"};
   std::vector<std::future<std::pair<int, gw::HttpOutput>>> answers;
   for (const std::string& target : others) {
     answers.push_back(std::async(std::launch::async, [this, target] {
