@@ -237,6 +237,8 @@ void HttpServer::install() {
 
 bool HttpServer::run() { return server_->listen_after_bind(); }
 
+bool HttpServer::running() const { return server_ && server_->is_running(); }
+
 void HttpServer::stop() {
   if (server_) server_->stop();
 }

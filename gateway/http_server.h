@@ -55,6 +55,8 @@ class HttpServer {
   bool run();
   // Stops accepting; run() returns once the workers are done.
   void stop();
+  // Whether run() has started accepting (and not yet ended). Thread-safe.
+  bool running() const;
 
  private:
   void install();

@@ -253,6 +253,17 @@ TEST(FaultsStalledE2E, StalledUploadEndsAtTheReadTimeout) {
   EXPECT_EQ(gateway.stop(), 0) << gateway.output();
 }
 
+// A stop signal that comes at once after the "listening on" line (before
+// the server accepts) still stops the gateway: it used to be lost, leaving
+// the gateway serving until it was killed.
+TEST(FaultsStopE2E, SignalRightAfterStartStops) {
+  for (int i = 0; i < 3; ++i) {
+    GatewayProcess gateway;
+    ASSERT_TRUE(gateway.start()) << gateway.output();
+    EXPECT_EQ(gateway.stop(), 0) << gateway.output();
+  }
+}
+
 // --- Catalogue files missing or broken -------------------------------------
 
 int removeEntry(const char* path, const struct stat*, int, struct FTW*) { return remove(path); }
