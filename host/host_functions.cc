@@ -19,8 +19,10 @@ namespace {
 int writeFailed(const char* path, const char* step) {
   const int saved = errno;
   CQPNDebugKitGuard guard(2, "writeFile");
-  guard.error(0, "writeFile", __LINE__, "cannot write %s (%s): %s", path, step,
-              std::strerror(saved));
+  char buffer[256];
+  // The GNU strerror_r returns the text, in `buffer` or a static string.
+  const char* reason = strerror_r(saved, buffer, sizeof(buffer));
+  guard.error(0, "writeFile", __LINE__, "cannot write %s (%s): %s", path, step, reason);
   return -1;
 }
 
