@@ -126,18 +126,25 @@ Json::Value genericReply(const CRequestMsg& request, const CResponseMsg& respons
   const uint32_t objType = replyObjectType(request, response);
   Json::Value data;
   if (request.getMoType() != 0 && isCountRequest(request)) {
-    long long count = 0;
+    Json::Value count(static_cast<Json::Int64>(0));
     if (response.size() > 0) {
       const CTLVCell* cell = response.recordAt(0).find(proto::kTagTotal);
       if (cell != nullptr) {
         try {
-          count = cell->toInt64();
+          const long long value = cell->toInt64();
+          // An unsigned cell keeps its full value (a 64-bit count above the
+          // signed range must not turn negative); a negative count is none.
+          if (cell->getType() != CTLVCell::TLV_INT32) {
+            count = Json::Value(static_cast<Json::UInt64>(value));
+          } else if (value > 0) {
+            count = Json::Value(static_cast<Json::Int64>(value));
+          }
         } catch (const std::exception&) {
-          count = 0;  // a textual count cell reads as no count
+          // a textual count cell reads as no count
         }
       }
     }
-    data["count"] = Json::Value(static_cast<Json::Int64>(count));
+    data["count"] = count;
   } else if (request.getMoType() != 0 && request.getResIDs().empty()) {
     data = Json::Value(Json::arrayValue);
     for (size_t i = 0; i < response.size(); ++i) {

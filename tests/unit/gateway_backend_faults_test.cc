@@ -33,6 +33,7 @@ namespace {
 
 constexpr uint32_t kTaskDetail = 0xE0120000;
 constexpr uint32_t kTaskList = 0xE012C000;
+constexpr uint32_t kTaskCount = 0xE012C001;
 constexpr uint32_t kAlarmCount = 0x00C90096;
 constexpr uint32_t kStorageConf = 0x006200DE;
 constexpr uint32_t kCertPath = 0xE0000052;
@@ -144,6 +145,17 @@ const std::vector<Row>& rows() {
                truncatedText(r, 2);
              }),
        0, 0, "", R"("data":[{)"},
+      // Task count: a 64-bit count keeps its value, a negative one is none.
+      {"task_count_huge", "GET /kestrel_task/count",
+       reply(kTaskCount,
+             [](CR3MPackageV3& out) { record(out, kTaskCount)[9].setUInt64(9, UINT64_MAX); }),
+       0, 0, "", R"("count":18446744073709551615)"},
+      {"task_count_negative", "GET /kestrel_task/count",
+       reply(kTaskCount, [](CR3MPackageV3& out) { record(out, kTaskCount)[9].setInt32(9, -5); }), 0,
+       0, "", R"("count":0)"},
+      {"task_count_text", "GET /kestrel_task/count",
+       reply(kTaskCount, [](CR3MPackageV3& out) { record(out, kTaskCount)[9].setString(9, "26"); }),
+       0, 0, "", R"("count":0)"},
       // Alarm count.
       {"count_error_code", "GET /alarm/historyalarm/count", failWith(kAlarmCount, 0x03000003), 200,
        0, "count history alarm failed", R"({"COUNT":0})"},
