@@ -121,7 +121,8 @@ const std::vector<Row>& rows() {
                r[3].setString(3, "backup");
                r[6].setString(6, "yesterday");
              }),
-       0, 0, "", R"("taskId":"1001")"},
+       0, 0, "reply cell 3 (type) of object 0xE012 has type 2 where a number belongs; left out",
+       R"({"data":{"taskId":"1001"},)"},
       {"detail_truncated_texts", "GET /kestrel_task/1001",
        reply(kTaskDetail,
              [](CR3MPackageV3& out) {
@@ -144,7 +145,8 @@ const std::vector<Row>& rows() {
                r[4].setString(4, "three");
                truncatedText(r, 2);
              }),
-       0, 0, "", R"("data":[{)"},
+       0, 0, "reply cell 1 (taskId) of object 0xE012 has type 9 where a text belongs; left out",
+       R"({"data":[{"name":"100"}],)"},
       // Task count: a 64-bit count keeps its value, a negative one is none.
       {"task_count_huge", "GET /kestrel_task/count",
        reply(kTaskCount,
@@ -189,7 +191,8 @@ const std::vector<Row>& rows() {
                r[13].setString(13, "4096");
                truncatedText(r, 16);
              }),
-       0, 0, "", R"("capacity":"4096")"},
+       0, 0, "reply cell 13 (capacity) of object 0x62 has type 2 where a number belongs; left out",
+       R"("resultParams":5)"},
       {"storage_huge", "GET /kestrel_dbbackup_storage_conf/get_dbbackup_storage_conf",
        reply(kStorageConf,
              [](CR3MPackageV3& out) {
