@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "error_table.h"
+#include "qpn_debug_kit.h"
 #include "qpn_exception.h"
 #include "reply_json.h"
 
@@ -15,6 +16,15 @@ namespace gw {
 const char kSessionCookie[] = "NOX_SESSION";
 
 namespace {
+
+// The 500 answer says nothing of the cause; the trace does, e.g.
+// "GET /kestrel_task/1001: the operation failed: Exception:cell 1 is not a number".
+void logOperationFailure(const std::string& method, const std::string& path, const char* what) {
+  CQPNDebugKitGuard guard(4, "serveRoute");
+  guard.error(0, "serveRoute", __LINE__, "%s %s: the operation failed: %s", method.c_str(),
+              path.c_str(), what);
+}
+
 
 const char kJsonType[] = "application/json";
 
@@ -359,9 +369,11 @@ HttpOutput Dispatcher::serveRoute(const HttpInput& in, const RouteMatch& match,
     out = errorOutput(e.getErrCode(), describeException(e));
     copyResponseHeaders(connection, out);
     out.contentType = kJsonType;
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    logOperationFailure(in.method, path, e.what());
     out = errorOutput(kErrInternal, describeCode(kErrInternal));
   } catch (...) {
+    logOperationFailure(in.method, path, "an exception of unknown type");
     out = errorOutput(kErrInternal, describeCode(kErrInternal));
   }
   out.user = info.getUserContext().userName_;

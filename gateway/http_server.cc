@@ -8,6 +8,7 @@
 #include <chrono>
 
 #include "error_table.h"
+#include "qpn_debug_kit.h"
 #include "tls.h"
 
 namespace gw {
@@ -15,6 +16,8 @@ namespace gw {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+
+constexpr int kTraceModule = 4;  // the gateway's records in the trace log
 
 // One connection is served by one worker from the request's headers to the
 // access log line, so the per-request values the logger needs travel in
@@ -114,8 +117,8 @@ void HttpServer::install() {
   svr.set_payload_max_length(config_.maxBody + kMultipartOverhead);
   svr.set_keep_alive_max_count(1000);
   svr.set_keep_alive_timeout(5);
-  svr.set_read_timeout(30);
-  svr.set_write_timeout(30);
+  svr.set_read_timeout(config_.readTimeout);
+  svr.set_write_timeout(config_.readTimeout);
 
   svr.set_pre_routing_handler([](const httplib::Request&, httplib::Response&) {
     t_started = Clock::now();
@@ -171,6 +174,17 @@ void HttpServer::install() {
         if (!complete) {
           // cpp-httplib refuses a declared length over the limit itself.
           if (res.status == 413) tooLarge = true;
+          if (!tooLarge) {
+            // The client went away or stopped sending: nothing of the body
+            // reaches an operation, so nothing is imported or written.
+            CQPNDebugKitGuard guard(kTraceModule, "readBody");
+            guard.warn(0, "readBody", __LINE__,
+                       "request body of %s %s from %s cut off after %zu of %s bytes",
+                       req.method.c_str(), req.path.c_str(), req.remote_addr.c_str(), received,
+                       req.has_header("Content-Length")
+                           ? req.get_header_value("Content-Length").c_str()
+                           : "(chunked)");
+          }
           const long long code = tooLarge ? kErrBodyTooLarge : kErrBadRequest;
           HttpOutput out = errorOutput(
               code, tooLarge ? describeCode(code) : "The request body could not be read.");
@@ -222,6 +236,8 @@ void HttpServer::install() {
 }
 
 bool HttpServer::run() { return server_->listen_after_bind(); }
+
+bool HttpServer::running() const { return server_ && server_->is_running(); }
 
 void HttpServer::stop() {
   if (server_) server_->stop();

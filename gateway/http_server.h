@@ -29,6 +29,7 @@ struct ServerConfig {
   int port = 8080;  // 0: any free port
   int threads = 8;
   size_t maxBody = size_t{2} * 1024 * 1024;
+  int readTimeout = 30;  // seconds to wait for more of a request, and to write an answer
   std::string tlsCert;  // both set: HTTPS
   std::string tlsKey;
 };
@@ -54,6 +55,8 @@ class HttpServer {
   bool run();
   // Stops accepting; run() returns once the workers are done.
   void stop();
+  // Whether run() has started accepting (and not yet ended). Thread-safe.
+  bool running() const;
 
  private:
   void install();

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -183,6 +184,7 @@ int main(int argc, char** argv) {
   config.port = options.listenPort;
   config.threads = options.threads;
   config.maxBody = options.maxBody;
+  config.readTimeout = options.readTimeout;
   if (options.tlsSelfSigned) {
     if (!gw::ensureSelfSignedPair(dataDir + "/tls", &tlsCert, &tlsKey, &error)) {
       fail(error);
@@ -209,6 +211,12 @@ int main(int argc, char** argv) {
   std::thread signalThread([&] {
     int signal = 0;
     while (sigwait(&stopSignals, &signal) == 0) {
+      // A signal right after the "listening on" line can come before run()
+      // accepts; a stop() then would be forgotten and the gateway would
+      // serve on. Wait for run() to start (or to have ended) first.
+      while (!finished.load() && !server.running()) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+      }
       if (finished.load()) return;
       server.stop();
       return;

@@ -111,6 +111,12 @@ bool parseOptions(const std::vector<std::string>& args, GatewayOptions* options,
         return false;
       }
       options->backendTimeout = static_cast<int>(number);
+    } else if (name == "--read-timeout") {
+      if (!parseNumber(value, 1, 3600, &number)) {
+        *error = "--read-timeout wants seconds from 1 to 3600, not '" + value + "'";
+        return false;
+      }
+      options->readTimeout = static_cast<int>(number);
     } else if (name == "--tls-cert") {
       options->tlsCert = value;
     } else if (name == "--tls-key") {
@@ -147,6 +153,7 @@ std::string usageText() {
          "  --max-body BYTES        largest JSON body or upload (default 2097152)\n"
          "  --session-idle SECONDS  idle time after which a session ends\n"
          "  --backend-timeout SECONDS  time-out of backend requests\n"
+         "  --read-timeout SECONDS  longest wait for more of a request (default 30)\n"
          "  --tls-cert FILE --tls-key FILE   serve HTTPS with this certificate and key (PEM)\n"
          "  --tls-self-signed       serve HTTPS with a key pair made in <data>/tls/ (trial runs)\n"
          "  --expose-verify-code    put the verification code's text into the GET /login\n"

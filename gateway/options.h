@@ -26,6 +26,7 @@ struct GatewayOptions {
   size_t maxBody = size_t{2} * 1024 * 1024;
   int sessionIdle = 0;     // seconds; 0: the session store's default
   int backendTimeout = 0;  // seconds; 0: the host's default
+  int readTimeout = 30;    // seconds the server waits for more of a request
   std::string tlsCert;
   std::string tlsKey;
   bool tlsSelfSigned = false;

@@ -6,40 +6,49 @@
 #include <string>
 
 #include "backend_protocol.h"
+#include "qpn_debug_kit.h"
 
 namespace gw {
 
 namespace {
 
+constexpr int kTraceModule = 4;  // the gateway's records in the trace log
+
+// What a field's cell must hold; a cell of another kind is left out of the
+// answer (with a warning) rather than passed on in a shape clients do not
+// expect.
+enum class Want { kText, kNumber, kAny };
+
 struct FieldRow {
   uint32_t objType;
   unsigned short tag;
   const char* name;
+  Want want;
 };
 
 // Field tables, one block per object type.
 constexpr FieldRow kFields[] = {
     // Tasks.
-    {proto::kTaskObjType, proto::kTagTaskId, "taskId"},
-    {proto::kTaskObjType, proto::kTagTaskName, "name"},
-    {proto::kTaskObjType, proto::kTagTaskType, "type"},
-    {proto::kTaskObjType, proto::kTagTaskStatus, "status"},
-    {proto::kTaskObjType, proto::kTagTaskProgress, "progress"},
-    {proto::kTaskObjType, proto::kTagTaskStartTime, "startTime"},
-    {proto::kTaskObjType, proto::kTagTaskEndTime, "endTime"},
-    {proto::kTaskObjType, proto::kTagTaskResource, "resource"},
-    {proto::kTaskObjType, proto::kTagTaskDetail, "detail"},
-    {proto::kTaskObjType, proto::kTagTaskErrorInfo, "errorInfo"},
+    {proto::kTaskObjType, proto::kTagTaskId, "taskId", Want::kText},
+    {proto::kTaskObjType, proto::kTagTaskName, "name", Want::kText},
+    {proto::kTaskObjType, proto::kTagTaskType, "type", Want::kNumber},
+    {proto::kTaskObjType, proto::kTagTaskStatus, "status", Want::kNumber},
+    {proto::kTaskObjType, proto::kTagTaskProgress, "progress", Want::kNumber},
+    {proto::kTaskObjType, proto::kTagTaskStartTime, "startTime", Want::kNumber},
+    {proto::kTaskObjType, proto::kTagTaskEndTime, "endTime", Want::kNumber},
+    {proto::kTaskObjType, proto::kTagTaskResource, "resource", Want::kText},
+    {proto::kTaskObjType, proto::kTagTaskDetail, "detail", Want::kText},
+    {proto::kTaskObjType, proto::kTagTaskErrorInfo, "errorInfo", Want::kAny},
     // Database-backup storage configuration. Cell 9 holds the readable
     // result: "" on success, the sentence for the failure otherwise.
-    {0x62, proto::kTagResultCode, "result"},
-    {0x62, proto::kTagResultParams, "resultParams"},
-    {0x62, proto::kTagStorageType, "storageType"},
-    {0x62, proto::kTagStoragePath, "storagePath"},
-    {0x62, proto::kTagStorageCapacity, "capacity"},
-    {0x62, proto::kTagStorageUsed, "used"},
-    {0x62, proto::kTagStorageRetention, "retentionDays"},
-    {0x62, proto::kTagStorageName, "name"},
+    {0x62, proto::kTagResultCode, "result", Want::kAny},
+    {0x62, proto::kTagResultParams, "resultParams", Want::kAny},
+    {0x62, proto::kTagStorageType, "storageType", Want::kNumber},
+    {0x62, proto::kTagStoragePath, "storagePath", Want::kText},
+    {0x62, proto::kTagStorageCapacity, "capacity", Want::kNumber},
+    {0x62, proto::kTagStorageUsed, "used", Want::kNumber},
+    {0x62, proto::kTagStorageRetention, "retentionDays", Want::kNumber},
+    {0x62, proto::kTagStorageName, "name", Want::kText},
 };
 
 const char kHex[] = "0123456789abcdef";
@@ -47,6 +56,21 @@ const char kHex[] = "0123456789abcdef";
 bool isCountRequest(const CRequestMsg& request) {
   return !request.getResIDs().empty() &&
          strcasecmp(request.getResIDs().front().c_str(), "count") == 0;
+}
+
+const FieldRow* fieldRow(uint32_t objType, unsigned short tag) {
+  for (const FieldRow& row : kFields) {
+    if (row.objType == objType && row.tag == tag) return &row;
+  }
+  return nullptr;
+}
+
+bool isText(int type) { return type == CTLVCell::TLV_STRING; }
+
+bool isNumber(int type) {
+  return type == CTLVCell::TLV_UINT32 || type == CTLVCell::TLV_INT32 ||
+         type == CTLVCell::TLV_UINT8 || type == CTLVCell::TLV_UINT16 ||
+         type == CTLVCell::TLV_UINT64;
 }
 
 }  // namespace
@@ -63,10 +87,8 @@ Json::CharReader* newJsonReader() {
 }
 
 const char* fieldName(uint32_t objType, unsigned short tag) {
-  for (const FieldRow& row : kFields) {
-    if (row.objType == objType && row.tag == tag) return row.name;
-  }
-  return nullptr;
+  const FieldRow* row = fieldRow(objType, tag);
+  return row != nullptr ? row->name : nullptr;
 }
 
 Json::Value cellToJson(const CTLVCell& cell) {
@@ -116,8 +138,19 @@ Json::Value recordToJson(const CR3MRecordV3& record, uint32_t objType) {
   Json::Value object(Json::objectValue);
   for (size_t i = 0; i < record.cellCount(); ++i) {
     const CTLVCell& cell = record.cellAt(i);
-    const char* name = fieldName(objType, cell.getTag());
-    Json::Value& member = name != nullptr ? object[name] : object["tag" + std::to_string(cell.getTag())];
+    const FieldRow* row = fieldRow(objType, cell.getTag());
+    if (row != nullptr && ((row->want == Want::kText && !isText(cell.getType())) ||
+                           (row->want == Want::kNumber && !isNumber(cell.getType())))) {
+      CQPNDebugKitGuard guard(kTraceModule, "recordToJson");
+      guard.warn(0, "recordToJson", __LINE__,
+                 "reply cell %u (%s) of object 0x%X has type %d where %s belongs; left out",
+                 static_cast<unsigned>(cell.getTag()), row->name, objType,
+                 static_cast<int>(cell.getType()),
+                 row->want == Want::kText ? "a text" : "a number");
+      continue;
+    }
+    Json::Value& member =
+        row != nullptr ? object[row->name] : object["tag" + std::to_string(cell.getTag())];
     member = cellToJson(cell);
   }
   return object;
@@ -135,18 +168,25 @@ Json::Value genericReply(const CRequestMsg& request, const CResponseMsg& respons
   const uint32_t objType = replyObjectType(request, response);
   Json::Value data;
   if (request.getMoType() != 0 && isCountRequest(request)) {
-    long long count = 0;
+    Json::Value count(static_cast<Json::Int64>(0));
     if (response.size() > 0) {
       const CTLVCell* cell = response.recordAt(0).find(proto::kTagTotal);
       if (cell != nullptr) {
         try {
-          count = cell->toInt64();
+          const long long value = cell->toInt64();
+          // An unsigned cell keeps its full value (a 64-bit count above the
+          // signed range must not turn negative); a negative count is none.
+          if (cell->getType() != CTLVCell::TLV_INT32) {
+            count = Json::Value(static_cast<Json::UInt64>(value));
+          } else if (value > 0) {
+            count = Json::Value(static_cast<Json::Int64>(value));
+          }
         } catch (const std::exception&) {
-          count = 0;  // a textual count cell reads as no count
+          // a textual count cell reads as no count
         }
       }
     }
-    data["count"] = Json::Value(static_cast<Json::Int64>(count));
+    data["count"] = count;
   } else if (request.getMoType() != 0 && request.getResIDs().empty()) {
     data = Json::Value(Json::arrayValue);
     for (size_t i = 0; i < response.size(); ++i) {

@@ -7,22 +7,43 @@
 #include <cerrno>
 #include <climits>
 #include <cstdio>
+#include <cstring>
 #include <string>
+
+#include "qpn_debug_kit.h"
+
+namespace {
+
+// Logs why `path` could not be written (errno is the failed call's) and
+// returns -1. The caller's own text says what the file was for.
+int writeFailed(const char* path, const char* step) {
+  const int saved = errno;
+  CQPNDebugKitGuard guard(2, "writeFile");
+  char buffer[256];
+  // The GNU strerror_r returns the text, in `buffer` or a static string.
+  const char* reason = strerror_r(saved, buffer, sizeof(buffer));
+  guard.error(0, "writeFile", __LINE__, "cannot write %s (%s): %s", path, step, reason);
+  return -1;
+}
+
+}  // namespace
 
 int writeFile(const char* path, const char* data, unsigned int length) {
   if (path == nullptr || *path == '\0' || (data == nullptr && length > 0)) return -1;
   const std::string target(path);
   const std::string temp = target + ".part." + std::to_string(getpid());
   const int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  if (fd < 0) return -1;
+  if (fd < 0) return writeFailed(path, "open");
   unsigned int done = 0;
   while (done < length) {
     const ssize_t n = write(fd, data + done, length - done);
     if (n < 0) {
       if (errno == EINTR) continue;
+      const int saved = errno;
       close(fd);
       unlink(temp.c_str());
-      return -1;
+      errno = saved;
+      return writeFailed(path, "write");
     }
     done += static_cast<unsigned int>(n);
   }
@@ -31,12 +52,16 @@ int writeFile(const char* path, const char* data, unsigned int length) {
   // is an upload staged for the backend, which reads it at once and syncs
   // what it keeps; waiting for the disk here only added to every import.
   if (close(fd) != 0) {
+    const int saved = errno;
     unlink(temp.c_str());
-    return -1;
+    errno = saved;
+    return writeFailed(path, "close");
   }
   if (rename(temp.c_str(), target.c_str()) != 0) {
+    const int saved = errno;
     unlink(temp.c_str());
-    return -1;
+    errno = saved;
+    return writeFailed(path, "rename");
   }
   return static_cast<int>(length);
 }

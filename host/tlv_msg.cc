@@ -1,3 +1,4 @@
+#include <chrono>
 #include <memory>
 #include <mutex>
 
@@ -44,6 +45,10 @@ int CTlvMsg::sendMessage(const CDeviceID& device, const UserContext& user, CR3MP
   }
   TlvCall call{device, user, std::move(interfaceVersion), timeout, target};
   long long code = 0;
+  // The backend runs on this thread: the time-out cannot cut it short, but
+  // an answer that comes after it is not used. Two clock reads per call keep
+  // the check off the hot path's cost.
+  const auto started = std::chrono::steady_clock::now();
   try {
     code = backend->handle(call, request, reply);
   } catch (const QPNException&) {
@@ -52,6 +57,21 @@ int CTlvMsg::sendMessage(const CDeviceID& device, const UserContext& user, CR3MP
     guard.error(0, "sendMessage", __LINE__, "backend failed on command 0x%08X: %s", command,
                 e.what());
     throw QPNExceptionWithErrCode_(kErrBackendFailure, kSource, __LINE__, false, nullptr);
+  }
+  if (timeout > 0) {
+    const long long tookMs = std::chrono::duration_cast<std::chrono::milliseconds>(
+                                 std::chrono::steady_clock::now() - started)
+                                 .count();
+    if (tookMs > timeout * 1000LL) {
+      // Late: the caller has been told nothing yet, but the answer is past
+      // its use. What the backend did (a write, say) stays done.
+      reply.clear();
+      guard.error(0, "sendMessage", __LINE__,
+                  "command 0x%08X answered after %lld ms, over its time-out of %d s; the "
+                  "answer (code %lld) is discarded",
+                  command, tookMs, timeout, code);
+      throw QPNExceptionWithErrCode_(kErrBackendTimeout, kSource, __LINE__, false, nullptr);
+    }
   }
   if (code != 0) {
     guard.debug(0, "sendMessage", __LINE__, "command 0x%08X answered with code %lld", command,

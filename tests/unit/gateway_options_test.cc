@@ -62,6 +62,21 @@ TEST(GatewayOptionsTest, Refusals) {
   }
 }
 
+// --read-timeout bounds the wait for a client that stopped sending; tests
+// set it low so that a stalled upload ends in a second.
+TEST(GatewayOptionsTest, ReadTimeout) {
+  gw::GatewayOptions options;
+  std::string error;
+  ASSERT_TRUE(gw::parseOptions({}, &options, &error));
+  EXPECT_EQ(options.readTimeout, 30);
+  ASSERT_TRUE(gw::parseOptions({"--read-timeout", "2"}, &options, &error)) << error;
+  EXPECT_EQ(options.readTimeout, 2);
+  for (const char* bad : {"0", "3601", "x"}) {
+    EXPECT_FALSE(gw::parseOptions({"--read-timeout", bad}, &options, &error)) << bad;
+    EXPECT_EQ(error, std::string("--read-timeout wants seconds from 1 to 3600, not '") + bad + "'");
+  }
+}
+
 TEST(GatewayOptionsTest, HostPort) {
   std::string host;
   int port = 0;

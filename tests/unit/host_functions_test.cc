@@ -9,6 +9,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "trace_capture.h"
+
 namespace {
 
 std::string readAll(const std::string& path) {
@@ -51,6 +53,18 @@ TEST(WriteFileTest, FailsWithNegativeResultAndLeavesNothing) {
   EXPECT_LT(writeFile("", "x", 1), 0);
   EXPECT_LT(writeFile((dir.path() + "/n").c_str(), nullptr, 3), 0);
   EXPECT_NE(access((dir.path() + "/n").c_str(), F_OK), 0);
+}
+
+// A failed write names the file, the step and the system's reason, so that
+// a full or read-only disk can be told from a bad path.
+TEST(WriteFileTest, FailureIsLoggedWithFileAndReason) {
+  TempDir dir;
+  const std::string path = dir.path() + "/missing/ca.pem";
+  TraceCapture trace;
+  EXPECT_LT(writeFile(path.c_str(), "x", 1), 0);
+  EXPECT_TRUE(trace.has(TraceLevel::kError,
+                        "cannot write " + path + " (open): No such file or directory"))
+      << trace.dump();
 }
 
 TEST(WriteFileTest, NewFileIsPrivateUntilTheCallerChangesIt) {
