@@ -12,6 +12,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <zlib.h>
 
 #include <gtest/gtest.h>
 
@@ -390,6 +391,43 @@ TEST_F(SecurityE2E, RequestHiddenInARefusedBodyIsNeverServed) {
   const RawReply inOrder = exchange(port(), hidden.substr(0, hidden.find("POST ")), "", 500);
   EXPECT_EQ(statusLine(inOrder.text), "HTTP/1.1 200 OK") << inOrder.text;
   EXPECT_FALSE(valid(token));
+}
+
+// `text` in gzip format.
+std::string gzip(const std::string& text) {
+  z_stream stream{};
+  if (deflateInit2(&stream, Z_BEST_COMPRESSION, Z_DEFLATED, 15 + 16, 8, Z_DEFAULT_STRATEGY) !=
+      Z_OK) {
+    return std::string();
+  }
+  std::string out(deflateBound(&stream, text.size()), '\0');
+  stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(text.data()));
+  stream.avail_in = static_cast<uInt>(text.size());
+  stream.next_out = reinterpret_cast<Bytef*>(&out[0]);
+  stream.avail_out = static_cast<uInt>(out.size());
+  const int result = deflate(&stream, Z_FINISH);
+  out.resize(stream.total_out);
+  deflateEnd(&stream);
+  return result == Z_STREAM_END ? out : std::string();
+}
+
+TEST_F(SecurityE2E, CompressedBodiesCountAfterInflating) {
+  // cpp-httplib inflates gzip bodies; the limit applies to what comes out,
+  // so a small body that inflates to 32 MiB is refused, not unpacked.
+  const std::string bomb = gzip("[" + std::string(32 * 1024 * 1024, ' ') + "]");
+  ASSERT_FALSE(bomb.empty());
+  ASSERT_LT(bomb.size(), kMaxBody * 16);
+  const std::string head =
+      "POST /sessions HTTP/1.1\r\nHost: x\r\nContent-Type: application/json\r\n"
+      "Content-Encoding: gzip\r\nContent-Length: ";
+  const RawReply refused = exchange(port(), head + std::to_string(bomb.size()) + "\r\n\r\n" + bomb);
+  EXPECT_EQ(statusLine(refused.text), "HTTP/1.1 413 Payload Too Large");
+  EXPECT_TRUE(refused.closed);
+  // A compressed login within the limit is served.
+  const std::string login = gzip(loginJson("apiuser", gateway_->password()));
+  const RawReply served = exchange(
+      port(), head + std::to_string(login.size()) + "\r\nConnection: close\r\n\r\n" + login);
+  EXPECT_EQ(statusLine(served.text), "HTTP/1.1 200 OK") << served.text;
 }
 
 // --- Sessions ----------------------------------------------------------------
