@@ -2,11 +2,15 @@
 
 #include <httplib.h>
 
+#include <arpa/inet.h>
+#include <dirent.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <strings.h>
 
 #include <cctype>
+#include <cstdlib>
 #include <chrono>
 #include <memory>
 
@@ -24,6 +28,8 @@ using Clock = std::chrono::steady_clock;
 // thread-locals.
 thread_local Clock::time_point t_started;
 thread_local std::string t_user;
+// The connection is to be closed after this answer, which has no body.
+thread_local bool t_stopReading = false;
 
 // Header lines a request may carry (cpp-httplib adds four of its own).
 constexpr size_t kMaxHeaderCount = 100;
@@ -104,6 +110,60 @@ bool ambiguousFraming(const httplib::Request& req) {
   const size_t lengths = req.get_header_value_count("Content-Length");
   const bool coded = req.has_header("Transfer-Encoding");
   return lengths > 1 || (lengths == 1 && coded) || (coded && !isChunked(req));
+}
+
+// Whether cpp-httplib reads a request body for `method` (it does for these
+// only).
+bool expectsBody(const std::string& method) {
+  return method == "POST" || method == "PUT" || method == "PATCH" || method == "DELETE";
+}
+
+// The address text of a socket address, as cpp-httplib writes it.
+std::string addressText(const sockaddr_storage& address, int* port) {
+  char text[INET6_ADDRSTRLEN] = "";
+  if (address.ss_family == AF_INET) {
+    const auto* in = reinterpret_cast<const sockaddr_in*>(&address);
+    inet_ntop(AF_INET, &in->sin_addr, text, sizeof(text));
+    *port = ntohs(in->sin_port);
+  } else if (address.ss_family == AF_INET6) {
+    const auto* in6 = reinterpret_cast<const sockaddr_in6*>(&address);
+    inet_ntop(AF_INET6, &in6->sin6_addr, text, sizeof(text));
+    *port = ntohs(in6->sin6_port);
+  }
+  return text;
+}
+
+// Ends reading on the connection `req` came on, so that cpp-httplib closes it
+// instead of waiting for another request. Only once the answer is out:
+// cpp-httplib writes nothing more to a socket it cannot read. For answers
+// without a body (HEAD), which closeAfter cannot use. The socket is found by its address pair, which only this
+// connection has, and which cannot be closed while its request is served.
+void stopReading(const httplib::Request& req) {
+  if (req.local_port <= 0 || req.remote_port <= 0) return;
+  DIR* fds = opendir("/proc/self/fd");
+  if (fds == nullptr) return;
+  while (const dirent* entry = readdir(fds)) {  // NOLINT(concurrency-mt-unsafe): own stream
+    const int fd = atoi(entry->d_name);
+    if (fd <= 2 || fd == dirfd(fds)) continue;
+    sockaddr_storage local{};
+    sockaddr_storage peer{};
+    socklen_t localSize = sizeof(local);
+    socklen_t peerSize = sizeof(peer);
+    if (getsockname(fd, reinterpret_cast<sockaddr*>(&local), &localSize) != 0 ||
+        getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &peerSize) != 0) {
+      continue;
+    }
+    int localPort = -1;
+    int peerPort = -1;
+    const std::string localText = addressText(local, &localPort);
+    const std::string peerText = addressText(peer, &peerPort);
+    if (localPort == req.local_port && peerPort == req.remote_port &&
+        localText == req.local_addr && peerText == req.remote_addr) {
+      shutdown(fd, SHUT_RD);
+      break;
+    }
+  }
+  closedir(fds);
 }
 
 // The methods the gateway serves; TRACE, CONNECT and others are refused
@@ -193,6 +253,7 @@ void HttpServer::install() {
   svr.set_pre_routing_handler([](const httplib::Request& req, httplib::Response& res) {
     t_started = Clock::now();
     t_user.clear();
+    t_stopReading = false;
     // Each refusal here closes the connection: a body may follow that was
     // never read.
     if (!servedMethod(req.method)) {
@@ -201,9 +262,17 @@ void HttpServer::install() {
       refuse(res, 431, kErrBadRequest, "The request carries too many headers.");
     } else if (ambiguousFraming(req)) {
       refuse(res, 400, kErrBadRequest, "The request body is framed ambiguously.");
+    } else if (!expectsBody(req.method) &&
+               (declaredLength(req) > 0 || req.has_header("Transfer-Encoding"))) {
+      // cpp-httplib does not read a body of these methods; what the client
+      // sent as one would be read as the next request.
+      refuse(res, 400, kErrBadRequest, "This method takes no request body.");
     } else {
       return httplib::Server::HandlerResponse::Unhandled;
     }
+    // A HEAD answer has no body to carry the close; the logger, which runs
+    // once the answer is out, ends reading instead.
+    t_stopReading = req.method == "HEAD";
     return httplib::Server::HandlerResponse::Handled;
   });
   // Headers every answer carries: API answers hold session data and are
@@ -323,6 +392,10 @@ void HttpServer::install() {
         std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - started).count();
     record.user = t_user;
     accessLog.write(record);
+    if (t_stopReading) {
+      t_stopReading = false;
+      stopReading(req);
+    }
   });
 }
 

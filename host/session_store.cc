@@ -48,7 +48,7 @@ struct SessionStore::Impl {
   std::map<std::string, Entry> sessions;  // by the token's selector
 
   // The entry of `token`, or sessions.end().
-  std::map<std::string, Entry>::iterator find(const std::string& token) {
+  std::map<std::string, Entry>::iterator entryOf(const std::string& token) {
     if (token.size() <= kSelectorChars) return sessions.end();
     auto it = sessions.find(selectorOf(token));
     if (it == sessions.end() || !sameSecret(it->second.token, token)) return sessions.end();
@@ -97,7 +97,7 @@ bool SessionStore::lookup(const std::string& token, CSessionInfo& info) {
   std::string endedId;
   {
     std::lock_guard<std::mutex> lock(impl_->mutex);
-    auto it = impl_->find(token);
+    auto it = impl_->entryOf(token);
     if (it == impl_->sessions.end()) return false;
     const time_t now = impl_->now();
     if (!impl_->idle(it->second, now)) {
@@ -119,7 +119,7 @@ bool SessionStore::remove(const std::string& token) {
   std::string endedId;
   {
     std::lock_guard<std::mutex> lock(impl_->mutex);
-    auto it = impl_->find(token);
+    auto it = impl_->entryOf(token);
     if (it == impl_->sessions.end()) return false;
     endedId = it->second.session->getId();
     impl_->sessions.erase(it);

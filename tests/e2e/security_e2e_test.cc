@@ -11,6 +11,7 @@
 #include <openssl/ssl.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <zlib.h>
 
@@ -241,6 +242,17 @@ TEST_F(SecurityE2E, UploadFileNamesNeverBecomePaths) {
     EXPECT_EQ(path.compare(0, root.size() + 6, root + "/data/"), 0)
         << path << " is new and outside the data folder";
   }
+  // What is inside is the gateway's alone: folders 0700, files without group
+  // or other access.
+  for (const std::string& path : tree(root + "/data")) {
+    struct stat st;
+    ASSERT_EQ(lstat(path.c_str(), &st), 0) << path;
+    if (S_ISDIR(st.st_mode)) {
+      EXPECT_EQ(st.st_mode & 0777, 0700u) << path;
+    } else {
+      EXPECT_EQ(st.st_mode & 0077, 0u) << path;
+    }
+  }
   // Nor next to the data folder's parent, in /tmp, or where the gateway runs.
   for (const std::string& dir : {folderOf(root), std::string("/tmp"),
                                  folderOf(NOX_GATEWAY_BIN), folderOf(folderOf(NOX_GATEWAY_BIN))}) {
@@ -386,6 +398,28 @@ TEST_F(SecurityE2E, RequestHiddenInARefusedBodyIsNeverServed) {
   const RawReply traced = exchange(port(), "TRACE / HTTP/1.1\r\nHost: x\r\n\r\n", hidden);
   EXPECT_EQ(answers(traced.text), 1u) << traced.text;
   EXPECT_TRUE(valid(token)) << "the hidden logout was served";
+
+  // cpp-httplib reads no body of GET, HEAD or OPTIONS: such a request with a
+  // body is refused and its connection closed, a HEAD answer (which has no
+  // body) included.
+  std::string fillers;
+  for (int i = 0; i < 150; ++i) fillers += "X-Filler-" + std::to_string(i) + ": v\r\n";
+  for (const std::string& method :
+       {std::string("GET"), std::string("HEAD"), std::string("OPTIONS")}) {
+    for (const std::string& extra : {std::string(), fillers}) {
+      const RawReply bodied = exchange(port(), method + " /healthz HTTP/1.1\r\nHost: x\r\n" +
+                                                   extra + "Content-Length: " +
+                                                   std::to_string(hidden.size()) + "\r\n\r\n",
+                                       hidden, 1000);
+      EXPECT_EQ(answers(bodied.text), 1u) << method << bodied.text;
+      EXPECT_EQ(statusLine(bodied.text),
+                extra.empty() ? "HTTP/1.1 400 Bad Request"
+                              : "HTTP/1.1 431 Request Header Fields Too Large")
+          << method;
+      EXPECT_TRUE(bodied.closed) << method;
+      EXPECT_TRUE(valid(token)) << "the hidden logout was served after " << method;
+    }
+  }
 
   // Control: on a connection that is in order, the same logout is served.
   const RawReply inOrder = exchange(port(), hidden.substr(0, hidden.find("POST ")), "", 500);
