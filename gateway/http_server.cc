@@ -5,13 +5,11 @@
 #include <arpa/inet.h>
 #include <dirent.h>
 #include <netinet/in.h>
+#include <strings.h>
 #include <sys/socket.h>
 
-#include <strings.h>
-
-#include <cctype>
-#include <cstdlib>
 #include <chrono>
+#include <cstdlib>
 #include <memory>
 
 #include "error_table.h"
@@ -136,8 +134,9 @@ std::string addressText(const sockaddr_storage& address, int* port) {
 // Ends reading on the connection `req` came on, so that cpp-httplib closes it
 // instead of waiting for another request. Only once the answer is out:
 // cpp-httplib writes nothing more to a socket it cannot read. For answers
-// without a body (HEAD), which closeAfter cannot use. The socket is found by its address pair, which only this
-// connection has, and which cannot be closed while its request is served.
+// without a body (HEAD), which closeAfter cannot use. The socket is found by
+// its address pair, which only this connection has, and which cannot be
+// closed while its request is served.
 void stopReading(const httplib::Request& req) {
   if (req.local_port <= 0 || req.remote_port <= 0) return;
   DIR* fds = opendir("/proc/self/fd");
