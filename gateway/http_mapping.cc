@@ -123,10 +123,15 @@ long long fillBody(const HttpInput& in, size_t maxBody, CRequestMsg& request) {
   // JSON when declared so, or when no type is declared at all; other types
   // carry nothing the operations read.
   if (!type.empty() && !startsWithNoCase(type, kJsonType)) return 0;
+  // newJsonReader stops at a nesting depth no request needs, by throwing.
   std::unique_ptr<Json::CharReader> reader(newJsonReader());
   Json::Value json;
   std::string errors;
-  if (!reader->parse(in.body.data(), in.body.data() + in.body.size(), &json, &errors)) {
+  try {
+    if (!reader->parse(in.body.data(), in.body.data() + in.body.size(), &json, &errors)) {
+      return kErrBadRequest;
+    }
+  } catch (const std::exception&) {
     return kErrBadRequest;
   }
   body.setJson(json);

@@ -2,10 +2,15 @@
 
 #include <httplib.h>
 
+#include <arpa/inet.h>
+#include <dirent.h>
+#include <netinet/in.h>
+#include <strings.h>
 #include <sys/socket.h>
 
-#include <cctype>
 #include <chrono>
+#include <cstdlib>
+#include <memory>
 
 #include "error_table.h"
 #include "qpn_debug_kit.h"
@@ -24,6 +29,12 @@ constexpr int kTraceModule = 4;  // the gateway's records in the trace log
 // thread-locals.
 thread_local Clock::time_point t_started;
 thread_local std::string t_user;
+// The connection is to be closed after this answer, which has no body.
+thread_local bool t_stopReading = false;
+
+// Header lines a request may carry (cpp-httplib adds four of its own).
+constexpr size_t kMaxHeaderCount = 100;
+constexpr size_t kLibraryHeaders = 4;
 
 HttpInput toInput(const httplib::Request& req) {
   HttpInput in;
@@ -34,17 +45,138 @@ HttpInput toInput(const httplib::Request& req) {
   return in;
 }
 
-void writeOutput(const HttpOutput& out, httplib::Response& res) {
+// Over HTTPS the session cookie is marked Secure, so that a browser never
+// sends it over plain HTTP.
+void writeOutput(const HttpOutput& out, httplib::Response& res, bool secure) {
   res.status = out.status;
-  for (const auto& header : out.headers) res.headers.emplace(header.first, header.second);
+  for (const auto& header : out.headers) {
+    std::string value = header.second;
+    if (secure && strcasecmp(header.first.c_str(), "Set-Cookie") == 0 &&
+        value.find("; Secure") == std::string::npos) {
+      value += "; Secure";
+    }
+    res.headers.emplace(header.first, value);
+  }
   res.set_content(out.body, out.contentType.empty() ? "application/json" : out.contentType);
   t_user = out.user;
 }
 
 bool isChunked(const httplib::Request& req) {
-  std::string value = req.get_header_value("Transfer-Encoding");
-  for (char& c : value) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return value.find("chunked") != std::string::npos;
+  return strcasecmp(req.get_header_value("Transfer-Encoding").c_str(), "chunked") == 0;
+}
+
+// The Content-Length of `req`, 0 without one; a value that is not a number
+// counts as endless.
+unsigned long long declaredLength(const httplib::Request& req) {
+  if (!req.has_header("Content-Length")) return 0;
+  const std::string value = req.get_header_value("Content-Length");
+  if (value.empty() || value.find_first_not_of("0123456789") != std::string::npos ||
+      value.size() > 19) {
+    return ~0ULL;
+  }
+  return std::stoull(value);
+}
+
+// Sends the body of `res` (already set) and then ends the connection. Used
+// when the bytes after this request cannot be trusted to start a new one: a
+// body left unread, a framing the gateway refuses. cpp-httplib keeps a
+// connection while its handlers succeed, so the body goes out through a
+// content provider that reports failure once everything is written.
+void closeAfter(httplib::Response& res) {
+  auto body = std::make_shared<std::string>(std::move(res.body));
+  res.body.clear();
+  std::string type = res.get_header_value("Content-Type");
+  if (type.empty()) type = "application/json";
+  res.headers.erase("Content-Type");
+  res.headers.erase("Connection");
+  res.set_header("Connection", "close");
+  res.set_content_provider(
+      body->size(), type, [body](size_t offset, size_t length, httplib::DataSink& sink) {
+        if (offset < body->size()) sink.write(body->data() + offset, length);
+        return false;
+      });
+}
+
+// Answers with the error envelope of `code` under `status` and closes.
+void refuse(httplib::Response& res, int status, long long code, const std::string& description) {
+  res.status = status;
+  res.set_content(toCompactJson(errorEnvelope(code, description)), "application/json");
+  closeAfter(res);
+}
+
+// Framing the gateway does not accept: Content-Length given twice, both a
+// length and chunks (a front proxy and the gateway could then disagree on
+// where the request ends), or a transfer coding other than plain chunks.
+bool ambiguousFraming(const httplib::Request& req) {
+  const size_t lengths = req.get_header_value_count("Content-Length");
+  const bool coded = req.has_header("Transfer-Encoding");
+  return lengths > 1 || (lengths == 1 && coded) || (coded && !isChunked(req));
+}
+
+// Whether cpp-httplib reads a request body for `method` (it does for these
+// only).
+bool expectsBody(const std::string& method) {
+  return method == "POST" || method == "PUT" || method == "PATCH" || method == "DELETE";
+}
+
+// The address text of a socket address, as cpp-httplib writes it.
+std::string addressText(const sockaddr_storage& address, int* port) {
+  char text[INET6_ADDRSTRLEN] = "";
+  if (address.ss_family == AF_INET) {
+    const auto* in = reinterpret_cast<const sockaddr_in*>(&address);
+    inet_ntop(AF_INET, &in->sin_addr, text, sizeof(text));
+    *port = ntohs(in->sin_port);
+  } else if (address.ss_family == AF_INET6) {
+    const auto* in6 = reinterpret_cast<const sockaddr_in6*>(&address);
+    inet_ntop(AF_INET6, &in6->sin6_addr, text, sizeof(text));
+    *port = ntohs(in6->sin6_port);
+  }
+  return text;
+}
+
+// Ends reading on the connection `req` came on, so that cpp-httplib closes it
+// instead of waiting for another request. Only once the answer is out:
+// cpp-httplib writes nothing more to a socket it cannot read. For answers
+// without a body (HEAD), which closeAfter cannot use. The socket is found by
+// its address pair, which only this connection has, and which cannot be
+// closed while its request is served.
+void stopReading(const httplib::Request& req) {
+  if (req.local_port <= 0 || req.remote_port <= 0) return;
+  DIR* fds = opendir("/proc/self/fd");
+  if (fds == nullptr) return;
+  while (const dirent* entry = readdir(fds)) {  // NOLINT(concurrency-mt-unsafe): own stream
+    const int fd = atoi(entry->d_name);
+    if (fd <= 2 || fd == dirfd(fds)) continue;
+    sockaddr_storage local{};
+    sockaddr_storage peer{};
+    socklen_t localSize = sizeof(local);
+    socklen_t peerSize = sizeof(peer);
+    if (getsockname(fd, reinterpret_cast<sockaddr*>(&local), &localSize) != 0 ||
+        getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &peerSize) != 0) {
+      continue;
+    }
+    int localPort = -1;
+    int peerPort = -1;
+    const std::string localText = addressText(local, &localPort);
+    const std::string peerText = addressText(peer, &peerPort);
+    if (localPort == req.local_port && peerPort == req.remote_port &&
+        localText == req.local_addr && peerText == req.remote_addr) {
+      shutdown(fd, SHUT_RD);
+      break;
+    }
+  }
+  closedir(fds);
+}
+
+// The methods the gateway serves; TRACE, CONNECT and others are refused
+// before routing.
+bool servedMethod(const std::string& method) {
+  static const char* const kServed[] = {"GET", "HEAD", "POST", "PUT", "PATCH", "DELETE",
+                                        "OPTIONS"};
+  for (const char* served : kServed) {
+    if (method == served) return true;
+  }
+  return false;
 }
 
 // The envelope for answers cpp-httplib makes itself (body too large,
@@ -120,25 +252,60 @@ void HttpServer::install() {
   svr.set_read_timeout(config_.readTimeout);
   svr.set_write_timeout(config_.readTimeout);
 
-  svr.set_pre_routing_handler([](const httplib::Request&, httplib::Response&) {
+  svr.set_pre_routing_handler([](const httplib::Request& req, httplib::Response& res) {
     t_started = Clock::now();
     t_user.clear();
-    return httplib::Server::HandlerResponse::Unhandled;
+    t_stopReading = false;
+    // Each refusal here closes the connection: a body may follow that was
+    // never read.
+    if (!servedMethod(req.method)) {
+      refuse(res, 405, kErrMethodNotAllowed, describeCode(kErrMethodNotAllowed));
+    } else if (req.headers.size() > kMaxHeaderCount + kLibraryHeaders) {
+      refuse(res, 431, kErrBadRequest, "The request carries too many headers.");
+    } else if (ambiguousFraming(req)) {
+      refuse(res, 400, kErrBadRequest, "The request body is framed ambiguously.");
+    } else if (!expectsBody(req.method) &&
+               (declaredLength(req) > 0 || req.has_header("Transfer-Encoding"))) {
+      // cpp-httplib does not read a body of these methods; what the client
+      // sent as one would be read as the next request.
+      refuse(res, 400, kErrBadRequest, "This method takes no request body.");
+    } else {
+      return httplib::Server::HandlerResponse::Unhandled;
+    }
+    // A HEAD answer has no body to carry the close; the logger, which runs
+    // once the answer is out, ends reading instead.
+    t_stopReading = req.method == "HEAD";
+    return httplib::Server::HandlerResponse::Handled;
+  });
+  // Headers every answer carries: API answers hold session data and are
+  // never to be cached or sniffed as another type.
+  svr.set_post_routing_handler([](const httplib::Request&, httplib::Response& res) {
+    if (!res.has_header("Cache-Control")) res.set_header("Cache-Control", "no-store");
+    res.set_header("X-Content-Type-Options", "nosniff");
+    res.set_header("Content-Security-Policy", "default-src 'none'; frame-ancestors 'none'");
+    if (res.get_header_value("Connection") == "close") res.headers.erase("Keep-Alive");
   });
 
+  const bool secure = !config_.tlsCert.empty();
   const Dispatcher& dispatcher = dispatcher_;
-  httplib::Server::Handler plain = [&dispatcher](const httplib::Request& req,
-                                                 httplib::Response& res) {
+  httplib::Server::Handler plain = [&dispatcher, secure](const httplib::Request& req,
+                                                         httplib::Response& res) {
     HttpInput in = toInput(req);
     in.body = req.body;
-    writeOutput(dispatcher.handle(in), res);
+    writeOutput(dispatcher.handle(in), res, secure);
   };
   // Chunked bodies carry no length for cpp-httplib to check, so the
   // receivers count too.
   const size_t limit = config_.maxBody + kMultipartOverhead;
   httplib::Server::HandlerWithContentReader reading =
-      [&dispatcher, limit](const httplib::Request& req, httplib::Response& res,
-                           const httplib::ContentReader& reader) {
+      [&dispatcher, limit, secure](const httplib::Request& req, httplib::Response& res,
+                                   const httplib::ContentReader& reader) {
+        // A declared length over the limit is refused before a byte of the
+        // body is read (cpp-httplib would otherwise read and drop all of it).
+        if (declaredLength(req) > limit) {
+          refuse(res, 413, kErrBodyTooLarge, describeCode(kErrBodyTooLarge));
+          return;
+        }
         HttpInput in = toInput(req);
         size_t received = 0;
         bool tooLarge = false;
@@ -186,15 +353,13 @@ void HttpServer::install() {
                            : "(chunked)");
           }
           const long long code = tooLarge ? kErrBodyTooLarge : kErrBadRequest;
-          HttpOutput out = errorOutput(
-              code, tooLarge ? describeCode(code) : "The request body could not be read.");
-          writeOutput(out, res);
           // The rest of the body may still be on the wire: this connection
           // cannot carry another request.
-          res.set_header("Connection", "close");
+          refuse(res, httpStatusForCode(code), code,
+                 tooLarge ? describeCode(code) : "The request body could not be read.");
           return;
         }
-        writeOutput(dispatcher.handle(in), res);
+        writeOutput(dispatcher.handle(in), res, secure);
       };
   const char* const kAll = ".*";
   svr.Get(kAll, plain);
@@ -207,9 +372,14 @@ void HttpServer::install() {
 
   svr.set_error_handler(
       httplib::Server::HandlerWithResponse([](const httplib::Request&, httplib::Response& res) {
-        if (!res.body.empty()) return httplib::Server::HandlerResponse::Unhandled;
+        if (!res.body.empty() || res.content_provider_) {
+          return httplib::Server::HandlerResponse::Unhandled;
+        }
+        // cpp-httplib's own refusals (a request line or header it could not
+        // read, a body over its limit) leave the connection at an unknown
+        // place in the stream: the answer ends it.
         const long long code = codeForLibraryStatus(res.status);
-        res.set_content(toCompactJson(errorEnvelope(code, describeCode(code))), "application/json");
+        refuse(res, res.status, code, describeCode(code));
         return httplib::Server::HandlerResponse::Handled;
       }));
   svr.set_exception_handler(
@@ -227,11 +397,18 @@ void HttpServer::install() {
     const size_t mark = req.target.find('?');
     record.path = req.target.substr(0, mark);
     record.status = res.status;
-    record.bytes = res.body.size();
+    record.bytes = res.body.empty() ? res.content_length_ : res.body.size();
+    // Requests cpp-httplib refuses before routing never set the start time.
+    const Clock::time_point started = t_started == Clock::time_point() ? Clock::now() : t_started;
+    t_started = Clock::time_point();
     record.milliseconds =
-        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t_started).count();
+        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - started).count();
     record.user = t_user;
     accessLog.write(record);
+    if (t_stopReading) {
+      t_stopReading = false;
+      stopReading(req);
+    }
   });
 }
 

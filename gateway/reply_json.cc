@@ -2,6 +2,7 @@
 
 #include <strings.h>
 
+#include <exception>
 #include <memory>
 #include <string>
 
@@ -81,6 +82,8 @@ Json::CharReader* newJsonReader() {
   static const Json::CharReaderBuilder* const kBuilder = [] {
     auto* builder = new Json::CharReaderBuilder;
     (*builder)["collectComments"] = false;
+    // Deeper JSON is refused (parse() throws) rather than followed down.
+    (*builder)["stackLimit"] = kMaxJsonDepth;
     return builder;
   }();
   return kBuilder->newCharReader();
@@ -115,7 +118,11 @@ Json::Value cellToJson(const CTLVCell& cell) {
       const char* text = reinterpret_cast<const char*>(bytes);
       std::unique_ptr<Json::CharReader> reader(newJsonReader());
       Json::Value parsed;
-      if (reader->parse(text, text + cell.getLength(), &parsed, nullptr)) return parsed;
+      try {
+        if (reader->parse(text, text + cell.getLength(), &parsed, nullptr)) return parsed;
+      } catch (const std::exception&) {
+        // Nested too deeply: kept as text like any other text that is not JSON.
+      }
       return Json::Value(text, text + cell.getLength());
     }
     case CTLVCell::TLV_BINARY: {

@@ -27,8 +27,13 @@
 
 namespace gw {
 
-// A JSON reader for text from the backend or a client (comments dropped),
-// made from settings built once. The caller owns it.
+// Nesting depth beyond which newJsonReader's parse() throws (jsoncpp's way
+// of refusing it); no request or stored text needs more.
+constexpr int kMaxJsonDepth = 100;
+
+// A JSON reader for text from the backend or a client (comments dropped,
+// nesting at most kMaxJsonDepth levels), made from settings built once. The
+// caller owns it.
 Json::CharReader* newJsonReader();
 
 // The member name of `tag` in objects of `objType`, or null when the table

@@ -14,6 +14,24 @@ constexpr size_t kTokenBytes = 32;
 constexpr size_t kIdBytes = 16;
 constexpr int kDefaultIdleTimeout = 1800;
 
+// The table is keyed by the token's first half only (128 bits, hex); the
+// whole token is then compared in constant time. A lookup's timing can thus
+// tell an attacker at most how much of a key matched, never of the half that
+// is checked, so guessing a token byte by byte from response times fails.
+constexpr size_t kSelectorChars = 32;
+
+std::string selectorOf(const std::string& token) { return token.substr(0, kSelectorChars); }
+
+// Compares without stopping at the first difference.
+bool sameSecret(const std::string& a, const std::string& b) {
+  if (a.size() != b.size()) return false;
+  unsigned char diff = 0;
+  for (size_t i = 0; i < a.size(); ++i) {
+    diff |= static_cast<unsigned char>(a[i] ^ b[i]);
+  }
+  return diff == 0;
+}
+
 }  // namespace
 
 struct SessionStore::Impl {
@@ -23,10 +41,19 @@ struct SessionStore::Impl {
     UserContext user;
     std::string language;
     time_t lastSeen = 0;
+    std::string token;
   };
 
   mutable std::mutex mutex;
-  std::map<std::string, Entry> sessions;  // by token
+  std::map<std::string, Entry> sessions;  // by the token's selector
+
+  // The entry of `token`, or sessions.end().
+  std::map<std::string, Entry>::iterator entryOf(const std::string& token) {
+    if (token.size() <= kSelectorChars) return sessions.end();
+    auto it = sessions.find(selectorOf(token));
+    if (it == sessions.end() || !sameSecret(it->second.token, token)) return sessions.end();
+    return it;
+  }
   int idleTimeout = kDefaultIdleTimeout;
   time_t (*clock)() = nullptr;
 
@@ -56,11 +83,12 @@ std::shared_ptr<HttpSession> SessionStore::create(const CDeviceID& device,
   std::lock_guard<std::mutex> lock(impl_->mutex);
   do {
     newToken = secureRandomHex(kTokenBytes);
-  } while (impl_->sessions.count(newToken) != 0);
+  } while (impl_->sessions.count(selectorOf(newToken)) != 0);
+  entry.token = newToken;
   entry.session = std::make_shared<HttpSession>(secureRandomHex(kIdBytes));
   entry.lastSeen = impl_->now();
   std::shared_ptr<HttpSession> session = entry.session;
-  impl_->sessions.emplace(newToken, std::move(entry));
+  impl_->sessions.emplace(selectorOf(newToken), std::move(entry));
   *token = newToken;
   return session;
 }
@@ -69,7 +97,7 @@ bool SessionStore::lookup(const std::string& token, CSessionInfo& info) {
   std::string endedId;
   {
     std::lock_guard<std::mutex> lock(impl_->mutex);
-    auto it = impl_->sessions.find(token);
+    auto it = impl_->entryOf(token);
     if (it == impl_->sessions.end()) return false;
     const time_t now = impl_->now();
     if (!impl_->idle(it->second, now)) {
@@ -91,7 +119,7 @@ bool SessionStore::remove(const std::string& token) {
   std::string endedId;
   {
     std::lock_guard<std::mutex> lock(impl_->mutex);
-    auto it = impl_->sessions.find(token);
+    auto it = impl_->entryOf(token);
     if (it == impl_->sessions.end()) return false;
     endedId = it->second.session->getId();
     impl_->sessions.erase(it);

@@ -1,11 +1,13 @@
-// The gateway's logged-in sessions, keyed by their secret token.
+// The gateway's logged-in sessions, found by their secret token.
 //
 // A token is 128 random bits or more from the operating system's generator,
 // written as hex; it is the client's credential and is never logged. Each
 // session also has a public identifier (HttpSession::getId), which is what
 // logs and RedirectInfoMgr keys use. A session ends at logout or after
 // idleTimeout seconds without a request (default 1800). Ending a session,
-// whichever way, also forgets its RedirectInfoMgr entry.
+// whichever way, also forgets its RedirectInfoMgr entry. Lookups find the
+// session by the token's first half and compare the whole token in constant
+// time.
 //
 // Thread-safety: every member may be called from any thread.
 #ifndef NOX_HOST_SESSION_STORE_H_

@@ -552,6 +552,15 @@ TEST(ReplyJsonTest, CellsByType) {
   std::string notJson = "{oops";
   broken.set_i(CTLVCell::TLV_JSON, 4, &notJson[0], notJson.size());
   EXPECT_EQ(gw::cellToJson(broken), Json::Value("{oops"));  // kept as text
+  // Nesting beyond the reader's limit is not followed down: kept as text too.
+  CTLVCell deep;
+  std::string nested = std::string(500, '[') + std::string(500, ']');
+  deep.set_i(CTLVCell::TLV_JSON_ARRAY, 6, &nested[0], nested.size());
+  EXPECT_EQ(gw::cellToJson(deep), Json::Value(nested));
+  std::string shallow = std::string(gw::kMaxJsonDepth - 1, '[') +
+                        std::string(gw::kMaxJsonDepth - 1, ']');
+  deep.set_i(CTLVCell::TLV_JSON_ARRAY, 6, &shallow[0], shallow.size());
+  EXPECT_TRUE(gw::cellToJson(deep).isArray());
   CTLVCell big;
   big.setUInt64(5, 18446744073709551615ULL);
   EXPECT_EQ(gw::cellToJson(big).asUInt64(), 18446744073709551615ULL);

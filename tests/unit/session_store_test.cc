@@ -5,6 +5,7 @@
 
 #include <regex>
 #include <set>
+#include <vector>
 
 #include "login_op.h"
 #include "unit/login_test_rig.h"
@@ -131,6 +132,29 @@ TEST_F(SessionStoreTest, CreateDropsWhatHasGoneIdle) {
   g_testNow += 1800;
   open();
   EXPECT_EQ(store().size(), 1u);
+}
+
+TEST_F(SessionStoreTest, OnlyTheWholeTokenOpensTheSession) {
+  // The store finds a session by the token's first half; the second half is
+  // what proves the caller holds the token, so a token that agrees on the
+  // first half, or a prefix or extension of the real one, opens nothing.
+  const std::string token = open();
+  ASSERT_EQ(token.size(), 64u);
+  std::string otherHalf = token;
+  otherHalf[63] = otherHalf[63] == '0' ? '1' : '0';
+  std::string firstHalfOnly = token.substr(0, 32);
+  const std::vector<std::string> wrong = {otherHalf, firstHalfOnly, token.substr(0, 63),
+                                          token + "0", token.substr(0, 32) + std::string(32, '0'),
+                                          ""};
+  for (const std::string& candidate : wrong) {
+    CSessionInfo info;
+    EXPECT_FALSE(store().lookup(candidate, info)) << candidate;
+    EXPECT_FALSE(store().remove(candidate)) << candidate;
+  }
+  CSessionInfo info;
+  EXPECT_TRUE(store().lookup(token, info));
+  EXPECT_TRUE(store().remove(token));
+  EXPECT_FALSE(store().lookup(token, info));
 }
 
 }  // namespace
