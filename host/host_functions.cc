@@ -32,7 +32,7 @@ int writeFile(const char* path, const char* data, unsigned int length) {
   if (path == nullptr || *path == '\0' || (data == nullptr && length > 0)) return -1;
   const std::string target(path);
   const std::string temp = target + ".part." + std::to_string(getpid());
-  const int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  const int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (fd < 0) return writeFailed(path, "open");
   unsigned int done = 0;
   while (done < length) {

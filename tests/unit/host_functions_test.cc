@@ -67,6 +67,26 @@ TEST(WriteFileTest, FailureIsLoggedWithFileAndReason) {
       << trace.dump();
 }
 
+// A link planted at the temporary name is not followed: nothing is written
+// through it, and the file it points to keeps its bytes.
+TEST(WriteFileTest, DoesNotFollowALinkAtItsTemporaryName) {
+  TempDir dir;
+  const std::string victim = dir.path() + "/victim";
+  {
+    std::ofstream out(victim);
+    out << "keep";
+  }
+  const std::string path = dir.path() + "/ca.pem";
+  const std::string temp = path + ".part." + std::to_string(getpid());
+  ASSERT_EQ(symlink(victim.c_str(), temp.c_str()), 0);
+  EXPECT_LT(writeFile(path.c_str(), "evil", 4), 0);
+  std::ifstream in(victim);
+  std::string kept;
+  in >> kept;
+  EXPECT_EQ(kept, "keep");
+  EXPECT_NE(access(path.c_str(), F_OK), 0);
+}
+
 TEST(WriteFileTest, NewFileIsPrivateUntilTheCallerChangesIt) {
   TempDir dir;
   const std::string path = dir.path() + "/x.crl";
