@@ -5,6 +5,7 @@
 #include <cctype>
 #include <exception>
 #include <memory>
+#include <optional>
 
 #include "error_table.h"
 #include "qpn_debug_kit.h"
@@ -280,7 +281,10 @@ HttpOutput renderResponse(const CRequestMsg& request, const CResponseMsg& respon
 }
 
 Dispatcher::Dispatcher(const CSpecifyProc& registry, SessionLookup lookup, DispatchOptions options)
-    : registry_(registry), lookup_(std::move(lookup)), options_(std::move(options)) {}
+    : registry_(registry),
+      lookup_(std::move(lookup)),
+      options_(std::move(options)),
+      gate_(options_.maxActive > 0 ? new AdmissionGate(options_.maxActive) : nullptr) {}
 
 HttpOutput Dispatcher::handle(const HttpInput& in) const {
   try {
@@ -303,6 +307,10 @@ HttpOutput Dispatcher::handle(const HttpInput& in) const {
     const RouteMatch match = matchRoute(registry_, path);
     if (match.route == nullptr)
       return errorOutput(kErrRouteNotFound, describeCode(kErrRouteNotFound));
+    // Only operations wait in line: a health check answers at once even
+    // when every slot is taken.
+    std::optional<AdmissionGate::Pass> pass;
+    if (gate_) pass.emplace(*gate_);
     return serveRoute(in, match, path, query);
   } catch (const std::exception&) {
     return errorOutput(kErrInternal, describeCode(kErrInternal));

@@ -19,10 +19,12 @@
 
 #include <cstddef>
 #include <functional>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "admission_gate.h"
 #include "request_msg.h"
 #include "operation_base.h"
 
@@ -64,6 +66,7 @@ using SessionLookup = std::function<bool(const std::string& token, CSessionInfo&
 struct DispatchOptions {
   size_t maxBody = size_t{2} * 1024 * 1024;  // bytes of JSON body or of all file parts together
   std::string openApi;                       // the text served at GET /openapi.json
+  size_t maxActive = 0;  // operations running at once (others wait in line); 0: no limit
 };
 
 // The name of the session cookie.
@@ -115,6 +118,9 @@ class Dispatcher {
   // envelope.
   HttpOutput handle(const HttpInput& in) const;
 
+  // The gate operations pass through (DispatchOptions::maxActive), or null.
+  AdmissionGate* gate() const { return gate_.get(); }
+
  private:
   HttpOutput serveRoute(const HttpInput& in, const RouteMatch& match, const std::string& path,
                         const std::string& query) const;
@@ -122,6 +128,7 @@ class Dispatcher {
   const CSpecifyProc& registry_;
   SessionLookup lookup_;
   DispatchOptions options_;
+  std::unique_ptr<AdmissionGate> gate_;  // null: no limit
 };
 
 // An error answer: the status for `code` and the envelope.

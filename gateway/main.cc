@@ -71,6 +71,16 @@ std::string executableDir() {
   return dirName(buffer);
 }
 
+// Operations running at once by default: enough to keep every core busy
+// while some of them wait for the disk, few enough that each runs quickly.
+// Measured on two cores with the load script's mix (64 connections): 16
+// gave p99 12.5 ms at 11.9k requests/s; no limit 34 ms at 15.8k; 4 gave
+// 8.7 ms at 10.9k.
+int defaultMaxActive() {
+  const unsigned cores = std::thread::hardware_concurrency();
+  return cores * 8 > 8 ? static_cast<int>(cores * 8) : 8;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -197,6 +207,8 @@ int main(int argc, char** argv) {
   gw::DispatchOptions dispatchOptions;
   dispatchOptions.maxBody = options.maxBody;
   dispatchOptions.openApi = kNoxOpenApiText;
+  dispatchOptions.maxActive = static_cast<size_t>(
+      options.maxActive > 0 ? options.maxActive : defaultMaxActive());
   gw::Dispatcher dispatcher(registry, lookup, dispatchOptions);
   gw::HttpServer server(config, dispatcher, *accessLog);
   if (!server.start(&error)) {

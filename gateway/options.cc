@@ -93,6 +93,12 @@ bool parseOptions(const std::vector<std::string>& args, GatewayOptions* options,
         return false;
       }
       options->threads = static_cast<int>(number);
+    } else if (name == "--max-active") {
+      if (!parseNumber(value, 1, 1024, &number)) {
+        *error = "--max-active wants a number from 1 to 1024, not '" + value + "'";
+        return false;
+      }
+      options->maxActive = static_cast<int>(number);
     } else if (name == "--max-body") {
       if (!parseNumber(value, 1024, 1LL << 32, &number)) {
         *error = "--max-body wants a number of bytes from 1024 to 4294967296, not '" + value + "'";
@@ -150,6 +156,8 @@ std::string usageText() {
          "  --log-level LEVEL       trace, debug, info, warn, error, off (default info)\n"
          "  --access-log FILE       access log (default stderr)\n"
          "  --threads N             worker threads (default 64)\n"
+         "  --max-active N          operations running at once, the others wait in line\n"
+         "                          (default eight per core, at least 8)\n"
          "  --max-body BYTES        largest JSON body or upload (default 2097152)\n"
          "  --session-idle SECONDS  idle time after which a session ends\n"
          "  --backend-timeout SECONDS  time-out of backend requests\n"

@@ -77,6 +77,21 @@ TEST(GatewayOptionsTest, ReadTimeout) {
   }
 }
 
+// --max-active bounds the operations running at once; 0 leaves the choice
+// to the gateway (eight per core).
+TEST(GatewayOptionsTest, MaxActive) {
+  gw::GatewayOptions options;
+  std::string error;
+  ASSERT_TRUE(gw::parseOptions({}, &options, &error));
+  EXPECT_EQ(options.maxActive, 0);
+  ASSERT_TRUE(gw::parseOptions({"--max-active=16"}, &options, &error)) << error;
+  EXPECT_EQ(options.maxActive, 16);
+  for (const char* bad : {"0", "1025", "many"}) {
+    EXPECT_FALSE(gw::parseOptions({"--max-active", bad}, &options, &error)) << bad;
+    EXPECT_EQ(error, std::string("--max-active wants a number from 1 to 1024, not '") + bad + "'");
+  }
+}
+
 TEST(GatewayOptionsTest, HostPort) {
   std::string host;
   int port = 0;
