@@ -65,11 +65,7 @@ class DataFolderFaultsE2E : public ::testing::Test {
     body["scope"] = "4";
     return client_->Post("/sessions", Json::FastWriter().write(body), "application/json");
   }
-  std::string token() {
-    auto res = login();
-    if (!res || res->status != 200) return "";
-    return parseJson(res->body)["data"]["token"].asString();
-  }
+  std::string token() { return loginToken(*client_, gateway_.password()); }
   httplib::Result upload(const std::string& token, const std::string& content) {
     httplib::MultipartFormDataItems items = {
         {"file", content, "ca.pem", "application/octet-stream"}};

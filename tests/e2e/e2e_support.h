@@ -37,6 +37,24 @@ inline void expectEnvelope(const httplib::Result& res, int status, long long cod
       << res->body;
 }
 
+// Logs in on "/sessions" through `client` and returns the session token
+// ("" and a test failure when the login is refused).
+inline std::string loginToken(httplib::Client& client, const std::string& password,
+                              const std::string& user = "apiuser", const std::string& scope = "4",
+                              const std::string& language = "en") {
+  Json::Value body;
+  body["username"] = user;
+  body["password"] = password;
+  body["scope"] = scope;
+  body["language"] = language;
+  auto res = client.Post("/sessions", Json::FastWriter().write(body), "application/json");
+  if (!res || res->status != 200) {
+    ADD_FAILURE() << "login failed: " << (res ? res->body : "no answer");
+    return "";
+  }
+  return parseJson(res->body)["data"]["token"].asString();
+}
+
 // A test with its own running gateway: started before the test body with
 // --expose-verify-code, stopped after it, and the stop must end the process
 // with status 0.
@@ -55,17 +73,7 @@ class LiveGatewayTest : public ::testing::Test {
   // Logs in on "/sessions" and returns the token ("" on failure).
   std::string login(const std::string& user = "apiuser", const std::string& scope = "4",
                     const std::string& language = "en") {
-    Json::Value body;
-    body["username"] = user;
-    body["password"] = gateway_.password();
-    body["scope"] = scope;
-    body["language"] = language;
-    auto res = client_->Post("/sessions", Json::FastWriter().write(body), "application/json");
-    if (!res || res->status != 200) {
-      ADD_FAILURE() << "login failed: " << (res ? res->body : "no answer");
-      return "";
-    }
-    return parseJson(res->body)["data"]["token"].asString();
+    return loginToken(*client_, gateway_.password(), user, scope, language);
   }
 
   static httplib::Headers auth(const std::string& token) {

@@ -217,13 +217,8 @@ TEST(FaultsStalledE2E, StalledUploadEndsAtTheReadTimeout) {
   GatewayProcess gateway;
   ASSERT_TRUE(gateway.start({"--read-timeout", "1"})) << gateway.output();
   httplib::Client client("127.0.0.1", gateway.port());
-  Json::Value login;
-  login["username"] = "apiuser";
-  login["password"] = gateway.password();
-  login["scope"] = "4";
-  auto logged = client.Post("/sessions", Json::FastWriter().write(login), "application/json");
-  ASSERT_TRUE(logged && logged->status == 200);
-  const std::string token = parseJson(logged->body)["data"]["token"].asString();
+  const std::string token = loginToken(client, gateway.password());
+  ASSERT_FALSE(token.empty());
 
   RawClient stalled(gateway.port());
   ASSERT_TRUE(stalled.connected());
@@ -330,14 +325,9 @@ TEST_P(CatalogueFaultsE2E, ServesWithTheFallback) {
   GatewayProcess gateway;
   ASSERT_TRUE(gateway.start({"--home", home.path(), "--plugin", pluginPath()})) << gateway.output();
   httplib::Client client("127.0.0.1", gateway.port());
-  Json::Value login;
-  login["username"] = "apiuser";
-  login["password"] = gateway.password();
-  login["scope"] = "4";
-  auto logged = client.Post("/sessions", Json::FastWriter().write(login), "application/json");
-  ASSERT_TRUE(logged && logged->status == 200);
-  const httplib::Headers auth{
-      {"X-Auth-Token", parseJson(logged->body)["data"]["token"].asString()}};
+  const std::string token = loginToken(client, gateway.password());
+  ASSERT_FALSE(token.empty());
+  const httplib::Headers auth{{"X-Auth-Token", token}};
 
   // 1003: a failed backup of the demo data.
   const std::string failed = "1003";

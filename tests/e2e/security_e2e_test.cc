@@ -176,15 +176,7 @@ class SecurityE2E : public ::testing::Test {
 
   static int port() { return gateway_->port(); }
 
-  std::string login() {
-    auto res = client_->Post("/sessions", loginJson("apiuser", gateway_->password()),
-                             "application/json");
-    if (!res || res->status != 200) {
-      ADD_FAILURE() << "login failed: " << (res ? res->body : "no answer");
-      return "";
-    }
-    return parseJson(res->body)["data"]["token"].asString();
-  }
+  std::string login() { return loginToken(*client_, gateway_->password()); }
   static httplib::Headers auth(const std::string& token) {
     return httplib::Headers{{"X-Auth-Token", token}};
   }

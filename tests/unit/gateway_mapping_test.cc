@@ -95,24 +95,13 @@ class MappingTest : public ::testing::Test {
                              },
                              [](const std::string& m) { return m == "GET" || m == "get"; }),
                          false);
-    registry_.regReqProc(
-        "/alarm/historyalarm/count",
-        new FakeOp(&seen_,
-                   [](CRequestMsg& q, CResponseMsg& r) {
-                     r.getJsonBody()[q.getInterfaceVersion() == "v1" ? "count" : "COUNT"] = 7;
-                     r.setContentKind(CResponseMsg::kContentJson);
-                     return 0;
-                   }),
-        true);
-    registry_.regReqProcV1(
-        "/alarm/historyalarm/count",
-        new FakeOp(&seen_,
-                   [](CRequestMsg& q, CResponseMsg& r) {
-                     r.getJsonBody()[q.getInterfaceVersion() == "v1" ? "count" : "COUNT"] = 7;
-                     r.setContentKind(CResponseMsg::kContentJson);
-                     return 0;
-                   }),
-        true);
+    const FakeOp::Body count = [](CRequestMsg& q, CResponseMsg& r) {
+      r.getJsonBody()[q.getInterfaceVersion() == "v1" ? "count" : "COUNT"] = 7;
+      r.setContentKind(CResponseMsg::kContentJson);
+      return 0;
+    };
+    registry_.regReqProc("/alarm/historyalarm/count", new FakeOp(&seen_, count), true);
+    registry_.regReqProcV1("/alarm/historyalarm/count", new FakeOp(&seen_, count), true);
     registry_.regReqProc(
         "/any", new FakeOp(&seen_, [this](CRequestMsg& q, CResponseMsg& r) { return any_(q, r); }),
         true);
