@@ -261,14 +261,9 @@ int CLoginOp::handleLogin(CRequestMsg& request, CResponseMsg& response) {
                  userName.c_str());
       fail(codeCheck, __LINE__);
     }
-    int result;
-    if (CLoginOpWithVerifyCode* withCode = dynamic_cast<CLoginOpWithVerifyCode*>(this)) {
-      result = withCode->login(userName, password, scope, language, device, reply,
-                               user.clientAddress_);
-    } else {
-      result = login(userName, password, scope, language, device, reply, user.clientAddress_,
-                     kLoginTypePassword);
-    }
+    // The route's own login slot (its scope check included), for every route.
+    const int result = login(userName, password, scope, language, device, reply,
+                             user.clientAddress_, kLoginTypePassword);
     if (result != 0) fail(result, __LINE__);
   } catch (const QPNExceptionWithErrCode_& e) {
     if (countsAsFailedAttempt(e.getErrCode())) {
@@ -483,14 +478,6 @@ int CLoginOpWithVerifyCode::checkVerifyCode(HttpSession& session, CRequestMsg& r
     return static_cast<int>(proto::kErrVerifyCode);
   }
   return 0;
-}
-
-int CLoginOpWithVerifyCode::login(const std::string& userName, const std::string& password,
-                                  const std::string& scope, const std::string& language,
-                                  CDeviceID& device, CR3MPackageV3& reply,
-                                  const std::string& clientAddress) {
-  return login(userName, password, scope, language, device, reply, clientAddress, std::string(),
-               std::string());
 }
 
 void CLoginOpWithVerifyCode::setExposeCodeForTests(bool expose) { g_exposeCode.store(expose); }

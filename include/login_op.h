@@ -7,9 +7,9 @@
 //   updateSessionFile, postCheckDevice, checkVerifyCode, handleLogin,
 //   handleLogout, handleGetLoginToken, handleCheckCode,
 //   login (nine arguments), login (eight arguments)
-// CLoginOpWithVerifyCode derives from CLoginOp, replaces isSupport and
-// checkVerifyCode, and adds one slot: login (seven arguments), the form its
-// subclasses override for a route that needs a verification code.
+// CLoginOpWithVerifyCode derives from CLoginOp with the same slots; it
+// replaces isSupport and checkVerifyCode. A route that needs a verification
+// code overrides the eight-argument login like any other login route.
 //
 // Thread-safety: the operations hold no per-request state; sessions and the
 // redirect table lock themselves.
@@ -63,7 +63,8 @@ class HOST_API CLoginOp : public CSpecifyOp {
                     const std::string& scope, const std::string& language, CDeviceID& device,
                     CR3MPackageV3& reply, const std::string& clientAddress,
                     const std::string& loginType, const std::string& verifyCode);
-  // The route's own form: passes on with an empty verification code.
+  // The route's own form: the host's login flow calls this slot; the host's
+  // passes on with an empty verification code.
   virtual int login(const std::string& userName, const std::string& password,
                     const std::string& scope, const std::string& language, CDeviceID& device,
                     CR3MPackageV3& reply, const std::string& clientAddress,
@@ -85,12 +86,6 @@ class HOST_API CLoginOpWithVerifyCode : public CLoginOp {
   // that must log in without reading the image. Safe from any thread.
   static void setExposeCodeForTests(bool expose);
   static bool exposeCodeForTests();
-
-  using CLoginOp::login;
-  // The route's own form for logins with a verification code.
-  virtual int login(const std::string& userName, const std::string& password,
-                    const std::string& scope, const std::string& language, CDeviceID& device,
-                    CR3MPackageV3& reply, const std::string& clientAddress);
 };
 
 #endif  // NOX_INCLUDE_LOGIN_OP_H_

@@ -18,15 +18,17 @@ class NOXLoginOpWithVerifyCode : public CLoginOpWithVerifyCode {
   NOXLoginOpWithVerifyCode() {}
   ~NOXLoginOpWithVerifyCode() override {}
 
-  // CLoginOpWithVerifyCode
+  // CLoginOp
   using CLoginOpWithVerifyCode::login;
+  // The route's login slot, the same eight-argument slot NOXLogin overrides.
   // Accepts only the user scopes "0" and "1" (any other, the empty one
   // included, throws code 0x03000003 before anything is sent); then passes
-  // every argument on unchanged to the host's nine-argument login with an
-  // empty login type and an empty verification code, and returns its result.
+  // the first seven arguments on unchanged to the host's nine-argument login
+  // with "" as login type and verification code (the code was checked by the
+  // host before), and returns its result. `loginType` is not used.
   int login(const std::string& userName, const std::string& password, const std::string& scope,
             const std::string& language, CDeviceID& device, CR3MPackageV3& reply,
-            const std::string& clientAddress) override;
+            const std::string& clientAddress, const std::string& loginType) override;
 };
 
 #endif  // NOX_SRC_UCORE_NOXLOGINOPWITHVERIFYCODE_H_
