@@ -40,8 +40,6 @@ NOXGetDBBakConfOp::NOXGetDBBakConfOp()
 
 NOXGetDBBakConfOp::~NOXGetDBBakConfOp() {}
 
-int NOXGetDBBakConfOp::lockMutex() { return ACE_OS::mutex_lock(&mutex_.lock()); }
-
 int NOXGetDBBakConfOp::op(const std::string& action, const std::string& resource,
                           CRequestMsg& request, CResponseMsg& response) {
   CQPNDebugKitGuard guard(kModule, "op");
@@ -64,21 +62,21 @@ int NOXGetDBBakConfOp::get(CRequestMsg& request, CResponseMsg& response) {
     return -1;
   }
 
-  NOXScopedLock lock(mutex_, lockMutex());
+  NOXScopedLock lock(mutex_);
   if (!lock.locked()) return -1;
 
   CR3MRecordV3& record = response[0];
-  CTLVCell* codeCell = record.find(kTagResultCode);
-  if (codeCell == nullptr) return 0;
+  if (!record.has(kTagResultCode)) return 0;
+  CTLVCell& codeCell = record[kTagResultCode];
   std::string code;
   try {
-    code = codeCell->toString();
+    code = codeCell.toString();
   } catch (...) {
     return 0;
   }
 
   if (code == kSuccessCode) {
-    codeCell->set_i(CTLVCell::TLV_STRING, codeCell->getTag(), const_cast<char*>(""), 1);
+    codeCell.set_i(CTLVCell::TLV_STRING, codeCell.getTag(), const_cast<char*>(""), 1);
     return 0;
   }
 
@@ -94,8 +92,7 @@ int NOXGetDBBakConfOp::get(CRequestMsg& request, CResponseMsg& response) {
   CXmlConfigParser<MessageInfo>& parser = isZh ? zhMessageParser_ : enMessageParser_;
 
   std::string params;
-  const CTLVCell* paramsCell = record.find(kTagResultParams);
-  if (paramsCell != nullptr) params = paramsCell->toString();
+  if (record.has(kTagResultParams)) params = record[kTagResultParams].toString();
 
   MessageInfo info;
   info.init();
@@ -106,7 +103,7 @@ int NOXGetDBBakConfOp::get(CRequestMsg& request, CResponseMsg& response) {
   } else {
     text = info.template_;
   }
-  codeCell->set_i(CTLVCell::TLV_STRING, codeCell->getTag(), const_cast<char*>(text.c_str()),
-                  text.size() + 1);
+  codeCell.set_i(CTLVCell::TLV_STRING, codeCell.getTag(), const_cast<char*>(text.c_str()),
+                 text.size() + 1);
   return 0;
 }

@@ -48,13 +48,6 @@ class NOXGetDBBakConfOp : public GeneralNonMoOp {
   // reply holds no record or the mutex could not be taken.
   int get(CRequestMsg& request, CResponseMsg& response) override;
 
- protected:
-  // Takes the mutex: ACE_OS::mutex_lock on its handle. Returns what that call
-  // returns (-1 when the mutex could not be taken).
-  virtual int lockMutex();
-  // The mutex, for subclasses that take it their own way.
-  ACE_Thread_Mutex& mutex() { return mutex_; }
-
  private:
   CXmlConfigParser<MessageInfo> enMessageParser_;
   CXmlConfigParser<MessageInfo> zhMessageParser_;

@@ -4,14 +4,10 @@
 // mutex; this guard releases the mutex on every way out of the scope, early
 // returns and exceptions included.
 //
-//   NOXScopedLock lock(mutex_, ACE_OS::mutex_lock(&mutex_.lock()));
+//   NOXScopedLock lock(mutex_);      // ACE_OS::mutex_lock on its handle
 //   if (!lock.locked()) return -1;   // the lock call failed: nothing to release
 //   ... use the catalogues ...
 //                                   // released here, however the scope ends
-//
-// The guard is given the lock call's result instead of taking the mutex
-// itself, so that the owner decides how the mutex is taken (see
-// NOXTaskOp::lockMutex) while the release stays in one place.
 //
 // Thread-safety: one guard belongs to one thread and one scope.
 #ifndef NOX_SRC_UCORE_NOXSCOPEDLOCK_H_
@@ -22,13 +18,10 @@
 
 class NOXScopedLock {
  public:
-  // Takes `mutex` with ACE_OS::mutex_lock on its lock() handle.
+  // Takes `mutex` with ACE_OS::mutex_lock on its lock() handle; a call that
+  // returns -1 leaves the mutex not held and not to be released.
   explicit NOXScopedLock(ACE_Thread_Mutex& mutex)
-      : NOXScopedLock(mutex, ACE_OS::mutex_lock(&mutex.lock())) {}
-  // Adopts a lock call already made on `mutex`: `lockResult` is what that
-  // call returned; -1 means the mutex is not held and will not be released.
-  NOXScopedLock(ACE_Thread_Mutex& mutex, int lockResult)
-      : mutex_(mutex), locked_(lockResult != -1) {}
+      : mutex_(mutex), locked_(ACE_OS::mutex_lock(&mutex.lock()) != -1) {}
   ~NOXScopedLock() {
     if (locked_) ACE_OS::mutex_unlock(&mutex_.lock());
   }

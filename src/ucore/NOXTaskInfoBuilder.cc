@@ -47,7 +47,7 @@ int NOXTaskOp::doBuildTaskInfo(CR3MRecordV3& record, std::string& detail, bool i
   CXmlConfigParser<MessageInfo>& parser = isZh ? zhMessageParser_ : enMessageParser_;
   const std::string blank = " ";
 
-  NOXScopedLock lock(mutex_, lockMutex());
+  NOXScopedLock lock(mutex_);
   if (!lock.locked()) return -1;
 
   detail.clear();

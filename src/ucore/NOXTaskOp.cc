@@ -59,8 +59,6 @@ bool NOXTaskOp::isSupport(const std::string& action, const std::string& resource
   return strcasecmp(action.c_str(), CRequestUri::URI_ACT_GET) == 0;
 }
 
-int NOXTaskOp::lockMutex() { return ACE_OS::mutex_lock(&mutex_.lock()); }
-
 int NOXTaskOp::get(CRequestMsg& request, CResponseMsg& response) {
   CQPNDebugKitGuard guard(kOpModule, "get");
   const std::string text = "get task info" + request.firstResID();
@@ -82,11 +80,12 @@ int NOXTaskOp::get(CRequestMsg& request, CResponseMsg& response) {
   // The list never carries task details, whatever the query answered: they
   // are only given by the detail read.
   for (size_t i = 0; i < response.size(); ++i) {
-    CTLVCell* cell = response[i].find(kTagTaskDetail);
-    if (cell == nullptr) continue;
+    CR3MRecordV3& record = response[i];
+    if (!record.has(kTagTaskDetail)) continue;
+    CTLVCell& cell = record[kTagTaskDetail];
     try {
-      cell->toString();
-      setText(*cell, std::string());
+      cell.toString();
+      setText(cell, std::string());
     } catch (...) {
       // A detail that cannot be read stays as it is.
     }
@@ -104,11 +103,10 @@ int NOXTaskOp::getDetail(CRequestMsg& request, CResponseMsg& response) {
   if (queried != 0) return queried;
 
   CR3MRecordV3& record = response[0];
-  CTLVCell* detailCell = record.find(kTagTaskDetail);
-  if (detailCell == nullptr) return 0;
+  if (!record.has(kTagTaskDetail)) return 0;
   std::string detail;
   try {
-    detail = detailCell->toString();
+    detail = record[kTagTaskDetail].toString();
   } catch (...) {
     return 0;
   }
@@ -117,17 +115,17 @@ int NOXTaskOp::getDetail(CRequestMsg& request, CResponseMsg& response) {
   std::unique_ptr<Json::CharReader> reader = newTaskJsonReader();
 
   std::string errorInfo;
-  const CTLVCell* errorCell = record.find(kTagErrorInfo);
-  if (errorCell != nullptr) {
+  const bool hasErrorInfo = record.has(kTagErrorInfo);
+  if (hasErrorInfo) {
     try {
-      errorInfo = errorCell->toString();
+      errorInfo = record[kTagErrorInfo].toString();
     } catch (...) {
       errorInfo.clear();
     }
   }
 
   std::string errorCode;
-  if (errorCell != nullptr) {
+  if (hasErrorInfo) {
     if (reader->parse(errorInfo.data(), errorInfo.data() + errorInfo.size(), &root, nullptr)) {
       if (root.isObject() && root.isMember("code")) errorCode = root["code"].asString();
     } else {

@@ -85,13 +85,6 @@ class NOXTaskOp : public CMoSpecOp {
   // jsoncpp's logic error; the mutex is released on the way out.
   int doBuildTaskInfo(CR3MRecordV3& record, std::string& detail, bool isZh, std::string& errorCode);
 
- protected:
-  // Takes the rendering mutex: ACE_OS::mutex_lock on its handle. Returns what
-  // that call returns (-1 when the mutex could not be taken).
-  virtual int lockMutex();
-  // The rendering mutex, for subclasses that take it their own way.
-  ACE_Thread_Mutex& mutex() { return mutex_; }
-
  private:
   CXmlConfigParser<MessageInfo> enMessageParser_;
   CXmlConfigParser<MessageInfo> zhMessageParser_;

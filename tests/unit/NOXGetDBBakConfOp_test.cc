@@ -12,30 +12,13 @@
 #include "task_catalogues.h"
 #include "trace_capture.h"
 
+#include "unit/ace_lock_interposer.h"
+
 namespace {
 
 constexpr uint32_t kQuery = 0x006200DE;
 constexpr unsigned short kTagCode = 9;
 constexpr unsigned short kTagParams = 10;
-
-// A storage configuration op whose mutex can never be taken.
-class LockFailingConfOp : public NOXGetDBBakConfOp {
- public:
-  int calls = 0;
-
- protected:
-  int lockMutex() override {
-    ++calls;
-    return -1;
-  }
-};
-
-// A storage configuration op that only tries its mutex: a mutex left held by
-// an earlier request makes the next one fail instead of hanging the test.
-class TryLockConfOp : public NOXGetDBBakConfOp {
- protected:
-  int lockMutex() override { return ACE_OS::mutex_trylock(&mutex().lock()); }
-};
 
 class DBBakConfOpTest : public ::testing::Test {
  protected:
@@ -253,18 +236,22 @@ TEST_F(DBBakConfOpTest, UnreadableCodeCellIsLeftAlone) {
 TEST_F(DBBakConfOpTest, MutexThatCannotBeTakenLeavesTheReply) {
   TraceCapture trace;
   answer("2001", "sdd");
-  LockFailingConfOp op;
+  NOXGetDBBakConfOp op;
   CRequestMsg request;
   trace.clear();
+  LockModeScope fail(LockMode::kFail);
   EXPECT_EQ(op.op("GET", "", request, response_), -1);
-  EXPECT_EQ(op.calls, 1);
+  EXPECT_EQ(fail.calls(), 1);
   EXPECT_EQ(response_[0][kTagCode].toString(), "2001");
   EXPECT_TRUE(trace.logs(TraceLevel::kWarn).empty());
   EXPECT_TRUE(trace.logs(TraceLevel::kError).empty());
 }
 
 TEST_F(DBBakConfOpTest, MutexIsReleasedAfterEveryRequest) {
-  TryLockConfOp op;
+  NOXGetDBBakConfOp op;
+  // Only tried: a mutex left held by an earlier request makes the next one
+  // fail instead of hanging the test.
+  LockModeScope tryOnly(LockMode::kTry);
   for (const char* code : {"0", "2001", "9999", "0"}) {
     answer(code, "p");
     CRequestMsg request;

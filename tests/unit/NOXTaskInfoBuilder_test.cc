@@ -11,6 +11,8 @@
 #include "task_catalogues.h"
 #include "trace_capture.h"
 
+#include "unit/ace_lock_interposer.h"
+
 namespace {
 
 // The separator after every line but the one of the last array element:
@@ -36,29 +38,6 @@ std::string array(std::initializer_list<std::string> entries) {
   for (const std::string& e : entries) out += (out.size() > 1 ? "," : "") + e;
   return out + "]";
 }
-
-// A task op whose mutex can never be taken.
-class LockFailingTaskOp : public NOXTaskOp {
- public:
-  LockFailingTaskOp() : NOXTaskOp(0xE012) {}
-  int calls = 0;
-
- protected:
-  int lockMutex() override {
-    ++calls;
-    return -1;
-  }
-};
-
-// A task op that only tries the mutex: a mutex left held by an earlier call
-// makes the build fail instead of hanging the test.
-class TryLockTaskOp : public NOXTaskOp {
- public:
-  TryLockTaskOp() : NOXTaskOp(0xE012) {}
-
- protected:
-  int lockMutex() override { return ACE_OS::mutex_trylock(&mutex().lock()); }
-};
 
 class TaskInfoBuilderTest : public ::testing::Test {
  protected:
@@ -203,12 +182,13 @@ TEST_F(TaskInfoBuilderTest, ReadsTheCellNotTheDetailArgument) {
 
 TEST_F(TaskInfoBuilderTest, NotJsonGivesEmptyTextWithoutTakingTheMutex) {
   TraceCapture trace;
-  LockFailingTaskOp op;
+  NOXTaskOp op(0xE012);
+  LockModeScope fail(LockMode::kFail);
   std::string detail = "old", code = "1003";
   EXPECT_EQ(build(op, "not json", false, &detail, &code), 0);
   EXPECT_EQ(detail, "");
   EXPECT_EQ(code, "1003");
-  EXPECT_EQ(op.calls, 0);
+  EXPECT_EQ(fail.calls(), 0);
   std::unique_ptr<TraceRecord> error = trace.find("Failed to parse taskdetail json string.");
   ASSERT_NE(error, nullptr);
   EXPECT_EQ(error->level, TraceLevel::kError);
@@ -218,11 +198,12 @@ TEST_F(TaskInfoBuilderTest, NotJsonGivesEmptyTextWithoutTakingTheMutex) {
 
 TEST_F(TaskInfoBuilderTest, MutexThatCannotBeTakenLeavesDetailAndLogsNothing) {
   TraceCapture trace;
-  LockFailingTaskOp op;
+  NOXTaskOp op(0xE012);
   trace.clear();
+  LockModeScope fail(LockMode::kFail);
   std::string detail = "kept", code = "1003";
   EXPECT_EQ(build(op, array({entry("1003", "0", {"T", "x"})}), false, &detail, &code), -1);
-  EXPECT_EQ(op.calls, 1);
+  EXPECT_EQ(fail.calls(), 1);
   EXPECT_EQ(detail, "kept");
   EXPECT_EQ(code, "1003");
   EXPECT_TRUE(trace.logs(TraceLevel::kWarn).empty());
@@ -231,7 +212,9 @@ TEST_F(TaskInfoBuilderTest, MutexThatCannotBeTakenLeavesDetailAndLogsNothing) {
 }
 
 TEST_F(TaskInfoBuilderTest, RootThatIsNoArrayThrowsAndReleasesTheMutex) {
-  TryLockTaskOp op;
+  NOXTaskOp op(0xE012);
+  // Only tried: were the mutex left held, the next build would fail.
+  LockModeScope tryOnly(LockMode::kTry);
   std::string detail, code;
   EXPECT_THROW(build(op, "{\"a\":{\"id\":\"1001\"}}", false, &detail, &code), Json::LogicError);
   EXPECT_THROW(build(op, "[5]", false, &detail, &code), Json::LogicError);  // entry no object

@@ -15,6 +15,8 @@
 #include "task_catalogues.h"
 #include "trace_capture.h"
 
+#include "unit/ace_lock_interposer.h"
+
 namespace {
 
 constexpr uint32_t kTaskType = 0xE012;
@@ -80,15 +82,6 @@ class TaskOpTest : public ::testing::Test {
 
   CatalogueDir dir_;
   ScriptedBackend backend_;
-};
-
-// A task op whose mutex can never be taken.
-class LockFailingTaskOp : public NOXTaskOp {
- public:
-  LockFailingTaskOp() : NOXTaskOp(kTaskType) {}
-
- protected:
-  int lockMutex() override { return -1; }
 };
 
 TEST_F(TaskOpTest, SupportsOnlyGet) {
@@ -433,9 +426,10 @@ TEST_F(TaskOpTest, MutexThatCannotBeTakenStillRewritesBothCells) {
   const std::string error = "{\"code\":\"1003\"}";
   scriptDetail(&kDetailJson, &error);
   TraceCapture trace;
-  LockFailingTaskOp op;
+  NOXTaskOp op(kTaskType);
   CRequestMsg request = detailRequest();
   CResponseMsg response;
+  LockModeScope fail(LockMode::kFail);
   EXPECT_EQ(op.get(request, response), -1);
   // The detail keeps the backend's text; the code is its own description.
   EXPECT_EQ(cellText(response, kTagDetail), kDetailJson);
