@@ -87,6 +87,3 @@ void CRequestMsgBody::addUpload(const std::string& fileName, std::string content
   uploads_.emplace_back(fileName, std::move(content));
 }
 
-const std::string& CRequestMsg::firstResID() const {
-  return resIDs_.empty() ? CRequestUri::m_nullResID : resIDs_.front();
-}

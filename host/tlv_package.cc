@@ -160,20 +160,6 @@ void CR3MRecordV3::appendInner(CTLVCell* cell) {
   cells_.push_back(cell);
 }
 
-const CTLVCell* CR3MRecordV3::find(unsigned short tag) const {
-  for (const CTLVCell* cell : cells_) {
-    if (cell->getTag() == tag) return cell;
-  }
-  return nullptr;
-}
-
-CTLVCell* CR3MRecordV3::find(unsigned short tag) {
-  for (CTLVCell* cell : cells_) {
-    if (cell->getTag() == tag) return cell;
-  }
-  return nullptr;
-}
-
 CR3MPackageV3::CR3MPackageV3(const CR3MPackageV3& other) {
   records_.reserve(other.records_.size());
   for (const CR3MRecordV3* record : other.records_) records_.push_back(new CR3MRecordV3(*record));
@@ -189,11 +175,6 @@ CR3MPackageV3& CR3MPackageV3::operator=(const CR3MPackageV3& other) {
 void CR3MPackageV3::clear() {
   for (CR3MRecordV3* record : records_) delete record;
   records_.clear();
-}
-
-CR3MRecordV3& CR3MPackageV3::addRecord(uint32_t command, uint32_t word) {
-  records_.push_back(new CR3MRecordV3(command, word));
-  return *records_.back();
 }
 
 void CR3MPackageV3::appendRecord(CR3MRecordV3* record) {

@@ -152,9 +152,8 @@ void CaptureTraceSink::clear() {
 CQPNDebugKit::CQPNDebugKit(int moduleId) : moduleId_(moduleId) {}
 CQPNDebugKit::~CQPNDebugKit() {}
 
-bool CQPNDebugKit::traceOn() const { return enabled(TraceLevel::kTrace); }
-
 void CQPNDebugKit::trace(const std::string& text) {
+  // Every guard calls this twice; with tracing off it costs one load.
   if (!enabled(TraceLevel::kTrace)) return;
   emit(moduleId_, TraceLevel::kTrace, nullptr, 0, text);
 }

@@ -29,11 +29,9 @@ class HOST_API CQPNDebugKit {
 
   int moduleId() const { return moduleId_; }
 
-  // An "enter"/"leave" record.
+  // An "enter"/"leave" record. Every guard calls it on entry and exit; the
+  // kit decides whether the record is written.
   void trace(const std::string& text);
-  // Whether trace records pass the host's filter; lets callers skip building
-  // a record nobody will see.
-  bool traceOn() const;
 
   // printf-style records at the four levels.
   void info(unsigned long long id, const char* function, unsigned int line, const char* format,
@@ -68,12 +66,11 @@ class HOST_API CQPNDebugKitGuard {
  public:
   CQPNDebugKitGuard(int moduleId, const std::string& name) : kit_(nullptr), name_(name), ok_(true) {
     kit_ = CQPNDebugKitMgr::instance()->find(moduleId);
-    if (kit_->traceOn()) kit_->trace("enter " + name_ + "...");
+    kit_->trace("enter " + name_ + "...");
   }
-  // Never throws: a failure to write the record ends the process.
-  ~CQPNDebugKitGuard() {
-    if (kit_->traceOn()) kit_->trace("leave " + name_ + ": " + (ok_ ? "OK" : "NOK"));
-  }
+  // Never throws: a failure to build or write the record ends the process
+  // (the destructor is noexcept).
+  ~CQPNDebugKitGuard() { kit_->trace("leave " + name_ + ": " + (ok_ ? "OK" : "NOK")); }
 
   CQPNDebugKitGuard(const CQPNDebugKitGuard&) = delete;
   CQPNDebugKitGuard& operator=(const CQPNDebugKitGuard&) = delete;

@@ -185,7 +185,9 @@ class HOST_API CRequestMsg {
   std::vector<std::string>& getResIDs() { return resIDs_; }
   const std::vector<std::string>& getResIDs() const { return resIDs_; }
   // The first identifier, or CRequestUri::m_nullResID when there is none.
-  const std::string& firstResID() const;
+  const std::string& firstResID() const {
+    return resIDs_.empty() ? CRequestUri::m_nullResID : resIDs_.front();
+  }
 
   // Query arguments.
   std::map<std::string, MsgValue>& args() { return args_; }

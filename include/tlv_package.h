@@ -158,9 +158,20 @@ class HOST_API CR3MRecordV3 {
   // replaced).
   void appendInner(CTLVCell* cell);
 
-  // The cell with `tag`, or null. Never creates a cell.
-  const CTLVCell* find(unsigned short tag) const;
-  CTLVCell* find(unsigned short tag);
+  // The cell with `tag`, or null. Never creates a cell. Inline: it walks
+  // the record's cells, so a caller needs nothing of the host for it.
+  const CTLVCell* find(unsigned short tag) const {
+    for (const CTLVCell* cell : cells_) {
+      if (cell->getTag() == tag) return cell;
+    }
+    return nullptr;
+  }
+  CTLVCell* find(unsigned short tag) {
+    for (CTLVCell* cell : cells_) {
+      if (cell->getTag() == tag) return cell;
+    }
+    return nullptr;
+  }
   bool has(unsigned short tag) const { return find(tag) != nullptr; }
 
   size_t cellCount() const { return cells_.size(); }
@@ -201,8 +212,13 @@ class HOST_API CR3MPackageV3 {
 
   // Empties the package and releases its records.
   void clear();
-  // Appends a new empty record and returns it.
-  CR3MRecordV3& addRecord(uint32_t command, uint32_t word);
+  // Appends a new empty record and returns it. Inline, over the declared
+  // layout: the room is made first, so no record is lost when it fails.
+  CR3MRecordV3& addRecord(uint32_t command, uint32_t word) {
+    records_.reserve(records_.size() + 1);
+    records_.push_back(new CR3MRecordV3(command, word));
+    return *records_.back();
+  }
   // Takes ownership of `record` and appends it.
   void appendRecord(CR3MRecordV3* record);
   size_t size() const { return records_.size(); }

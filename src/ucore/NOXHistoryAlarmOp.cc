@@ -3,9 +3,6 @@
 #include <json/json.h>
 #include <strings.h>
 
-#include <climits>
-#include <stdexcept>
-
 #include "qpn_debug_kit.h"
 
 namespace {
@@ -40,12 +37,9 @@ int NOXHistoryAlarmCountOp::op(const std::string& action, const std::string& res
   Json::Value body;
   int count = 0;
   try {
-    const CTLVCell& cell = response[0][kTagCount];
-    // A count that an int cannot hold is no count: cutting it to its low
-    // bytes would answer a negative or made-up number.
-    const long long full = cell.toInt64();
-    if (full < 0 || full > INT_MAX) throw std::out_of_range("alarm count out of range");
-    count = static_cast<int>(cell);
+    // The int conversion of the cell, as it stands: an 8-byte count is cut
+    // to its low four bytes (0x100000001 reads 1, all bits set reads -1).
+    count = static_cast<int>(response[0][kTagCount]);
   } catch (...) {
     // No count in the reply (a backend failure, a missing or non-numeric
     // cell) is answered as zero alarms. The warning names line 401, where

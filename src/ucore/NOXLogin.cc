@@ -61,10 +61,11 @@ void NOXLogin::updateSessionFile(const std::string& prefix, HttpSession& session
                                  CR3MPackageV3& loginReply) {
   CQPNDebugKitGuard guard(kModule, "NOXLogin::updateSessionFile");
   guard.info(0, "updateSessionFile", __LINE__, "NOXLogin::updateSessionFile.");
-  // find() rather than operator[]: a lookup must not add cells to the reply.
+  // Whether a cell is there is asked by walking the record (has), which adds
+  // no cell to the reply; a cell that is there is read through operator[].
   CR3MRecordV3& record = loginReply[0];
-  if (const CTLVCell* mark = record.find(kTagLoginMark)) {
-    const int value = static_cast<int>(*mark);
+  if (record.has(kTagLoginMark)) {
+    const int value = static_cast<int>(record[kTagLoginMark]);
     if (value == 3 || value == 4) {
       // Marked logins are labelled before they are registered.
       session.setAttribute(CSessionInfo::SESS_STAT_K, Json::Value(8));
@@ -74,11 +75,11 @@ void NOXLogin::updateSessionFile(const std::string& prefix, HttpSession& session
     }
   }
   int state = 0;
-  if (const CTLVCell* userState = record.find(kTagUserState)) {
-    state = stateOfUserState(static_cast<int>(*userState));
+  if (record.has(kTagUserState)) {
+    state = stateOfUserState(static_cast<int>(record[kTagUserState]));
   }
-  if (const CTLVCell* passwordState = record.find(kTagPasswordState)) {
-    if (static_cast<int>(*passwordState) == 2) state = 2;
+  if (record.has(kTagPasswordState)) {
+    if (static_cast<int>(record[kTagPasswordState]) == 2) state = 2;
   }
   // Ordinary logins are registered before they are labelled.
   RedirectInfoMgr::addSessionInfo(prefix + session.getId(), kKindOrdinary);

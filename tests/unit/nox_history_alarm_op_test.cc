@@ -2,6 +2,7 @@
 // queryAlarm/parseAlarms and a scripted backend.
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -214,6 +215,35 @@ TEST(HistoryAlarmCountOpTest, BackendFailureCountsZero) {
   EXPECT_EQ(compact(response.getJsonBody()), R"({"COUNT":0})");
   EXPECT_EQ(trace.count(TraceLevel::kWarn, "count history alarm failed"), 1);
   EXPECT_EQ(trace.traces().back(), "leave op: NOK");
+}
+
+// The count is read with the cell's int conversion, nothing more: an 8-byte
+// count is cut to its low four bytes, and a count that is all bits set reads
+// as -1. No range check stands between the reply and the answer.
+TEST(HistoryAlarmCountOpTest, EightByteCountIsCutToItsLowFourBytes) {
+  struct Case {
+    uint64_t value;
+    const char* body;
+  } cases[] = {
+      {0x100000001ULL, R"({"COUNT":1})"},
+      {0xFFFFFFFFFFFFFFFFULL, R"({"COUNT":-1})"},
+      {0x7FFFFFFFULL, R"({"COUNT":2147483647})"},
+      {0x80000000ULL, R"({"COUNT":-2147483648})"},
+  };
+  for (const Case& c : cases) {
+    ScriptedBackend backend;
+    answerCount(backend, [&c](CR3MPackageV3& reply) {
+      reply.addRecord(kCountCode, 13)[9].setUInt64(9, c.value);
+    });
+    TraceCapture trace;
+    NOXHistoryAlarmCountOp op;
+    CRequestMsg request;
+    CResponseMsg response;
+    EXPECT_EQ(op.op("GET", "", request, response), 0);
+    EXPECT_EQ(compact(response.getJsonBody()), c.body) << std::hex << c.value;
+    EXPECT_EQ(trace.count(TraceLevel::kWarn, "count history alarm failed"), 0);
+    EXPECT_EQ(trace.traces().back(), "leave op: OK");
+  }
 }
 
 }  // namespace
