@@ -223,9 +223,12 @@ NOX_EXPORT int replaceEscape(std::string& text, std::string from, std::string to
 // backslash, a special or a NUL. A `count` of -1 means the whole text.
 //   getLenWithEscape("a,b\\", ",", -1) == 6
 //   getLenWithEscape("a,b\\", ",", 2) == 3
-// `count` is not checked against the text: characters past the end of `text`
-// do not exist and add nothing, so getLenWithEscape("a,", ",", 5) == 6. Any
-// other negative `count` is returned as it is.
+// `count` is not checked against the text. The text is read as a
+// NUL-terminated text, so the character at its end is its terminating NUL,
+// which counts like any NUL: getLenWithEscape("a,", ",", 3) == 5. Past the
+// terminator there are no characters and nothing more is added:
+// getLenWithEscape("a,", ",", 5) == 7. Any other negative `count` is
+// returned as it is.
 NOX_EXPORT int getLenWithEscape(const std::string& text, const std::string& specials, int count);
 
 // Joins `parts` into `out` (cleared first) with `separator` after every part

@@ -64,9 +64,10 @@ void sendImportEvent(CRequestMsg& request, uint32_t kind, bool success) {
 }
 
 std::string pathFromReply(CR3MPackageV3& reply) {
+  // The text accessor never yields null: a cell that is not text, or a text
+  // cell without storage, throws QPNException, which goes to the host
+  // unchanged; an inline value gives its (possibly empty) bytes.
   const char* path = reply[0][kTagPath];
-  // A cell without text makes the string constructor throw std::logic_error,
-  // which goes to the host unchanged.
   return std::string(path);
 }
 

@@ -59,8 +59,10 @@ void sendToBackend(CRequestMsg& request, CR3MPackageV3& package, CR3MPackageV3& 
 void sendImportEvent(CRequestMsg& request, uint32_t kind, bool success);
 
 // The text cell tag 70 of record 0 of `reply`. Throws QPNException when the
-// record or the text cell is missing, and std::logic_error when the cell
-// yields no text at all.
+// record is missing ("record don't exist, index is 0"), when cell 70 is
+// missing or not text ("CTLVCell isn't string type! tag equal to 70") and
+// when a text cell has no storage ("CTLVCell string value is null,tag 70
+// length N"). Nothing else: the text accessor never yields a null pointer.
 std::string pathFromReply(CR3MPackageV3& reply);
 
 // The part of `fileName` after its last ".", or "" when it has none.

@@ -217,9 +217,9 @@ int getLenWithEscape(const std::string& text, const std::string& specials, int c
   if (count == -1) count = static_cast<int>(text.size());
   const std::string s = kBackslash + specials;
   int length = count;
-  // Only characters that exist are looked at: a count past the text adds
-  // nothing for the missing ones.
-  const size_t n = count < 0 ? 0 : std::min(static_cast<size_t>(count), text.size());
+  // The text is read up to and including its terminating NUL (text[size()]
+  // is that NUL), which counts as found; past it there is nothing to read.
+  const size_t n = count < 0 ? 0 : std::min(static_cast<size_t>(count), text.size() + 1);
   for (size_t i = 0; i < n; ++i) {
     if (inList(s, text[i])) ++length;
   }

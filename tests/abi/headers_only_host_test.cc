@@ -124,6 +124,14 @@ TEST_F(HeadersOnlyHostTest, PluginResolvesEveryImportWithoutTheReferenceHost) {
   EXPECT_TRUE(stubLoaded) << "the headers-only host is not the libucore_tlv.so in use";
 }
 
+// The exported mark the host reads: a pointer to "_IMPORT_CERT_MARK".
+TEST_F(HeadersOnlyHostTest, ExportsTheImportCertMark) {
+  const char* const* mark = static_cast<const char* const*>(dlsym(handle_, "IMPORT_CERT_MARK"));
+  ASSERT_NE(mark, nullptr);
+  ASSERT_NE(*mark, nullptr);
+  EXPECT_STREQ(*mark, "_IMPORT_CERT_MARK");
+}
+
 struct Row {
   const char* url;
   const char* version;

@@ -356,6 +356,69 @@ TEST_F(TaskOpTest, ErrorInformationThatIsNoJsonGoesOnWithEmptyCode) {
   EXPECT_TRUE(trace.has(TraceLevel::kError, "Failed to parse new errorInfo json from string."));
 }
 
+// The rewritten error information is stored as an array cell (type 7) when
+// the rebuilt text parses as an array. The reader ignores what follows a
+// complete value, so "[1] " (its last character, a blank, removed) gives
+// "[1]" followed by the description, which reads as the array [1].
+TEST_F(TaskOpTest, RebuiltErrorInformationThatIsAnArrayIsStoredWithTypeSeven) {
+  const std::string error = "[1] ";
+  scriptDetail(&kDetailJson, &error);
+  TraceCapture trace;
+  NOXTaskOp op(kTaskType);
+  CRequestMsg request = detailRequest();
+  CResponseMsg response;
+  ASSERT_EQ(op.get(request, response), 0);
+  EXPECT_EQ(response[0][kTagError].getType(), CTLVCell::TLV_JSON_ARRAY);
+  EXPECT_EQ(cellText(response, kTagError), "[1]");
+  EXPECT_EQ(response[0][kTagError].getLength(), 3u);
+  EXPECT_FALSE(trace.hasText("Failed to parse errorInfo json string."));
+  EXPECT_FALSE(trace.hasText("Failed to parse new errorInfo json from string."));
+}
+
+// A detail cell that is there but cannot be read as text ends the read:
+// 0, and the reply stays exactly as the backend sent it.
+TEST_F(TaskOpTest, DetailCellThatCannotBeReadLeavesTheReplyUntouched) {
+  backend_.on(kDetail, [](const CR3MPackageV3&, CR3MPackageV3& reply) {
+    CR3MRecordV3& record = reply.addRecord(kDetail, 13);
+    record[kTagDetail];  // present, without a value: reading it throws
+    setJsonCell(record, kTagError, "{\"code\":\"1003\"}");
+    return 0LL;
+  });
+  TraceCapture trace;
+  NOXTaskOp op(kTaskType);
+  CRequestMsg request = detailRequest();
+  CResponseMsg response;
+  EXPECT_EQ(op.get(request, response), 0);
+  EXPECT_EQ(response[0][kTagDetail].getType(), CTLVCell::TLV_NONE);
+  EXPECT_EQ(cellText(response, kTagError), "{\"code\":\"1003\"}");
+  EXPECT_TRUE(trace.logs(TraceLevel::kError).empty()) << trace.dump();
+  EXPECT_TRUE(trace.logs(TraceLevel::kWarn).empty()) << trace.dump();
+}
+
+// An error-information cell that is there but cannot be read counts as an
+// empty text: the first parse fails with its error, the detail is rendered,
+// and the rebuilt text (a lone description) does not parse either, so the
+// cell stays as it was.
+TEST_F(TaskOpTest, ErrorCellThatCannotBeReadIsAnEmptyText) {
+  backend_.on(kDetail, [](const CR3MPackageV3&, CR3MPackageV3& reply) {
+    CR3MRecordV3& record = reply.addRecord(kDetail, 13);
+    record[kTagDetail].setString(kTagDetail, kDetailJson);
+    record[kTagError];  // present, without a value
+    return 0LL;
+  });
+  TraceCapture trace;
+  NOXTaskOp op(kTaskType);
+  CRequestMsg request = detailRequest();
+  CResponseMsg response;
+  ASSERT_EQ(op.get(request, response), 0);
+  EXPECT_EQ(cellText(response, kTagDetail), kEnDetail);
+  EXPECT_EQ(trace.count(TraceLevel::kError, "Failed to parse errorInfo json string."), 1)
+      << trace.dump();
+  EXPECT_TRUE(trace.has(TraceLevel::kDebug, "errorcode is: ,\"description\":\"\"}"));
+  EXPECT_EQ(trace.count(TraceLevel::kError, "Failed to parse new errorInfo json from string."), 1);
+  EXPECT_EQ(response[0][kTagError].getType(), CTLVCell::TLV_NONE);
+}
+
 TEST_F(TaskOpTest, ErrorInformationAsTextCellIsRewrittenAsJsonCell) {
   backend_.on(kDetail, [](const CR3MPackageV3&, CR3MPackageV3& reply) {
     CR3MRecordV3& record = reply.addRecord(kDetail, 13);

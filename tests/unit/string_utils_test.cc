@@ -113,6 +113,61 @@ TEST(ComparisonTest, CallerComparatorsPlugIn) {
   EXPECT_EQ(findPrefix(list, pred), "v1");
 }
 
+// Comparators that record their arguments in the order they are given.
+class RecordingStrEqual : public vequal_to<std::string> {
+ public:
+  bool operator()(const std::string& a, const std::string& b) const override {
+    calls.emplace_back(a, b);
+    return a == b;
+  }
+  mutable std::vector<std::pair<std::string, std::string>> calls;
+};
+
+class RecordingCharEqual : public vequal_to<char> {
+ public:
+  bool operator()(const char& a, const char& b) const override {
+    calls.emplace_back(std::string(1, a), std::string(1, b));
+    return a == b;
+  }
+  mutable std::vector<std::pair<std::string, std::string>> calls;
+};
+
+using Calls = std::vector<std::pair<std::string, std::string>>;
+
+// The argument order matters to a comparator that is not symmetric: the
+// search passes the text's window first and the pattern second; the common
+// prefix passes b's character first and a's second; the list prefix passes
+// the other string's character first and the first string's second.
+TEST(ComparisonTest, ComparatorsGetTheirArgumentsInTheOrderOfTheFunctions) {
+  {
+    RecordingStrEqual str;
+    RecordingCharEqual chr;
+    const CStrEqualPred pred(&str, &chr);
+    EXPECT_EQ(findCase("xab", "ab", pred), 1u);
+    EXPECT_EQ(str.calls, (Calls{{"xa", "ab"}, {"ab", "ab"}}));
+    EXPECT_TRUE(chr.calls.empty());
+  }
+  {
+    RecordingStrEqual str;
+    RecordingCharEqual chr;
+    const CStrEqualPred pred(&str, &chr);
+    EXPECT_EQ(comPrefixLen("ab", "ac", pred), 1u);
+    EXPECT_EQ(chr.calls, (Calls{{"a", "a"}, {"c", "b"}}));
+    chr.calls.clear();
+    EXPECT_EQ(findPrefix(std::string("ab"), std::string("ac"), pred), "a");
+    EXPECT_EQ(chr.calls, (Calls{{"a", "a"}, {"c", "b"}}));
+    EXPECT_TRUE(str.calls.empty());
+  }
+  {
+    RecordingStrEqual str;
+    RecordingCharEqual chr;
+    const CStrEqualPred pred(&str, &chr);
+    std::vector<std::string> list = {"ab", "ay", "az"};
+    EXPECT_EQ(findPrefix(list, pred), "a");
+    EXPECT_EQ(chr.calls, (Calls{{"a", "a"}, {"a", "a"}, {"y", "b"}}));
+  }
+}
+
 // ---------------------------------------------------------------------------
 // Trimming
 // ---------------------------------------------------------------------------
@@ -452,8 +507,10 @@ TEST(GetLenWithEscapeTest, Table) {
       {"\\\\", "", -1, 4, "backslashes always count"},
       {bytes("a\0b", 3), ",", -1, 4, "NUL counts"},
       {",,,", ",", -1, 6, "all special"},
-      {"a,", ",", 5, 6, "count past the text: only existing characters add"},
-      {"", ",", 3, 3, "count past an empty text"},
+      {"a,", ",", 3, 5, "count = length + 1: the terminating NUL counts as found"},
+      {"a,", ",", 5, 7, "past the terminator nothing more is added"},
+      {"", ",", 1, 2, "an empty text's terminator counts"},
+      {"", ",", 3, 4, "count past an empty text"},
       {"a,", ",", -2, -2, "other negative counts are returned as they are"},
   };
   for (const auto& c : cases) {
