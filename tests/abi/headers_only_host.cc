@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <map>
+#include <memory>
 
 #include "host_functions.h"
 #include "login_op.h"
@@ -118,10 +119,10 @@ CQPNDebugKitMgr* CQPNDebugKitMgr::instance() {
   return &manager;
 }
 CQPNDebugKit* CQPNDebugKitMgr::find(int moduleId) {
-  static std::map<int, CQPNDebugKit*> kits;
-  CQPNDebugKit*& kit = kits[moduleId];
-  if (kit == nullptr) kit = new CQPNDebugKit(moduleId);
-  return kit;
+  static std::map<int, std::unique_ptr<CQPNDebugKit>> kits;
+  std::unique_ptr<CQPNDebugKit>& kit = kits[moduleId];
+  if (!kit) kit.reset(new CQPNDebugKit(moduleId));
+  return kit.get();
 }
 
 // ---------------------------------------------------------------------------

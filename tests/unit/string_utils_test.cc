@@ -410,6 +410,8 @@ TEST(EscapeTest, ParseEscapeTable) {
       {"a\\c\\c", false, 0, "a,,", "consecutive escapes"},
       {"\\,", false, -1, "\\,", "the special itself is no code"},
       {bytes("\\\0", 2), false, 0, bytes("\0", 1), "backslash NUL gives NUL"},
+      {bytes("a\0b", 3), false, 0, bytes("a\0b", 3), "a bare NUL is copied like any character"},
+      {bytes("a\0\\c", 4), false, 0, bytes("a\0,", 3), "the walk goes on past a NUL"},
       {"", false, 0, "", "empty text"},
       {"a,b", false, 0, "a,b", "unescaped specials are copied"},
   };
