@@ -98,62 +98,7 @@ bool countsAsFailedAttempt(long long code) {
 
 std::atomic<bool> g_exposeCode{false};
 
-// RedirectInfoMgr's table.
-std::mutex& redirectMutex() {
-  static std::mutex m;
-  return m;
-}
-std::map<std::string, int>& redirectTable() {
-  static std::map<std::string, int> table;
-  return table;
-}
-std::mutex& observerMutex() {
-  static std::mutex m;
-  return m;
-}
-RedirectInfoObserver& observerSlot() {
-  static RedirectInfoObserver observer;
-  return observer;
-}
-
 }  // namespace
-
-// ---------------------------------------------------------------------------
-// RedirectInfoMgr
-
-int RedirectInfoMgr::addSessionInfo(const std::string& key, int kind) {
-  RedirectInfoObserver observer;
-  {
-    std::lock_guard<std::mutex> lock(observerMutex());
-    observer = observerSlot();
-  }
-  if (observer) observer(key, kind);
-  std::lock_guard<std::mutex> lock(redirectMutex());
-  redirectTable()[key] = kind;
-  return 0;
-}
-
-int RedirectInfoMgr::getSessionInfo(const std::string& key) {
-  std::lock_guard<std::mutex> lock(redirectMutex());
-  auto it = redirectTable().find(key);
-  return it == redirectTable().end() ? -1 : it->second;
-}
-
-void RedirectInfoMgr::removeSessionInfo(const std::string& key) {
-  std::lock_guard<std::mutex> lock(redirectMutex());
-  redirectTable().erase(key);
-}
-
-RedirectInfoObserver setRedirectInfoObserver(RedirectInfoObserver observer) {
-  std::lock_guard<std::mutex> lock(observerMutex());
-  observer.swap(observerSlot());
-  return observer;
-}
-
-size_t redirectInfoCount() {
-  std::lock_guard<std::mutex> lock(redirectMutex());
-  return redirectTable().size();
-}
 
 // ---------------------------------------------------------------------------
 // CLoginOp
@@ -287,9 +232,15 @@ int CLoginOp::handleLogin(CRequestMsg& request, CResponseMsg& response) {
   std::shared_ptr<HttpSession> session = store.create(device, user, language, &token);
   try {
     updateSessionFile(kSessionKeyPrefix, *session, reply);
+    // The label travels with the session to every gateway.
+    store.saveState(token, *session);
   } catch (...) {
     // A login that could not be labelled must not leave a usable session.
-    store.remove(token);
+    try {
+      store.remove(token);
+    } catch (...) {
+      // The store is gone too; its own expiry ends the session.
+    }
     guard.error(0, "handleLogin", __LINE__, "could not label session %s of user %s",
                 session->getId().c_str(), userName.c_str());
     throw;

@@ -1,16 +1,39 @@
 #include "login_throttle.h"
 
+#include "qpn_debug_kit.h"
+#include "state_store.h"
+
+namespace {
+
+// Failures counted at most: far beyond the delay's cap.
+constexpr int kCountCap = 1000;
+
+[[noreturn]] void unavailable(const char* what, const StateStoreError& e) {
+  CQPNDebugKitGuard guard(2, "LoginThrottle");
+  guard.error(0, what, __LINE__, "the session store is not available: %s", e.what());
+  throw QPNExceptionWithErrCode_(kErrStateUnavailable, "host/login_throttle", __LINE__, false,
+                                 nullptr);
+}
+
+}  // namespace
+
 LoginThrottle& LoginThrottle::instance() {
   static LoginThrottle throttle;
   return throttle;
 }
 
 std::string LoginThrottle::keyOf(const std::string& userName, const std::string& address) {
-  // A NUL cannot come from either HTTP field, so the pair is unambiguous.
+  // A NUL cannot come from either HTTP field, so the pair is unambiguous;
+  // hashed, the store holds no user names or addresses in clear.
   std::string key = userName;
   key.push_back('\0');
   key += address;
-  return key;
+  return sha256Hex(key);
+}
+
+time_t LoginThrottle::now() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return clock_ != nullptr ? clock_() : time(nullptr);
 }
 
 int LoginThrottle::delayAfter(int failures) {
@@ -23,56 +46,52 @@ int LoginThrottle::delayAfter(int failures) {
 }
 
 int LoginThrottle::secondsToWait(const std::string& userName, const std::string& address) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  auto it = entries_.find(keyOf(userName, address));
-  if (it == entries_.end()) return 0;
-  const time_t now = this->now();
-  if (now - it->second.lastFailure >= kForgetAfter) {
-    entries_.erase(it);
-    return 0;
+  FailureCount count;
+  try {
+    count = stateStore()->failures(keyOf(userName, address), now(), kForgetAfter);
+  } catch (const StateStoreError& e) {
+    unavailable("secondsToWait", e);
   }
-  const time_t until = it->second.lastFailure + delayAfter(it->second.failures);
-  return until > now ? static_cast<int>(until - now) : 0;
+  if (count.failures == 0) return 0;
+  // The window is measured on the store's clock, which the failure was
+  // stamped with.
+  const time_t until = count.lastFailure + delayAfter(count.failures);
+  return until > count.now ? static_cast<int>(until - count.now) : 0;
 }
 
 void LoginThrottle::recordFailure(const std::string& userName, const std::string& address) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  const time_t now = this->now();
-  if (entries_.size() >= kMaxTracked) pruneLocked(now);
-  Entry& entry = entries_[keyOf(userName, address)];
-  if (entry.failures > 0 && now - entry.lastFailure >= kForgetAfter) entry.failures = 0;
-  if (entry.failures < 1000) ++entry.failures;
-  entry.lastFailure = now;
+  try {
+    stateStore()->addFailure(keyOf(userName, address), now(), kForgetAfter, kCountCap);
+  } catch (const StateStoreError& e) {
+    unavailable("recordFailure", e);
+  }
 }
 
 void LoginThrottle::recordSuccess(const std::string& userName, const std::string& address) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  entries_.erase(keyOf(userName, address));
+  try {
+    stateStore()->clearFailures(keyOf(userName, address));
+  } catch (const StateStoreError& e) {
+    unavailable("recordSuccess", e);
+  }
 }
 
 int LoginThrottle::failures(const std::string& userName, const std::string& address) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  auto it = entries_.find(keyOf(userName, address));
-  if (it == entries_.end() || now() - it->second.lastFailure >= kForgetAfter) return 0;
-  return it->second.failures;
+  try {
+    return stateStore()->failures(keyOf(userName, address), now(), kForgetAfter).failures;
+  } catch (const StateStoreError& e) {
+    unavailable("failures", e);
+  }
 }
 
 void LoginThrottle::clear() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  entries_.clear();
+  try {
+    stateStore()->clearAllFailures();
+  } catch (const StateStoreError& e) {
+    unavailable("clear", e);
+  }
 }
 
 void LoginThrottle::setClock(time_t (*clock)()) {
   std::lock_guard<std::mutex> lock(mutex_);
   clock_ = clock;
-}
-
-void LoginThrottle::pruneLocked(time_t now) {
-  for (auto it = entries_.begin(); it != entries_.end();) {
-    if (now - it->second.lastFailure >= kForgetAfter) {
-      it = entries_.erase(it);
-    } else {
-      ++it;
-    }
-  }
 }

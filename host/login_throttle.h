@@ -12,12 +12,16 @@
 //   if (int wait = t.secondsToWait("admin", "10.0.0.7")) refuse(wait);
 //   ... t.recordFailure("admin", "10.0.0.7") or t.recordSuccess(...) ...
 //
+// The counts live in the installed StateStore, so every gateway of a site
+// adds to the same count: a client that spreads its guesses over several
+// gateways is slowed as if it used one. A store that cannot be reached makes
+// the members throw QPNExceptionWithErrCode_ kErrStateUnavailable.
+//
 // Thread-safety: every member may be called from any thread.
 #ifndef NOX_HOST_LOGIN_THROTTLE_H_
 #define NOX_HOST_LOGIN_THROTTLE_H_
 
 #include <ctime>
-#include <map>
 #include <mutex>
 #include <string>
 
@@ -28,7 +32,6 @@ class HOST_API LoginThrottle {
   static constexpr int kFreeFailures = 3;
   static constexpr int kMaxDelay = 60;       // seconds
   static constexpr int kForgetAfter = 900;   // seconds without a failure
-  static constexpr size_t kMaxTracked = 100000;
 
   static LoginThrottle& instance();
 
@@ -52,18 +55,12 @@ class HOST_API LoginThrottle {
   void setClock(time_t (*clock)());
 
  private:
-  struct Entry {
-    int failures = 0;
-    time_t lastFailure = 0;
-  };
   LoginThrottle() = default;
-  time_t now() const { return clock_ != nullptr ? clock_() : time(nullptr); }
+  time_t now();
+  // The store's key of the pair: the SHA-256 of user name, NUL, address.
   static std::string keyOf(const std::string& userName, const std::string& address);
-  // Drops pairs not seen for kForgetAfter seconds. Caller holds mutex_.
-  void pruneLocked(time_t now);
 
-  std::mutex mutex_;
-  std::map<std::string, Entry> entries_;
+  std::mutex mutex_;  // guards clock_
   time_t (*clock_)() = nullptr;
 };
 

@@ -1,4 +1,5 @@
-// The reference host's extras around RedirectInfoMgr (declared in login_op.h).
+// The reference host's extras around RedirectInfoMgr (declared in login_op.h,
+// implemented in redirect_info.cc over the installed StateStore).
 //
 // An observer sees every addSessionInfo call as it happens, before the entry
 // is stored; tests use it to see in which order a login labels its session.
@@ -20,5 +21,11 @@ HOST_API RedirectInfoObserver setRedirectInfoObserver(RedirectInfoObserver obser
 
 // Entries in the table (tests).
 HOST_API size_t redirectInfoCount();
+
+// How long an entry outlives the last use of its session in a store that
+// expires keys by itself (Redis): the sessions' idle time-out, set by
+// SessionStore::setIdleTimeout. A memory store ends entries with their
+// sessions.
+HOST_API void setSessionInfoLifetime(int seconds);
 
 #endif  // NOX_HOST_REDIRECT_INFO_H_

@@ -1,11 +1,12 @@
 #include "session_store.h"
 
-#include <map>
 #include <mutex>
 #include <vector>
 
-#include "login_op.h"
+#include "qpn_debug_kit.h"
+#include "redirect_info.h"
 #include "secure_random.h"
+#include "state_store.h"
 
 namespace {
 
@@ -13,52 +14,45 @@ namespace {
 constexpr size_t kTokenBytes = 32;
 constexpr size_t kIdBytes = 16;
 constexpr int kDefaultIdleTimeout = 1800;
+constexpr int kModule = 2;
 
-// The table is keyed by the token's first half only (128 bits, hex); the
-// whole token is then compared in constant time. A lookup's timing can thus
-// tell an attacker at most how much of a key matched, never of the half that
-// is checked, so guessing a token byte by byte from response times fails.
-constexpr size_t kSelectorChars = 32;
+// The store keys a session by the SHA-256 of its token: the token itself is
+// kept nowhere, so a copy of the store (a Redis dump) opens no session, and
+// a lookup's timing tells nothing about how much of a guess was right.
+std::string keyOf(const std::string& token) { return sha256Hex(token); }
 
-std::string selectorOf(const std::string& token) { return token.substr(0, kSelectorChars); }
+// The shared state could not be used: logged, and answered with 503.
+[[noreturn]] void unavailable(const char* what, const StateStoreError& e) {
+  CQPNDebugKitGuard guard(kModule, "SessionStore");
+  guard.error(0, what, __LINE__, "the session store is not available: %s", e.what());
+  throw QPNExceptionWithErrCode_(kErrStateUnavailable, "host/session_store", __LINE__, false,
+                                 nullptr);
+}
 
-// Compares without stopping at the first difference.
-bool sameSecret(const std::string& a, const std::string& b) {
-  if (a.size() != b.size()) return false;
-  unsigned char diff = 0;
-  for (size_t i = 0; i < a.size(); ++i) {
-    diff |= static_cast<unsigned char>(a[i] ^ b[i]);
+// Ending a session ends its session information (RedirectInfoMgr's entry).
+void forgetInfo(const std::vector<std::string>& ids) {
+  try {
+    for (const std::string& id : ids) stateStore()->removeInfo(kSessionKeyPrefix + id);
+  } catch (const StateStoreError& e) {
+    unavailable("forgetInfo", e);
   }
-  return diff == 0;
 }
 
 }  // namespace
 
 struct SessionStore::Impl {
-  struct Entry {
-    std::shared_ptr<HttpSession> session;
-    CDeviceID device;
-    UserContext user;
-    std::string language;
-    time_t lastSeen = 0;
-    std::string token;
-  };
-
-  mutable std::mutex mutex;
-  std::map<std::string, Entry> sessions;  // by the token's selector
-
-  // The entry of `token`, or sessions.end().
-  std::map<std::string, Entry>::iterator entryOf(const std::string& token) {
-    if (token.size() <= kSelectorChars) return sessions.end();
-    auto it = sessions.find(selectorOf(token));
-    if (it == sessions.end() || !sameSecret(it->second.token, token)) return sessions.end();
-    return it;
-  }
+  mutable std::mutex mutex;  // guards the settings below
   int idleTimeout = kDefaultIdleTimeout;
   time_t (*clock)() = nullptr;
 
-  time_t now() const { return clock != nullptr ? clock() : time(nullptr); }
-  bool idle(const Entry& entry, time_t at) const { return at - entry.lastSeen >= idleTimeout; }
+  time_t now() const {
+    std::lock_guard<std::mutex> lock(mutex);
+    return clock != nullptr ? clock() : time(nullptr);
+  }
+  int idle() const {
+    std::lock_guard<std::mutex> lock(mutex);
+    return idleTimeout;
+  }
 };
 
 SessionStore& SessionStore::instance() {
@@ -72,105 +66,104 @@ std::shared_ptr<HttpSession> SessionStore::create(const CDeviceID& device,
                                                   const UserContext& user,
                                                   const std::string& language,
                                                   std::string* token) {
-  // Drop what has gone idle first, so that the table does not grow with
-  // clients that never log out.
+  // Drop what has gone idle first, so that a memory store does not grow with
+  // clients that never log out (a Redis store expires keys by itself).
   expire();
-  Impl::Entry entry;
-  entry.device = device;
-  entry.user = user;
-  entry.language = language;
-  std::string newToken;
-  std::lock_guard<std::mutex> lock(impl_->mutex);
-  do {
-    newToken = secureRandomHex(kTokenBytes);
-  } while (impl_->sessions.count(selectorOf(newToken)) != 0);
-  entry.token = newToken;
-  entry.session = std::make_shared<HttpSession>(secureRandomHex(kIdBytes));
-  entry.lastSeen = impl_->now();
-  std::shared_ptr<HttpSession> session = entry.session;
-  impl_->sessions.emplace(selectorOf(newToken), std::move(entry));
+  StoredSession stored;
+  stored.id = secureRandomHex(kIdBytes);
+  stored.device = device;
+  stored.user = user;
+  stored.language = language;
+  // 256 random bits: a collision with a live token is not a practical event.
+  const std::string newToken = secureRandomHex(kTokenBytes);
+  try {
+    stateStore()->putSession(keyOf(newToken), stored, impl_->now(), impl_->idle());
+  } catch (const StateStoreError& e) {
+    unavailable("create", e);
+  }
   *token = newToken;
-  return session;
+  return std::make_shared<HttpSession>(stored.id);
+}
+
+void SessionStore::saveState(const std::string& token, const HttpSession& session) {
+  if (!session.hasAttribute(CSessionInfo::SESS_STAT_K)) return;
+  try {
+    stateStore()->setSessionState(keyOf(token), session.getAttribute(CSessionInfo::SESS_STAT_K));
+  } catch (const StateStoreError& e) {
+    unavailable("saveState", e);
+  }
 }
 
 bool SessionStore::lookup(const std::string& token, CSessionInfo& info) {
-  std::string endedId;
-  {
-    std::lock_guard<std::mutex> lock(impl_->mutex);
-    auto it = impl_->entryOf(token);
-    if (it == impl_->sessions.end()) return false;
-    const time_t now = impl_->now();
-    if (!impl_->idle(it->second, now)) {
-      it->second.lastSeen = now;
-      info.setHttpSession(it->second.session);
-      info.getDeviceID() = it->second.device;
-      info.getUserContext() = it->second.user;
-      info.setLanguage(it->second.language);
-      return true;
+  if (token.empty()) return false;
+  StoredSession stored;
+  try {
+    if (!stateStore()->touchSession(keyOf(token), impl_->now(), impl_->idle(), kSessionKeyPrefix,
+                                    &stored)) {
+      return false;
     }
-    endedId = it->second.session->getId();
-    impl_->sessions.erase(it);
+  } catch (const StateStoreError& e) {
+    unavailable("lookup", e);
   }
-  RedirectInfoMgr::removeSessionInfo(kSessionKeyPrefix + endedId);
-  return false;
+  auto session = std::make_shared<HttpSession>(stored.id);
+  if (!stored.state.isNull()) session->setAttribute(CSessionInfo::SESS_STAT_K, stored.state);
+  info.setHttpSession(std::move(session));
+  info.getDeviceID() = stored.device;
+  info.getUserContext() = stored.user;
+  info.setLanguage(stored.language);
+  return true;
 }
 
 bool SessionStore::remove(const std::string& token) {
-  std::string endedId;
-  {
-    std::lock_guard<std::mutex> lock(impl_->mutex);
-    auto it = impl_->entryOf(token);
-    if (it == impl_->sessions.end()) return false;
-    endedId = it->second.session->getId();
-    impl_->sessions.erase(it);
+  if (token.empty()) return false;
+  StoredSession stored;
+  try {
+    if (!stateStore()->removeSession(keyOf(token), &stored)) return false;
+  } catch (const StateStoreError& e) {
+    unavailable("remove", e);
   }
-  RedirectInfoMgr::removeSessionInfo(kSessionKeyPrefix + endedId);
+  forgetInfo({stored.id});
   return true;
 }
 
 size_t SessionStore::expire() {
-  std::vector<std::string> endedIds;
-  {
-    std::lock_guard<std::mutex> lock(impl_->mutex);
-    const time_t now = impl_->now();
-    for (auto it = impl_->sessions.begin(); it != impl_->sessions.end();) {
-      if (impl_->idle(it->second, now)) {
-        endedIds.push_back(it->second.session->getId());
-        it = impl_->sessions.erase(it);
-      } else {
-        ++it;
-      }
-    }
+  std::vector<std::string> ended;
+  try {
+    stateStore()->expireSessions(impl_->now(), impl_->idle(), &ended);
+  } catch (const StateStoreError& e) {
+    unavailable("expire", e);
   }
-  for (const std::string& id : endedIds) RedirectInfoMgr::removeSessionInfo(kSessionKeyPrefix + id);
-  return endedIds.size();
+  forgetInfo(ended);
+  return ended.size();
 }
 
 size_t SessionStore::size() const {
-  std::lock_guard<std::mutex> lock(impl_->mutex);
-  return impl_->sessions.size();
+  try {
+    return stateStore()->sessionCount();
+  } catch (const StateStoreError& e) {
+    unavailable("size", e);
+  }
 }
 
 void SessionStore::clear() {
-  std::map<std::string, Impl::Entry> ended;
-  {
-    std::lock_guard<std::mutex> lock(impl_->mutex);
-    ended.swap(impl_->sessions);
+  std::vector<std::string> ended;
+  try {
+    stateStore()->clearSessions(&ended);
+  } catch (const StateStoreError& e) {
+    unavailable("clear", e);
   }
-  for (const auto& entry : ended) {
-    RedirectInfoMgr::removeSessionInfo(kSessionKeyPrefix + entry.second.session->getId());
-  }
+  forgetInfo(ended);
 }
 
 void SessionStore::setIdleTimeout(int seconds) {
-  std::lock_guard<std::mutex> lock(impl_->mutex);
-  impl_->idleTimeout = seconds > 0 ? seconds : kDefaultIdleTimeout;
+  {
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    impl_->idleTimeout = seconds > 0 ? seconds : kDefaultIdleTimeout;
+  }
+  setSessionInfoLifetime(idleTimeout());
 }
 
-int SessionStore::idleTimeout() const {
-  std::lock_guard<std::mutex> lock(impl_->mutex);
-  return impl_->idleTimeout;
-}
+int SessionStore::idleTimeout() const { return impl_->idle(); }
 
 void SessionStore::setClock(time_t (*clock)()) {
   std::lock_guard<std::mutex> lock(impl_->mutex);

@@ -1,13 +1,17 @@
 // The gateway's logged-in sessions, found by their secret token.
 //
-// A token is 128 random bits or more from the operating system's generator,
-// written as hex; it is the client's credential and is never logged. Each
-// session also has a public identifier (HttpSession::getId), which is what
-// logs and RedirectInfoMgr keys use. A session ends at logout or after
-// idleTimeout seconds without a request (default 1800). Ending a session,
-// whichever way, also forgets its RedirectInfoMgr entry. Lookups find the
-// session by the token's first half and compare the whole token in constant
-// time.
+// A token is 256 random bits from the operating system's generator, written
+// as hex; it is the client's credential and is never logged nor stored: the
+// installed StateStore (memory, or Redis shared by several gateways) keeps
+// each session under the SHA-256 of its token. Each session also has a
+// public identifier (HttpSession::getId), which is what logs and
+// RedirectInfoMgr keys use. A session ends at logout or after idleTimeout
+// seconds without a request (default 1800). Ending a session, whichever
+// way, also forgets its RedirectInfoMgr entry.
+//
+// A store that cannot be reached makes every member throw
+// QPNExceptionWithErrCode_ kErrStateUnavailable (logged): a session is never
+// taken as valid without the store's word.
 //
 // Thread-safety: every member may be called from any thread.
 #ifndef NOX_HOST_SESSION_STORE_H_
@@ -32,9 +36,13 @@ class HOST_API SessionStore {
   // and returns the session.
   std::shared_ptr<HttpSession> create(const CDeviceID& device, const UserContext& user,
                                       const std::string& language, std::string* token);
+  // Keeps the session's state attribute (CSessionInfo::SESS_STAT_K, set
+  // when the login labelled it) with the session, for every gateway.
+  void saveState(const std::string& token, const HttpSession& session);
   // Looks the token up; on success refreshes the idle timer, fills the
-  // session side of `info` (session, device, user, language) and returns true.
-  // An unknown or expired token returns false and leaves `info` alone.
+  // session side of `info` (a session object with its identifier and state
+  // attribute, device, user, language) and returns true. An unknown or
+  // expired token returns false and leaves `info` alone.
   bool lookup(const std::string& token, CSessionInfo& info);
   // Ends the session of `token`. Returns false when there was none.
   bool remove(const std::string& token);

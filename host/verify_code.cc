@@ -4,7 +4,9 @@
 #include <cstdio>
 #include <vector>
 
+#include "qpn_debug_kit.h"
 #include "secure_random.h"
+#include "state_store.h"
 
 namespace {
 
@@ -38,6 +40,13 @@ std::string base64(const std::string& in) {
   return out;
 }
 
+[[noreturn]] void unavailable(const char* what, const StateStoreError& e) {
+  CQPNDebugKitGuard guard(2, "VerifyCodeStore");
+  guard.error(0, what, __LINE__, "the session store is not available: %s", e.what());
+  throw QPNExceptionWithErrCode_(kErrStateUnavailable, "host/verify_code", __LINE__, false,
+                                 nullptr);
+}
+
 }  // namespace
 
 VerifyCodeStore& VerifyCodeStore::instance() {
@@ -56,47 +65,46 @@ void VerifyCodeStore::issue(std::string* challengeId, std::string* code) {
       if (newCode.size() < kCodeLength) newCode.push_back(kAlphabet[c % kAlphabetSize]);
     }
   }
-  std::lock_guard<std::mutex> lock(mutex_);
-  const time_t now = this->now();
-  pruneLocked(now);
-  std::string id;
-  do {
-    id = secureRandomHex(16);
-  } while (challenges_.count(id) != 0);
-  Challenge& challenge = challenges_[id];
-  challenge.code = newCode;
-  challenge.issued = now;
-  order_.emplace_back(now, id);
+  // 128 random bits: a collision with a live identifier is not a practical
+  // event.
+  const std::string id = secureRandomHex(16);
+  try {
+    stateStore()->putChallenge(id, newCode, now(), kLifetime, kMaxLive);
+  } catch (const StateStoreError& e) {
+    unavailable("issue", e);
+  }
   *challengeId = id;
   *code = newCode;
 }
 
 bool VerifyCodeStore::redeem(const std::string& challengeId, const std::string& answer) {
-  Challenge challenge;
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    auto it = challenges_.find(challengeId);
-    if (it == challenges_.end()) return false;
-    challenge = it->second;
+  std::string code;
+  try {
     // Used up by the first answer, right or wrong, so a challenge cannot be
-    // guessed at.
-    challenges_.erase(it);
-    if (now() - challenge.issued >= kLifetime) return false;
+    // guessed at; taken atomically, so two gateways cannot both accept it.
+    if (!stateStore()->takeChallenge(challengeId, now(), kLifetime, &code)) return false;
+  } catch (const StateStoreError& e) {
+    unavailable("redeem", e);
   }
   std::string normalized = answer;
   for (char& c : normalized) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-  return constantTimeEqual(normalized, challenge.code);
+  return constantTimeEqual(normalized, code);
 }
 
 size_t VerifyCodeStore::size() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return challenges_.size();
+  try {
+    return stateStore()->challengeCount();
+  } catch (const StateStoreError& e) {
+    unavailable("size", e);
+  }
 }
 
 void VerifyCodeStore::clear() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  challenges_.clear();
-  order_.clear();
+  try {
+    stateStore()->clearChallenges();
+  } catch (const StateStoreError& e) {
+    unavailable("clear", e);
+  }
 }
 
 void VerifyCodeStore::setClock(time_t (*clock)()) {
@@ -104,12 +112,9 @@ void VerifyCodeStore::setClock(time_t (*clock)()) {
   clock_ = clock;
 }
 
-void VerifyCodeStore::pruneLocked(time_t now) {
-  while (!order_.empty() &&
-         (now - order_.front().first >= kLifetime || challenges_.size() >= kMaxLive)) {
-    challenges_.erase(order_.front().second);
-    order_.pop_front();
-  }
+time_t VerifyCodeStore::now() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return clock_ != nullptr ? clock_() : time(nullptr);
 }
 
 bool constantTimeEqual(const std::string& a, const std::string& b) {

@@ -5,7 +5,11 @@
 // (no 0/O, 1/I/L). The client shows the code's image to the user and sends
 // back the identifier with what the user read. redeem() accepts an answer
 // once: the challenge is used up by the first answer, right or wrong, and
-// dies kLifetime seconds after it was issued.
+// dies kLifetime seconds after it was issued. Challenges live in the
+// installed StateStore, so a code issued by one gateway is redeemed once on
+// any of them; a store that cannot be reached makes issue and redeem throw
+// QPNExceptionWithErrCode_ kErrStateUnavailable (a code is never accepted
+// without the store's word).
 //
 //   std::string id, code;
 //   VerifyCodeStore::instance().issue(&id, &code);
@@ -16,11 +20,8 @@
 #define NOX_HOST_VERIFY_CODE_H_
 
 #include <ctime>
-#include <deque>
-#include <map>
 #include <mutex>
 #include <string>
-#include <utility>
 
 #include "nox_visibility.h"
 
@@ -47,20 +48,10 @@ class HOST_API VerifyCodeStore {
   void setClock(time_t (*clock)());
 
  private:
-  struct Challenge {
-    std::string code;
-    time_t issued = 0;
-  };
   VerifyCodeStore() = default;
-  time_t now() const { return clock_ != nullptr ? clock_() : time(nullptr); }
-  // Drops dead challenges, then the oldest while over kMaxLive. Caller holds mutex_.
-  void pruneLocked(time_t now);
+  time_t now();
 
-  std::mutex mutex_;
-  std::map<std::string, Challenge> challenges_;
-  // Identifiers in the order issued (some may be redeemed already), so that
-  // pruning looks only at the oldest.
-  std::deque<std::pair<time_t, std::string>> order_;
+  std::mutex mutex_;  // guards clock_
   time_t (*clock_)() = nullptr;
 };
 

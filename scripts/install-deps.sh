@@ -10,6 +10,7 @@ PACKAGES=(
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   libcpp-httplib-dev libssl-dev libsqlite3-dev zlib1g-dev libbrotli-dev
   openssl curl python3 binutils clang-tidy cppcheck valgrind
+  libhiredis-dev redis-server
 )
 
 missing=()

@@ -1,0 +1,455 @@
+#include "redis_state_store.h"
+
+#include <hiredis/hiredis.h>
+
+#include <cstdlib>
+#include <map>
+
+namespace {
+
+const char kSessionPrefix[] = "nox:s:";
+const char kInfoPrefix[] = "nox:i:";
+const char kChallengePrefix[] = "nox:c:";
+const char kFailurePrefix[] = "nox:f:";
+
+// Renews a session and its session information; answers the session's
+// fields, or an empty list when there is none.
+const char kTouchScript[] =
+    "local f = redis.call('HGETALL', KEYS[1])\n"
+    "if #f == 0 then return f end\n"
+    "redis.call('EXPIRE', KEYS[1], ARGV[1])\n"
+    "local id = redis.call('HGET', KEYS[1], 'id')\n"
+    "if id then redis.call('EXPIRE', ARGV[2] .. id, ARGV[1]) end\n"
+    "return f\n";
+
+// Stores a session's fields (ARGV[2..]) with its idle time-out (ARGV[1]).
+const char kPutSessionScript[] =
+    "redis.call('DEL', KEYS[1])\n"
+    "redis.call('HSET', KEYS[1], unpack(ARGV, 2))\n"
+    "redis.call('EXPIRE', KEYS[1], ARGV[1])\n"
+    "return 1\n";
+
+// Takes a session away; answers its fields.
+const char kRemoveSessionScript[] =
+    "local f = redis.call('HGETALL', KEYS[1])\n"
+    "redis.call('DEL', KEYS[1])\n"
+    "return f\n";
+
+const char kSetStateScript[] =
+    "if redis.call('EXISTS', KEYS[1]) == 0 then return 0 end\n"
+    "redis.call('HSET', KEYS[1], 'state', ARGV[1])\n"
+    "return 1\n";
+
+// The pair's count, its last failure and the server's time.
+const char kFailuresScript[] =
+    "local now = tonumber(redis.call('TIME')[1])\n"
+    "local n = redis.call('HGET', KEYS[1], 'n')\n"
+    "if not n then return {0, 0, now} end\n"
+    "return {tonumber(n), tonumber(redis.call('HGET', KEYS[1], 'last')), now}\n";
+
+// One more failure (at most ARGV[2]), stamped with the server's time; the
+// pair is forgotten ARGV[1] seconds after it.
+const char kAddFailureScript[] =
+    "local now = tonumber(redis.call('TIME')[1])\n"
+    "local n = tonumber(redis.call('HGET', KEYS[1], 'n') or '0')\n"
+    "if n < tonumber(ARGV[2]) then n = n + 1 end\n"
+    "redis.call('HSET', KEYS[1], 'n', n, 'last', now)\n"
+    "redis.call('EXPIRE', KEYS[1], ARGV[1])\n"
+    "return {n, now, now}\n";
+
+std::string jsonText(const Json::Value& value) {
+  Json::StreamWriterBuilder builder;
+  builder["indentation"] = "";
+  return Json::writeString(builder, value);
+}
+
+Json::Value parseJson(const std::string& text) {
+  Json::Value value;
+  Json::CharReaderBuilder builder;
+  std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+  if (!reader->parse(text.data(), text.data() + text.size(), &value, nullptr)) return Json::Value();
+  return value;
+}
+
+long long toNumber(const std::string& text) { return std::strtoll(text.c_str(), nullptr, 10); }
+
+}  // namespace
+
+// An owned redisReply.
+class RedisStateStore::Reply {
+ public:
+  explicit Reply(redisReply* reply) : reply_(reply) {}
+  Reply(Reply&& other) noexcept : reply_(other.reply_) { other.reply_ = nullptr; }
+  ~Reply() {
+    if (reply_ != nullptr) freeReplyObject(reply_);
+  }
+  Reply(const Reply&) = delete;
+  Reply& operator=(const Reply&) = delete;
+
+  bool isNil() const { return reply_->type == REDIS_REPLY_NIL; }
+  long long integer() const {
+    if (reply_->type == REDIS_REPLY_INTEGER) return reply_->integer;
+    if (reply_->type == REDIS_REPLY_STRING) return toNumber(text());
+    throw StateStoreError("unexpected answer from Redis (no number)");
+  }
+  std::string text() const {
+    if (reply_->type == REDIS_REPLY_STRING || reply_->type == REDIS_REPLY_STATUS) {
+      return std::string(reply_->str, reply_->len);
+    }
+    if (reply_->type == REDIS_REPLY_NIL) return std::string();
+    throw StateStoreError("unexpected answer from Redis (no text)");
+  }
+  // The elements of an array answer.
+  std::vector<const redisReply*> elements() const {
+    if (reply_->type != REDIS_REPLY_ARRAY) throw StateStoreError("unexpected answer from Redis (no list)");
+    return std::vector<const redisReply*>(reply_->element, reply_->element + reply_->elements);
+  }
+  // Field-value pairs of an HGETALL answer.
+  std::map<std::string, std::string> fields() const {
+    std::map<std::string, std::string> out;
+    const std::vector<const redisReply*> e = elements();
+    for (size_t i = 0; i + 1 < e.size(); i += 2) {
+      out[std::string(e[i]->str, e[i]->len)] = std::string(e[i + 1]->str, e[i + 1]->len);
+    }
+    return out;
+  }
+
+ private:
+  redisReply* reply_;
+};
+
+namespace {
+
+StoredSession sessionOf(const std::map<std::string, std::string>& f) {
+  auto get = [&f](const char* name) {
+    auto it = f.find(name);
+    return it == f.end() ? std::string() : it->second;
+  };
+  StoredSession s;
+  s.id = get("id");
+  s.device.id_ = get("dev");
+  s.device.address_ = get("addr");
+  s.user.userName_ = get("user");
+  s.user.userId_ = get("uid");
+  s.user.scope_ = get("scope");
+  s.user.clientAddress_ = get("client");
+  s.language = get("lang");
+  const std::string state = get("state");
+  if (!state.empty()) s.state = parseJson(state);
+  return s;
+}
+
+}  // namespace
+
+bool parseRedisAddress(const std::string& url, RedisAddress* address, std::string* error) {
+  const std::string scheme = "redis://";
+  if (url.compare(0, scheme.size(), scheme) != 0) {
+    *error = "the state address must start with redis://";
+    return false;
+  }
+  std::string rest = url.substr(scheme.size());
+  RedisAddress out;
+  const size_t at = rest.rfind('@');
+  if (at != std::string::npos) {
+    const std::string credentials = rest.substr(0, at);
+    rest = rest.substr(at + 1);
+    const size_t colon = credentials.find(':');
+    if (colon == std::string::npos) {
+      out.password = credentials;
+    } else {
+      out.user = credentials.substr(0, colon);
+      out.password = credentials.substr(colon + 1);
+    }
+  }
+  const size_t slash = rest.find('/');
+  if (slash != std::string::npos) {
+    const std::string db = rest.substr(slash + 1);
+    rest = rest.substr(0, slash);
+    if (!db.empty()) {
+      if (db.find_first_not_of("0123456789") != std::string::npos || db.size() > 5) {
+        *error = "the database number \"" + db + "\" is not a number";
+        return false;
+      }
+      out.db = std::atoi(db.c_str());
+    }
+  }
+  const size_t colon = rest.rfind(':');
+  if (colon != std::string::npos) {
+    const std::string port = rest.substr(colon + 1);
+    rest = rest.substr(0, colon);
+    if (port.empty() || port.find_first_not_of("0123456789") != std::string::npos ||
+        port.size() > 5 || std::atoi(port.c_str()) < 1 || std::atoi(port.c_str()) > 65535) {
+      *error = "the port \"" + port + "\" is not a port number";
+      return false;
+    }
+    out.port = std::atoi(port.c_str());
+  }
+  if (rest.empty()) {
+    *error = "the state address names no host";
+    return false;
+  }
+  out.host = rest;
+  *address = out;
+  return true;
+}
+
+std::shared_ptr<RedisStateStore> RedisStateStore::open(const std::string& url, int timeoutMs,
+                                                       std::string* error) {
+  RedisAddress address;
+  if (!parseRedisAddress(url, &address, error)) return nullptr;
+  return std::shared_ptr<RedisStateStore>(
+      new RedisStateStore(std::move(address), timeoutMs > 0 ? timeoutMs : 500));
+}
+
+RedisStateStore::RedisStateStore(RedisAddress address, int timeoutMs)
+    : address_(std::move(address)), timeoutMs_(timeoutMs) {}
+
+RedisStateStore::~RedisStateStore() {
+  for (redisContext* c : idle_) redisFree(c);
+}
+
+std::string RedisStateStore::describe() const {
+  return "redis://" + address_.host + ":" + std::to_string(address_.port) + "/" +
+         std::to_string(address_.db);
+}
+
+redisContext* RedisStateStore::connect() {
+  struct timeval tv;
+  tv.tv_sec = timeoutMs_ / 1000;
+  tv.tv_usec = (timeoutMs_ % 1000) * 1000;
+  redisContext* c = redisConnectWithTimeout(address_.host.c_str(), address_.port, tv);
+  if (c == nullptr) throw StateStoreError("cannot allocate a Redis connection");
+  if (c->err != 0) {
+    const std::string why = c->errstr;
+    redisFree(c);
+    throw StateStoreError("cannot connect to " + describe() + ": " + why);
+  }
+  redisSetTimeout(c, tv);
+  auto setup = [&](const std::vector<std::string>& words) {
+    std::vector<const char*> argv;
+    std::vector<size_t> lengths;
+    for (const std::string& w : words) {
+      argv.push_back(w.data());
+      lengths.push_back(w.size());
+    }
+    redisReply* r = static_cast<redisReply*>(
+        redisCommandArgv(c, static_cast<int>(argv.size()), argv.data(), lengths.data()));
+    const bool failed = r == nullptr || r->type == REDIS_REPLY_ERROR;
+    const std::string why = r == nullptr ? std::string(c->errstr) : std::string(r->str, r->len);
+    if (r != nullptr) freeReplyObject(r);
+    if (failed) {
+      redisFree(c);
+      throw StateStoreError(words[0] + " refused by " + describe() + ": " + why);
+    }
+  };
+  if (!address_.password.empty()) {
+    if (address_.user.empty()) {
+      setup({"AUTH", address_.password});
+    } else {
+      setup({"AUTH", address_.user, address_.password});
+    }
+  }
+  if (address_.db != 0) setup({"SELECT", std::to_string(address_.db)});
+  return c;
+}
+
+RedisStateStore::Reply RedisStateStore::command(const std::vector<std::string>& words) {
+  redisContext* c = nullptr;
+  {
+    std::lock_guard<std::mutex> lock(poolMutex_);
+    if (!idle_.empty()) {
+      c = idle_.back();
+      idle_.pop_back();
+    }
+  }
+  if (c == nullptr) c = connect();
+  std::vector<const char*> argv;
+  std::vector<size_t> lengths;
+  argv.reserve(words.size());
+  lengths.reserve(words.size());
+  for (const std::string& w : words) {
+    argv.push_back(w.data());
+    lengths.push_back(w.size());
+  }
+  redisReply* r = static_cast<redisReply*>(
+      redisCommandArgv(c, static_cast<int>(argv.size()), argv.data(), lengths.data()));
+  if (r == nullptr) {
+    // Lost, refused or timed out: this connection is done with.
+    const std::string why = c->errstr;
+    redisFree(c);
+    throw StateStoreError(describe() + ": " + why);
+  }
+  {
+    std::lock_guard<std::mutex> lock(poolMutex_);
+    idle_.push_back(c);
+  }
+  Reply reply(r);
+  if (r->type == REDIS_REPLY_ERROR) {
+    throw StateStoreError(describe() + " refused " + words[0] + ": " + std::string(r->str, r->len));
+  }
+  return reply;
+}
+
+std::vector<std::string> RedisStateStore::keys(const std::string& pattern) {
+  std::vector<std::string> out;
+  std::string cursor = "0";
+  do {
+    Reply r = command({"SCAN", cursor, "MATCH", pattern, "COUNT", "1000"});
+    const std::vector<const redisReply*> e = r.elements();
+    if (e.size() != 2) throw StateStoreError("unexpected answer from Redis to SCAN");
+    cursor.assign(e[0]->str, e[0]->len);
+    for (size_t i = 0; i < e[1]->elements; ++i) {
+      out.emplace_back(e[1]->element[i]->str, e[1]->element[i]->len);
+    }
+  } while (cursor != "0");
+  return out;
+}
+
+bool RedisStateStore::healthy(std::string* detail) {
+  try {
+    const std::string pong = command({"PING"}).text();
+    if (pong != "PONG") throw StateStoreError("PING answered " + pong);
+    if (detail != nullptr) detail->clear();
+    return true;
+  } catch (const StateStoreError& e) {
+    if (detail != nullptr) *detail = e.what();
+    return false;
+  }
+}
+
+void RedisStateStore::putSession(const std::string& key, const StoredSession& s, time_t now,
+                                 int idleSeconds) {
+  (void)now;
+  std::vector<std::string> words = {"EVAL", kPutSessionScript, "1", kSessionPrefix + key,
+                                    std::to_string(idleSeconds)};
+  const std::pair<const char*, std::string> fields[] = {
+      {"id", s.id},
+      {"dev", s.device.id_},
+      {"addr", s.device.address_},
+      {"user", s.user.userName_},
+      {"uid", s.user.userId_},
+      {"scope", s.user.scope_},
+      {"client", s.user.clientAddress_},
+      {"lang", s.language},
+      {"state", s.state.isNull() ? std::string() : jsonText(s.state)},
+  };
+  for (const auto& field : fields) {
+    words.emplace_back(field.first);
+    words.push_back(field.second);
+  }
+  command(words);
+}
+
+bool RedisStateStore::touchSession(const std::string& key, time_t now, int idleSeconds,
+                                   const std::string& infoPrefix, StoredSession* session) {
+  (void)now;
+  Reply r = command({"EVAL", kTouchScript, "1", kSessionPrefix + key, std::to_string(idleSeconds),
+                     kInfoPrefix + infoPrefix});
+  const std::map<std::string, std::string> f = r.fields();
+  if (f.empty()) return false;
+  *session = sessionOf(f);
+  return true;
+}
+
+bool RedisStateStore::removeSession(const std::string& key, StoredSession* session) {
+  Reply r = command({"EVAL", kRemoveSessionScript, "1", kSessionPrefix + key});
+  const std::map<std::string, std::string> f = r.fields();
+  if (f.empty()) return false;
+  *session = sessionOf(f);
+  return true;
+}
+
+bool RedisStateStore::setSessionState(const std::string& key, const Json::Value& state) {
+  return command({"EVAL", kSetStateScript, "1", kSessionPrefix + key, jsonText(state)}).integer() ==
+         1;
+}
+
+void RedisStateStore::expireSessions(time_t now, int idleSeconds, std::vector<std::string>* ended) {
+  // Redis ends idle sessions itself.
+  (void)now;
+  (void)idleSeconds;
+  (void)ended;
+}
+
+size_t RedisStateStore::sessionCount() { return keys(std::string(kSessionPrefix) + "*").size(); }
+
+void RedisStateStore::clearSessions(std::vector<std::string>* ended) {
+  for (const std::string& key : keys(std::string(kSessionPrefix) + "*")) {
+    const std::string id = command({"HGET", key, "id"}).text();
+    command({"DEL", key});
+    if (!id.empty()) ended->push_back(id);
+  }
+}
+
+void RedisStateStore::putInfo(const std::string& key, int kind, int ttlSeconds) {
+  command({"SET", kInfoPrefix + key, std::to_string(kind), "EX",
+           std::to_string(ttlSeconds > 0 ? ttlSeconds : 1800)});
+}
+
+int RedisStateStore::getInfo(const std::string& key) {
+  Reply r = command({"GET", kInfoPrefix + key});
+  return r.isNil() ? -1 : static_cast<int>(r.integer());
+}
+
+void RedisStateStore::removeInfo(const std::string& key) { command({"DEL", kInfoPrefix + key}); }
+
+size_t RedisStateStore::infoCount() { return keys(std::string(kInfoPrefix) + "*").size(); }
+
+void RedisStateStore::putChallenge(const std::string& id, const std::string& code, time_t now,
+                                   int lifetime, size_t maxLive) {
+  // Redis drops challenges at their lifetime; memory is the site's to size.
+  (void)now;
+  (void)maxLive;
+  command({"SET", kChallengePrefix + id, code, "EX", std::to_string(lifetime)});
+}
+
+bool RedisStateStore::takeChallenge(const std::string& id, time_t now, int lifetime,
+                                    std::string* code) {
+  (void)now;
+  (void)lifetime;
+  Reply r = command({"GETDEL", kChallengePrefix + id});
+  if (r.isNil()) return false;
+  *code = r.text();
+  return true;
+}
+
+size_t RedisStateStore::challengeCount() {
+  return keys(std::string(kChallengePrefix) + "*").size();
+}
+
+void RedisStateStore::clearChallenges() {
+  for (const std::string& key : keys(std::string(kChallengePrefix) + "*")) command({"DEL", key});
+}
+
+namespace {
+
+FailureCount countOf(const std::vector<const redisReply*>& e) {
+  if (e.size() != 3) throw StateStoreError("unexpected answer from Redis to a failure count");
+  FailureCount out;
+  out.failures = static_cast<int>(e[0]->integer);
+  out.lastFailure = static_cast<time_t>(e[1]->integer);
+  out.now = static_cast<time_t>(e[2]->integer);
+  return out;
+}
+
+}  // namespace
+
+FailureCount RedisStateStore::failures(const std::string& key, time_t now, int forgetAfter) {
+  (void)now;
+  (void)forgetAfter;  // the key expires forgetAfter seconds after its last failure
+  return countOf(command({"EVAL", kFailuresScript, "1", kFailurePrefix + key}).elements());
+}
+
+FailureCount RedisStateStore::addFailure(const std::string& key, time_t now, int forgetAfter,
+                                         int cap) {
+  (void)now;
+  return countOf(command({"EVAL", kAddFailureScript, "1", kFailurePrefix + key,
+                          std::to_string(forgetAfter), std::to_string(cap)})
+                     .elements());
+}
+
+void RedisStateStore::clearFailures(const std::string& key) { command({"DEL", kFailurePrefix + key}); }
+
+void RedisStateStore::clearAllFailures() {
+  for (const std::string& key : keys(std::string(kFailurePrefix) + "*")) command({"DEL", key});
+}

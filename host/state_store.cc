@@ -1,0 +1,56 @@
+#include "state_store.h"
+
+#include <openssl/evp.h>
+
+#include <mutex>
+
+#include "memory_state_store.h"
+
+namespace {
+
+std::mutex& slotMutex() {
+  static std::mutex m;
+  return m;
+}
+
+std::shared_ptr<StateStore>& installedSlot() {
+  static std::shared_ptr<StateStore> slot;
+  return slot;
+}
+
+std::shared_ptr<StateStore> memoryStore() {
+  static const std::shared_ptr<StateStore> store = std::make_shared<MemoryStateStore>();
+  return store;
+}
+
+}  // namespace
+
+std::shared_ptr<StateStore> installStateStore(std::shared_ptr<StateStore> store) {
+  std::lock_guard<std::mutex> lock(slotMutex());
+  store.swap(installedSlot());
+  return store;
+}
+
+std::shared_ptr<StateStore> stateStore() {
+  {
+    std::lock_guard<std::mutex> lock(slotMutex());
+    if (installedSlot()) return installedSlot();
+  }
+  return memoryStore();
+}
+
+std::string sha256Hex(const std::string& text) {
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int length = 0;
+  if (EVP_Digest(text.data(), text.size(), digest, &length, EVP_sha256(), nullptr) != 1) {
+    throw std::runtime_error("SHA-256 failed");
+  }
+  static const char kHex[] = "0123456789abcdef";
+  std::string out;
+  out.reserve(2 * length);
+  for (unsigned int i = 0; i < length; ++i) {
+    out.push_back(kHex[digest[i] >> 4]);
+    out.push_back(kHex[digest[i] & 0xF]);
+  }
+  return out;
+}

@@ -1,0 +1,46 @@
+// RedisServer: Debian's redis-server for one test, on a free loopback port,
+// with nothing saved to disk.
+//
+//   RedisServer redis;
+//   ASSERT_TRUE(redis.start()) << redis.error();
+//   ... "redis://127.0.0.1:" + std::to_string(redis.port()) ...
+//   redis.stop();    // SIGTERM and wait; start() brings it back on the same port
+//
+// Thread-safety: one test thread.
+#ifndef NOX_TESTS_SUPPORT_REDIS_SERVER_H_
+#define NOX_TESTS_SUPPORT_REDIS_SERVER_H_
+
+#include <sys/types.h>
+
+#include <string>
+
+class RedisServer {
+ public:
+  // `persistent`: every write goes to an append-only file in a folder of its
+  // own (synced at once), so a restart keeps what was stored.
+  explicit RedisServer(bool persistent = false) : persistent_(persistent) {}
+  ~RedisServer();
+  RedisServer(const RedisServer&) = delete;
+  RedisServer& operator=(const RedisServer&) = delete;
+
+  // Starts redis-server (on a free port the first time, on the same port
+  // after a stop) and waits until it answers PING, at most 20 s. Returns
+  // false and says why in error() when it cannot.
+  bool start();
+  // Stops it (SIGTERM, then SIGKILL after 10 s) and waits for it.
+  void stop();
+  bool running() const { return pid_ > 0; }
+
+  int port() const { return port_; }
+  std::string url() const { return "redis://127.0.0.1:" + std::to_string(port_); }
+  const std::string& error() const { return error_; }
+
+ private:
+  bool persistent_;
+  std::string dataDir_;
+  pid_t pid_ = -1;
+  int port_ = 0;
+  std::string error_;
+};
+
+#endif  // NOX_TESTS_SUPPORT_REDIS_SERVER_H_

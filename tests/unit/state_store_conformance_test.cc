@@ -1,0 +1,318 @@
+// One suite, run against each state store: the memory store and a real
+// redis-server. Everything goes through what the gateway uses (SessionStore,
+// RedirectInfoMgr, VerifyCodeStore, LoginThrottle) with the store installed,
+// on the real clock, so both stores must behave alike to pass.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cctype>
+#include <chrono>
+#include <ctime>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "login_op.h"
+#include "login_throttle.h"
+#include "memory_state_store.h"
+#include "redirect_info.h"
+#include "redis_server.h"
+#include "redis_state_store.h"
+#include "session_store.h"
+#include "state_store.h"
+#include "verify_code.h"
+
+namespace {
+
+RedisServer& redis() {
+  static RedisServer* server = new RedisServer();
+  return *server;
+}
+
+long long codeOf(const std::function<void()>& call) {
+  try {
+    call();
+  } catch (const QPNExceptionWithErrCode_& e) {
+    return e.getErrCode();
+  }
+  return 0;
+}
+
+class StateStoreConformance : public ::testing::TestWithParam<std::string> {
+ protected:
+  static void TearDownTestSuite() { redis().stop(); }
+
+  void SetUp() override {
+    if (GetParam() == "redis") {
+      ASSERT_TRUE(redis().start()) << redis().error();
+      std::string error;
+      store_ = RedisStateStore::open(redis().url(), 2000, &error);
+      ASSERT_NE(store_, nullptr) << error;
+    } else {
+      store_ = std::make_shared<MemoryStateStore>();
+    }
+    installStateStore(store_);
+    SessionStore::instance().setIdleTimeout(0);
+    SessionStore::instance().clear();
+    VerifyCodeStore::instance().clear();
+    LoginThrottle::instance().clear();
+  }
+
+  void TearDown() override {
+    SessionStore::instance().clear();
+    SessionStore::instance().setIdleTimeout(0);
+    installStateStore(nullptr);
+  }
+
+  std::string open(const std::string& user, std::string* id = nullptr) {
+    CDeviceID device;
+    device.id_ = "backend";
+    device.address_ = "127.0.0.1";
+    UserContext context;
+    context.userName_ = user;
+    context.userId_ = "u-" + user;
+    context.scope_ = "4";
+    context.clientAddress_ = "198.51.100.9";
+    std::string token;
+    std::shared_ptr<HttpSession> session =
+        SessionStore::instance().create(device, context, "zh", &token);
+    if (id != nullptr) *id = session->getId();
+    return token;
+  }
+
+  std::shared_ptr<StateStore> store_;
+};
+
+TEST_P(StateStoreConformance, LookupGivesBackTheSession) {
+  std::string id;
+  const std::string token = open("auditor", &id);
+  CSessionInfo info;
+  ASSERT_TRUE(SessionStore::instance().lookup(token, info));
+  ASSERT_NE(info.getHttpSession(), nullptr);
+  EXPECT_EQ(info.getHttpSession()->getId(), id);
+  EXPECT_EQ(info.getUserContext().userName_, "auditor");
+  EXPECT_EQ(info.getUserContext().userId_, "u-auditor");
+  EXPECT_EQ(info.getUserContext().scope_, "4");
+  EXPECT_EQ(info.getUserContext().clientAddress_, "198.51.100.9");
+  EXPECT_EQ(info.getDeviceID().id_, "backend");
+  EXPECT_EQ(info.getDeviceID().address_, "127.0.0.1");
+  EXPECT_TRUE(info.isZh());
+  EXPECT_FALSE(info.getHttpSession()->hasAttribute(CSessionInfo::SESS_STAT_K));
+  EXPECT_EQ(SessionStore::instance().size(), 1u);
+}
+
+TEST_P(StateStoreConformance, TheStateLabelTravelsWithTheSession) {
+  const std::string token = open("admin");
+  HttpSession labelled("ignored");
+  labelled.setAttribute(CSessionInfo::SESS_STAT_K, Json::Value(8));
+  SessionStore::instance().saveState(token, labelled);
+  CSessionInfo info;
+  ASSERT_TRUE(SessionStore::instance().lookup(token, info));
+  EXPECT_EQ(info.getHttpSession()->getAttribute(CSessionInfo::SESS_STAT_K), Json::Value(8));
+}
+
+TEST_P(StateStoreConformance, TheTokenIsKeptOnlyAsItsHash) {
+  const std::string token = open("apiuser");
+  StoredSession stored;
+  EXPECT_FALSE(store_->touchSession(token, time(nullptr), 60, kSessionKeyPrefix, &stored));
+  EXPECT_TRUE(store_->touchSession(sha256Hex(token), time(nullptr), 60, kSessionKeyPrefix, &stored));
+  EXPECT_EQ(stored.user.userName_, "apiuser");
+  // A token that differs in its last character opens nothing.
+  std::string other = token;
+  other.back() = other.back() == 'a' ? 'b' : 'a';
+  CSessionInfo info;
+  EXPECT_FALSE(SessionStore::instance().lookup(other, info));
+  EXPECT_FALSE(SessionStore::instance().lookup("", info));
+}
+
+TEST_P(StateStoreConformance, LogoutEndsTheSessionAndItsInformationAtOnce) {
+  std::string id;
+  const std::string token = open("admin", &id);
+  RedirectInfoMgr::addSessionInfo(kSessionKeyPrefix + id, 7);
+  EXPECT_EQ(RedirectInfoMgr::getSessionInfo(kSessionKeyPrefix + id), 7);
+  EXPECT_TRUE(SessionStore::instance().remove(token));
+  CSessionInfo info;
+  EXPECT_FALSE(SessionStore::instance().lookup(token, info));
+  EXPECT_EQ(RedirectInfoMgr::getSessionInfo(kSessionKeyPrefix + id), -1);
+  EXPECT_FALSE(SessionStore::instance().remove(token));
+}
+
+TEST_P(StateStoreConformance, SessionInformationIsReplacedAndRemoved) {
+  RedirectInfoMgr::addSessionInfo("session_x", 7);
+  RedirectInfoMgr::addSessionInfo("session_x", 8);
+  EXPECT_EQ(RedirectInfoMgr::getSessionInfo("session_x"), 8);
+  EXPECT_EQ(redirectInfoCount(), 1u);
+  RedirectInfoMgr::removeSessionInfo("session_x");
+  EXPECT_EQ(RedirectInfoMgr::getSessionInfo("session_x"), -1);
+  EXPECT_EQ(RedirectInfoMgr::getSessionInfo("never"), -1);
+}
+
+// Idleness ends a session; every use restarts its idle time.
+TEST_P(StateStoreConformance, IdleSessionsEndAndUseKeepsThemAlive) {
+  SessionStore::instance().setIdleTimeout(2);
+  std::string idleId;
+  const std::string idle = open("idle", &idleId);
+  RedirectInfoMgr::addSessionInfo(kSessionKeyPrefix + idleId, 7);
+  const std::string busy = open("busy");
+  CSessionInfo info;
+  for (int i = 0; i < 3; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1000));
+    EXPECT_TRUE(SessionStore::instance().lookup(busy, info)) << "after " << i + 1 << " s";
+  }
+  EXPECT_FALSE(SessionStore::instance().lookup(idle, info));
+  EXPECT_EQ(RedirectInfoMgr::getSessionInfo(kSessionKeyPrefix + idleId), -1);
+}
+
+TEST_P(StateStoreConformance, AChallengeIsRedeemedOnce) {
+  std::string id, code;
+  VerifyCodeStore::instance().issue(&id, &code);
+  EXPECT_TRUE(VerifyCodeStore::instance().redeem(id, code));
+  EXPECT_FALSE(VerifyCodeStore::instance().redeem(id, code));
+  VerifyCodeStore::instance().issue(&id, &code);
+  EXPECT_FALSE(VerifyCodeStore::instance().redeem(id, "WRONG1"));
+  EXPECT_FALSE(VerifyCodeStore::instance().redeem(id, code)) << "a wrong answer uses it up";
+  VerifyCodeStore::instance().issue(&id, &code);
+  std::string lower = code;
+  for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  EXPECT_TRUE(VerifyCodeStore::instance().redeem(id, lower));
+  EXPECT_FALSE(VerifyCodeStore::instance().redeem("no-such-challenge", code));
+}
+
+// Many callers at once with the right answer: exactly one is let in.
+TEST_P(StateStoreConformance, ConcurrentRedeemsAcceptACodeOnce) {
+  for (int round = 0; round < 5; ++round) {
+    std::string id, code;
+    VerifyCodeStore::instance().issue(&id, &code);
+    std::atomic<int> accepted{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 8; ++t) {
+      threads.emplace_back([&] {
+        if (VerifyCodeStore::instance().redeem(id, code)) ++accepted;
+      });
+    }
+    for (std::thread& t : threads) t.join();
+    EXPECT_EQ(accepted.load(), 1) << "round " << round;
+  }
+}
+
+TEST_P(StateStoreConformance, FailedLoginsAddUpAndASuccessClearsThem) {
+  LoginThrottle& throttle = LoginThrottle::instance();
+  for (int i = 0; i < 3; ++i) throttle.recordFailure("admin", "10.0.0.7");
+  EXPECT_EQ(throttle.failures("admin", "10.0.0.7"), 3);
+  EXPECT_EQ(throttle.secondsToWait("admin", "10.0.0.7"), 1);
+  throttle.recordFailure("admin", "10.0.0.7");
+  EXPECT_EQ(throttle.failures("admin", "10.0.0.7"), 4);
+  const int wait = throttle.secondsToWait("admin", "10.0.0.7");
+  EXPECT_GE(wait, 1);
+  EXPECT_LE(wait, 2);
+  EXPECT_EQ(throttle.failures("admin", "10.0.0.8"), 0) << "pairs are independent";
+  throttle.recordSuccess("admin", "10.0.0.7");
+  EXPECT_EQ(throttle.failures("admin", "10.0.0.7"), 0);
+  EXPECT_EQ(throttle.secondsToWait("admin", "10.0.0.7"), 0);
+}
+
+TEST_P(StateStoreConformance, ConcurrentFailuresAreAllCounted) {
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([] {
+      for (int i = 0; i < 25; ++i) LoginThrottle::instance().recordFailure("root", "203.0.113.1");
+    });
+  }
+  for (std::thread& t : threads) t.join();
+  EXPECT_EQ(LoginThrottle::instance().failures("root", "203.0.113.1"), 100);
+}
+
+TEST_P(StateStoreConformance, StoreReportsItsKindAndHealth) {
+  std::string why = "unset";
+  EXPECT_TRUE(store_->healthy(&why));
+  EXPECT_EQ(why, "");
+  EXPECT_STREQ(store_->kind(), GetParam().c_str());
+}
+
+INSTANTIATE_TEST_SUITE_P(Stores, StateStoreConformance, ::testing::Values("memory", "redis"),
+                         [](const ::testing::TestParamInfo<std::string>& p) { return p.param; });
+
+// ---------------------------------------------------------------------------
+// Redis trouble is an error, never a wrong answer.
+
+TEST(RedisStateStoreTest, UnreachableRedisIsUnavailableNeverAnAnswer) {
+  // A port nobody listens on: take a free one from a server we then stop.
+  RedisServer gone;
+  ASSERT_TRUE(gone.start()) << gone.error();
+  const std::string url = gone.url();
+  gone.stop();
+  std::string error;
+  std::shared_ptr<RedisStateStore> store = RedisStateStore::open(url, 200, &error);
+  ASSERT_NE(store, nullptr) << error;
+  std::string why;
+  EXPECT_FALSE(store->healthy(&why));
+  EXPECT_NE(why.find("cannot connect"), std::string::npos) << why;
+  installStateStore(store);
+  CSessionInfo info;
+  EXPECT_EQ(codeOf([&] { SessionStore::instance().lookup("a-token", info); }),
+            kErrStateUnavailable);
+  std::string id, code;
+  EXPECT_EQ(codeOf([&] { VerifyCodeStore::instance().issue(&id, &code); }), kErrStateUnavailable);
+  EXPECT_EQ(codeOf([&] { VerifyCodeStore::instance().redeem("x", "y"); }), kErrStateUnavailable);
+  EXPECT_EQ(codeOf([&] { LoginThrottle::instance().secondsToWait("u", "a"); }),
+            kErrStateUnavailable);
+  EXPECT_EQ(codeOf([&] { RedirectInfoMgr::addSessionInfo("k", 7); }), kErrStateUnavailable);
+  installStateStore(nullptr);
+}
+
+// A Redis that comes back is used again without anything being restarted.
+TEST(RedisStateStoreTest, ReconnectsWhenRedisIsBack) {
+  RedisServer server;
+  ASSERT_TRUE(server.start()) << server.error();
+  std::string error;
+  std::shared_ptr<RedisStateStore> store = RedisStateStore::open(server.url(), 500, &error);
+  ASSERT_NE(store, nullptr);
+  EXPECT_TRUE(store->healthy(nullptr));
+  server.stop();
+  EXPECT_FALSE(store->healthy(nullptr));
+  ASSERT_TRUE(server.start()) << server.error();
+  EXPECT_TRUE(store->healthy(nullptr));
+  store->putInfo("k", 3, 60);
+  EXPECT_EQ(store->getInfo("k"), 3);
+}
+
+TEST(RedisAddressTest, ParsesTheForms) {
+  struct Case {
+    const char* url;
+    bool ok;
+    const char* host;
+    int port;
+    const char* user;
+    const char* password;
+    int db;
+  } cases[] = {
+      {"redis://10.0.0.5", true, "10.0.0.5", 6379, "", "", 0},
+      {"redis://10.0.0.5:7000/3", true, "10.0.0.5", 7000, "", "", 3},
+      {"redis://:s3cret@cache.example:6380", true, "cache.example", 6380, "", "s3cret", 0},
+      {"redis://gw:p@w@h:1/0", true, "h", 1, "gw", "p@w", 0},
+      {"http://10.0.0.5", false, "", 0, "", "", 0},
+      {"redis://", false, "", 0, "", "", 0},
+      {"redis://h:0", false, "", 0, "", "", 0},
+      {"redis://h:70000", false, "", 0, "", "", 0},
+      {"redis://h:1/x", false, "", 0, "", "", 0},
+  };
+  for (const Case& c : cases) {
+    RedisAddress address;
+    std::string error;
+    EXPECT_EQ(parseRedisAddress(c.url, &address, &error), c.ok) << c.url << ": " << error;
+    if (!c.ok) {
+      EXPECT_FALSE(error.empty()) << c.url;
+      continue;
+    }
+    EXPECT_EQ(address.host, c.host) << c.url;
+    EXPECT_EQ(address.port, c.port) << c.url;
+    EXPECT_EQ(address.user, c.user) << c.url;
+    EXPECT_EQ(address.password, c.password) << c.url;
+    EXPECT_EQ(address.db, c.db) << c.url;
+  }
+}
+
+}  // namespace
