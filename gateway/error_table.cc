@@ -27,6 +27,7 @@ constexpr CodeRow kCodes[] = {
     {0x03000101, 503, "The backend is not available."},
     {0x03000102, 504, "The backend did not answer in time."},
     {0x03000103, 502, "The backend failed."},
+    {0x03000105, 503, "The session store is not available. Try again later."},
     {kErrRouteNotFound, 404, "No such path."},
     {kErrMethodNotAllowed, 405, "The path does not take this method."},
     {kErrBodyTooLarge, 413, "The request body is too large."},

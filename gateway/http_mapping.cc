@@ -296,9 +296,11 @@ HttpOutput Dispatcher::handle(const HttpInput& in) const {
     if (path == "/healthz" || path == "/openapi.json") {
       if (!isGet) return errorOutput(kErrMethodNotAllowed, describeCode(kErrMethodNotAllowed));
       if (path == "/healthz") {
-        Json::Value ok(Json::objectValue);
-        ok["status"] = "ok";
-        return jsonOutput(200, ok);
+        Json::Value health(Json::objectValue);
+        health["status"] = "ok";
+        const bool ok = !options_.health || options_.health(health);
+        if (!ok) health["status"] = "unavailable";
+        return jsonOutput(ok ? 200 : 503, health);
       }
       HttpOutput out;
       out.body = options_.openApi;
@@ -340,7 +342,13 @@ HttpOutput Dispatcher::serveRoute(const HttpInput& in, const RouteMatch& match,
   info.setLanguage(languageFromAcceptLanguage(headerValue(in.headers, "Accept-Language")));
   info.getUserContext().clientAddress_ = in.clientAddress;
   const std::string token = sessionToken(in);
-  const bool haveSession = !token.empty() && lookup_ && lookup_(token, info);
+  bool haveSession = false;
+  try {
+    haveSession = !token.empty() && lookup_ && lookup_(token, info);
+  } catch (const QPNExceptionWithErrCode_& e) {
+    // The session store cannot say: no request goes through unchecked.
+    return errorOutput(e.getErrCode(), describeException(e));
+  }
   if (!haveSession && !isPublicRoute(route.url, in.method)) {
     return errorOutput(kErrSessionRequired, describeCode(kErrSessionRequired));
   }

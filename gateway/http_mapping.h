@@ -67,6 +67,10 @@ struct DispatchOptions {
   size_t maxBody = size_t{2} * 1024 * 1024;  // bytes of JSON body or of all file parts together
   std::string openApi;                       // the text served at GET /openapi.json
   size_t maxActive = 0;  // operations running at once (others wait in line); 0: no limit
+  // Adds the health of what the gateway depends on to the /healthz answer
+  // (its "status" member is "ok"); returns false when the gateway cannot
+  // serve now, which answers 503.
+  std::function<bool(Json::Value& health)> health;
 };
 
 // The name of the session cookie.

@@ -26,6 +26,8 @@
 #include "request_msg.h"
 #include "operation_base.h"
 #include "tls.h"
+#include "redis_state_store.h"
+#include "state_store.h"
 #include "tlv_backend.h"
 #include "trace_sink.h"
 #include "login_op.h"
@@ -188,6 +190,23 @@ int main(int argc, char** argv) {
 
   if (options.backendTimeout > 0) CRequestUri::setCfgTimeout(options.backendTimeout);
   if (options.sessionIdle > 0) SessionStore::instance().setIdleTimeout(options.sessionIdle);
+  if (!options.state.empty()) {
+    std::shared_ptr<RedisStateStore> shared =
+        RedisStateStore::open(options.state, options.stateTimeoutMs, &error);
+    if (!shared) {
+      fail("--state " + error);
+      return 1;
+    }
+    std::string why;
+    // Not fatal: the gateway answers 503 until Redis is there, then serves.
+    if (!shared->healthy(&why)) {
+      fprintf(stderr, "nox-gateway: the session store %s is not reachable yet: %s\n",
+              shared->describe().c_str(), why.c_str());
+    }
+    installStateStore(shared);
+    printf("sessions in %s\n", shared->describe().c_str());
+    fflush(stdout);
+  }
   gw::SessionLookup lookup = [](const std::string& token, CSessionInfo& info) {
     return SessionStore::instance().lookup(token, info);
   };
@@ -224,6 +243,16 @@ int main(int argc, char** argv) {
   dispatchOptions.openApi = kNoxOpenApiText;
   dispatchOptions.maxActive = static_cast<size_t>(
       options.maxActive > 0 ? options.maxActive : defaultMaxActive());
+  dispatchOptions.health = [](Json::Value& health) {
+    std::shared_ptr<StateStore> store = stateStore();
+    std::string why;
+    const bool reachable = store->healthy(&why);
+    Json::Value& state = health["state"];
+    state["store"] = store->kind();
+    state["reachable"] = reachable;
+    if (!reachable) state["error"] = why;
+    return reachable;
+  };
   gw::Dispatcher dispatcher(registry, lookup, dispatchOptions);
   gw::HttpServer server(config, dispatcher, *accessLog);
   if (!server.start(&error)) {
@@ -260,5 +289,6 @@ int main(int argc, char** argv) {
 
   registry.releaseAll();
   installTlvBackend(nullptr);
+  installStateStore(nullptr);
   return served ? 0 : 1;
 }

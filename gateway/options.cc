@@ -111,6 +111,19 @@ bool parseOptions(const std::vector<std::string>& args, GatewayOptions* options,
         return false;
       }
       options->sessionIdle = static_cast<int>(number);
+    } else if (name == "--state") {
+      if (value != "memory" && value.compare(0, 8, "redis://") != 0) {
+        *error = "--state wants memory or redis://[[USER]:PASSWORD@]HOST[:PORT][/DB], not '" +
+                 value + "'";
+        return false;
+      }
+      options->state = value == "memory" ? std::string() : value;
+    } else if (name == "--state-timeout-ms") {
+      if (!parseNumber(value, 10, 60000, &number)) {
+        *error = "--state-timeout-ms wants milliseconds from 10 to 60000, not '" + value + "'";
+        return false;
+      }
+      options->stateTimeoutMs = static_cast<int>(number);
     } else if (name == "--backend-timeout") {
       if (!parseNumber(value, 1, 3600, &number)) {
         *error = "--backend-timeout wants seconds from 1 to 3600, not '" + value + "'";
@@ -160,6 +173,11 @@ std::string usageText() {
          "                          (default eight per core, at least 8)\n"
          "  --max-body BYTES        largest JSON body or upload (default 2097152)\n"
          "  --session-idle SECONDS  idle time after which a session ends\n"
+         "  --state memory|redis://[[USER]:PASSWORD@]HOST[:PORT][/DB]\n"
+         "                          where sessions, verification codes and login failure\n"
+         "                          counts live (default memory: this process only; Redis:\n"
+         "                          shared by every gateway that names the same one)\n"
+         "  --state-timeout-ms MS   time-out of each Redis command (default 500)\n"
          "  --backend-timeout SECONDS  time-out of backend requests\n"
          "  --read-timeout SECONDS  longest wait for more of a request (default 30)\n"
          "  --tls-cert FILE --tls-key FILE   serve HTTPS with this certificate and key (PEM)\n"

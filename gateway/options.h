@@ -26,6 +26,8 @@ struct GatewayOptions {
   int maxActive = 0;  // operations running at once; 0: eight per core (at least 8)
   size_t maxBody = size_t{2} * 1024 * 1024;
   int sessionIdle = 0;     // seconds; 0: the session store's default
+  std::string state;       // "": sessions in this process; "redis://...": shared
+  int stateTimeoutMs = 500;  // per Redis command and connection attempt
   int backendTimeout = 0;  // seconds; 0: the host's default
   int readTimeout = 30;    // seconds the server waits for more of a request
   std::string tlsCert;

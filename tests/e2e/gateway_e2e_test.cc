@@ -25,11 +25,16 @@ TEST(GatewayE2E, HealthzAnswersWithoutSession) {
   ASSERT_TRUE(res);
   EXPECT_EQ(res->status, 200);
   EXPECT_EQ(res->get_header_value("Content-Type"), "application/json");
-  EXPECT_EQ(parseJson(res->body)["status"].asString(), "ok");
+  const Json::Value health = parseJson(res->body);
+  EXPECT_EQ(health["status"].asString(), "ok");
+  // The state store in use, and whether it answers.
+  EXPECT_EQ(health["state"]["store"].asString(), "memory");
+  EXPECT_TRUE(health["state"]["reachable"].asBool());
   expectEnvelope(client.Post("/healthz", "", "application/json"), 405, kErrMethodNotAllowed);
   EXPECT_EQ(gateway.stop(), 0);
   // One access line per request, without a user.
-  EXPECT_NE(gateway.accessLog().find("GET /healthz 200 15 "), std::string::npos)
+  EXPECT_NE(gateway.accessLog().find("GET /healthz 200 " + std::to_string(res->body.size()) + " "),
+            std::string::npos)
       << gateway.accessLog();
 }
 
