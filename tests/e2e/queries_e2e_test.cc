@@ -158,6 +158,7 @@ TEST_F(QueriesE2E, ParallelClientsGetTheSameAnswers) {
   for (int c = 0; c < 8; ++c) {
     clients.emplace_back([&, c] {
       httplib::Client client("127.0.0.1", gateway_.port());
+      recordExchanges(client);
       client.set_keep_alive(true);
       client.set_read_timeout(60);
       for (int round = 0; round < 10; ++round) {

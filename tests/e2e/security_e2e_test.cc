@@ -91,6 +91,7 @@ RawReply exchange(int port, const std::string& first, const std::string& second 
     reply.text.append(buffer, static_cast<size_t>(n));
   }
   close(fd);
+  recordRawAnswer(first, reply.text);
   return reply;
 }
 
@@ -171,6 +172,7 @@ class SecurityE2E : public ::testing::Test {
   void SetUp() override {
     ASSERT_GT(gateway_->port(), 0);
     client_ = std::make_unique<httplib::Client>("127.0.0.1", gateway_->port());
+    recordExchanges(*client_);
     client_->set_read_timeout(30);
   }
 
@@ -594,6 +596,7 @@ TEST(SecurityLogsE2E, TokensAndPasswordsNeverReachTheLogs) {
   GatewayProcess gateway;
   ASSERT_TRUE(gateway.start({"--log-level", "trace"})) << gateway.output();
   httplib::Client client("127.0.0.1", gateway.port());
+  recordExchanges(client);
   std::vector<std::string> secrets = {gateway.password()};
   const std::string body = loginJson("apiuser", gateway.password());
   for (int i = 0; i < 2; ++i) {
@@ -738,6 +741,7 @@ TEST(SecurityTlsE2E, OnlyModernProtocolsAndSuites) {
 
   // Over HTTPS the session cookie is Secure.
   httplib::SSLClient client("127.0.0.1", port);
+  recordExchanges(client);
   client.set_ca_cert_path((gateway.dataDir() + "/data/tls/gateway-selfsigned.crt").c_str());
   client.enable_server_certificate_verification(true);
   auto res = client.Post("/sessions", loginJson("apiuser", gateway.password()), "application/json");
