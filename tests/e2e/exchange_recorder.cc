@@ -24,8 +24,8 @@ std::string headerIn(const std::string& head, const char* name) {
   while (pos != std::string::npos && pos + 2 < head.size()) {
     const size_t start = pos + 2;
     const size_t end = head.find("\r\n", start);
-    const std::string line = head.substr(start, end == std::string::npos ? std::string::npos
-                                                                         : end - start);
+    const std::string line =
+        head.substr(start, end == std::string::npos ? std::string::npos : end - start);
     if (line.size() > nameLength && line[nameLength] == ':' &&
         strncasecmp(line.c_str(), name, nameLength) == 0) {
       size_t value = nameLength + 1;
