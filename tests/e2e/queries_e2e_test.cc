@@ -46,6 +46,16 @@ TEST_F(QueriesE2E, AlarmListWithPaging) {
   EXPECT_EQ(ids.size(), 10u);  // the pages do not overlap
 }
 
+TEST_F(QueriesE2E, AlarmArgumentsThatAreNoNumbers) {
+  // The list answers a refused argument with status 200 and the error
+  // envelope, as the API document says; the count reads it as no alarms.
+  const Json::Value refused = get("/alarm/historyalarm?limit=1&severity=abc");
+  EXPECT_TRUE(refused["data"].isNull()) << refused;
+  EXPECT_EQ(refused["error"]["code"].asInt64(), 0x03000003) << refused;
+  EXPECT_EQ(refused["error"]["description"].asString(), "invalid argument: severity");
+  EXPECT_EQ(get("/alarm/historyalarm/count?severity=abc")["COUNT"].asInt(), 0);
+}
+
 TEST_F(QueriesE2E, AlarmCountSpelledByInterface) {
   // The default interface answers "COUNT", the "v1" interface "count": both
   // spellings are kept because clients of each interface read their own.
