@@ -248,6 +248,8 @@ RouteMatch matchRoute(const CSpecifyProc& registry, const std::string& path) {
   return match;
 }
 
+bool carriesSecrets(const std::string& url) { return url == "/sessions" || url == "/login"; }
+
 bool isPublicRoute(const std::string& url, const std::string& method) {
   if (url != "/sessions" && url != "/login") return false;
   return isMethod(method, CRequestUri::URI_ACT_GET) || isMethod(method, CRequestUri::URI_ACT_POST);
@@ -350,7 +352,9 @@ HttpOutput Dispatcher::serveRoute(const HttpInput& in, const RouteMatch& match,
     return errorOutput(e.getErrCode(), describeException(e));
   }
   if (!haveSession && !isPublicRoute(route.url, in.method)) {
-    return errorOutput(kErrSessionRequired, describeCode(kErrSessionRequired));
+    HttpOutput out = errorOutput(kErrSessionRequired, describeCode(kErrSessionRequired));
+    out.compressible = !carriesSecrets(route.url);
+    return out;
   }
   // The session (or Accept-Language) gives the language unless the request
   // names one.
@@ -363,6 +367,7 @@ HttpOutput Dispatcher::serveRoute(const HttpInput& in, const RouteMatch& match,
         errorOutput(bodyError, bodyError == kErrBadRequest ? "The request body is not valid JSON."
                                                            : describeCode(bodyError));
     out.user = info.getUserContext().userName_;
+    out.compressible = !carriesSecrets(route.url);
     return out;
   }
 
@@ -398,6 +403,7 @@ HttpOutput Dispatcher::serveRoute(const HttpInput& in, const RouteMatch& match,
     out = errorOutput(kErrInternal, describeCode(kErrInternal));
   }
   out.user = info.getUserContext().userName_;
+  out.compressible = !carriesSecrets(route.url);
   return out;
 }
 

@@ -57,6 +57,11 @@ struct HttpOutput {
   HeaderList headers;  // further headers of the answer (never Content-Type)
   std::string body;
   std::string user;  // the session's user, for the access log ("" without one)
+  // False for answers that may carry a secret (a token, a session id, a
+  // verification code): the server then never compresses them, whatever the
+  // client accepts, so that no secret shares a compressed stream with text
+  // an attacker chose (BREACH).
+  bool compressible = true;
 };
 
 // Finds a session by its token. On success fills the session side of `info`
@@ -112,6 +117,10 @@ RouteMatch matchRoute(const CSpecifyProc& registry, const std::string& path);
 // Whether a route takes requests without a session: logging in and the
 // challenge (GET and POST on "/sessions" and "/login").
 bool isPublicRoute(const std::string& url, const std::string& method);
+
+// Whether the answers of a route may carry a token, a session id or a
+// verification code ("/sessions" and "/login"): they are never compressed.
+bool carriesSecrets(const std::string& url);
 
 class Dispatcher {
  public:

@@ -57,7 +57,19 @@ void writeOutput(const HttpOutput& out, httplib::Response& res, bool secure) {
     }
     res.headers.emplace(header.first, value);
   }
-  res.set_content(out.body, out.contentType.empty() ? "application/json" : out.contentType);
+  const std::string type = out.contentType.empty() ? "application/json" : out.contentType;
+  if (out.compressible) {
+    res.set_content(out.body, type);
+  } else {
+    // cpp-httplib compresses a body set with set_content when the client
+    // accepts it, but never one that a content provider of known length
+    // writes: the bytes go out as they are.
+    auto body = std::make_shared<std::string>(out.body);
+    res.set_content_provider(
+        body->size(), type, [body](size_t offset, size_t length, httplib::DataSink& sink) {
+          return sink.write(body->data() + offset, length);
+        });
+  }
   t_user = out.user;
 }
 
@@ -278,8 +290,13 @@ void HttpServer::install() {
     return httplib::Server::HandlerResponse::Handled;
   });
   // Headers every answer carries: API answers hold session data and are
-  // never to be cached or sniffed as another type.
-  svr.set_post_routing_handler([](const httplib::Request&, httplib::Response& res) {
+  // never to be cached or sniffed as another type. Over HTTPS, browsers are
+  // told to use nothing else for hstsMaxAge seconds.
+  const std::string hsts = !config_.tlsCert.empty() && config_.hstsMaxAge > 0
+                               ? "max-age=" + std::to_string(config_.hstsMaxAge)
+                               : std::string();
+  svr.set_post_routing_handler([hsts](const httplib::Request&, httplib::Response& res) {
+    if (!hsts.empty()) res.set_header("Strict-Transport-Security", hsts);
     if (!res.has_header("Cache-Control")) res.set_header("Cache-Control", "no-store");
     res.set_header("X-Content-Type-Options", "nosniff");
     res.set_header("Content-Security-Policy", "default-src 'none'; frame-ancestors 'none'");

@@ -32,6 +32,7 @@ struct ServerConfig {
   int readTimeout = 30;  // seconds to wait for more of a request, and to write an answer
   std::string tlsCert;  // both set: HTTPS
   std::string tlsKey;
+  long long hstsMaxAge = 31536000;  // Strict-Transport-Security max-age over HTTPS; 0: none
 };
 
 // Room for the multipart framing around an upload of maxBody bytes: part

@@ -237,6 +237,7 @@ int main(int argc, char** argv) {
   }
   config.tlsCert = tlsCert;
   config.tlsKey = tlsKey;
+  config.hstsMaxAge = options.hstsMaxAge;
 
   gw::DispatchOptions dispatchOptions;
   dispatchOptions.maxBody = options.maxBody;

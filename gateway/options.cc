@@ -136,6 +136,12 @@ bool parseOptions(const std::vector<std::string>& args, GatewayOptions* options,
         return false;
       }
       options->readTimeout = static_cast<int>(number);
+    } else if (name == "--hsts-max-age") {
+      if (!parseNumber(value, 0, 10LL * 365 * 24 * 3600, &number)) {
+        *error = "--hsts-max-age wants seconds from 0 to 315360000, not '" + value + "'";
+        return false;
+      }
+      options->hstsMaxAge = number;
     } else if (name == "--tls-cert") {
       options->tlsCert = value;
     } else if (name == "--tls-key") {
@@ -182,6 +188,8 @@ std::string usageText() {
          "  --read-timeout SECONDS  longest wait for more of a request (default 30)\n"
          "  --tls-cert FILE --tls-key FILE   serve HTTPS with this certificate and key (PEM)\n"
          "  --tls-self-signed       serve HTTPS with a key pair made in <data>/tls/ (trial runs)\n"
+         "  --hsts-max-age SECONDS  over HTTPS, the max-age of Strict-Transport-Security\n"
+         "                          (default 31536000, one year; 0 sends no such header)\n"
          "  --expose-verify-code    put the verification code's text into the GET /login\n"
          "                          challenge (tests only; off by default)\n"
          "  --help, --version\n";

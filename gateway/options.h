@@ -33,6 +33,7 @@ struct GatewayOptions {
   std::string tlsCert;
   std::string tlsKey;
   bool tlsSelfSigned = false;
+  long long hstsMaxAge = 31536000;  // seconds; 0: no Strict-Transport-Security header
   bool exposeVerifyCode = false;
   bool help = false;
   bool version = false;

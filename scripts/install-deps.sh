@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # Installs every package the project builds, tests and runs with, from
-# Debian's archive. Idempotent: packages already present are left alone.
-# Works as root or, for another user, through sudo.
+# Debian's archive, and the npm tools of the API checks (tools/api, with
+# `npm ci` from its package-lock.json). Idempotent: packages already present
+# are left alone. Works as root or, for another user, through sudo.
 set -euo pipefail
+cd "$(dirname "$0")/.."
 
 PACKAGES=(
   build-essential cmake pkg-config clang libclang-rt-14-dev
@@ -12,6 +14,10 @@ PACKAGES=(
   openssl curl python3 binutils clang-tidy cppcheck valgrind
   libhiredis-dev redis-server
 )
+# Node and npm for tools/api: Debian's, unless a node is installed already
+# (another one may be newer; the tools need node 18.17 or later).
+command -v node >/dev/null 2>&1 || PACKAGES+=(nodejs)
+command -v npm >/dev/null 2>&1 || PACKAGES+=(npm)
 
 missing=()
 for p in "${PACKAGES[@]}"; do
@@ -21,15 +27,26 @@ for p in "${PACKAGES[@]}"; do
 done
 if [ ${#missing[@]} -eq 0 ]; then
   echo "install-deps: all ${#PACKAGES[@]} packages present"
-  exit 0
+else
+  SUDO=""
+  if [ "$(id -u)" -ne 0 ]; then
+    command -v sudo >/dev/null || { echo "install-deps: run as root or install sudo" >&2; exit 1; }
+    SUDO="sudo"
+  fi
+  echo "install-deps: installing ${missing[*]}"
+  export DEBIAN_FRONTEND=noninteractive
+  $SUDO apt-get update -qq
+  $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"
 fi
 
-SUDO=""
-if [ "$(id -u)" -ne 0 ]; then
-  command -v sudo >/dev/null || { echo "install-deps: run as root or install sudo" >&2; exit 1; }
-  SUDO="sudo"
+# The npm tools, exactly as locked; again only when the lock file changed
+# since the last install.
+tools=tools/api
+stamp=$tools/node_modules/.installed-lock.json
+if [ -f "$stamp" ] && cmp -s "$tools/package-lock.json" "$stamp"; then
+  echo "install-deps: npm tools of $tools present"
+else
+  echo "install-deps: npm ci in $tools"
+  (cd "$tools" && npm ci --no-audit --no-fund --loglevel=error)
+  cp "$tools/package-lock.json" "$stamp"
 fi
-echo "install-deps: installing ${missing[*]}"
-export DEBIAN_FRONTEND=noninteractive
-$SUDO apt-get update -qq
-$SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"

@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Installs the dependencies, builds everything and runs every test:
 #   1. the regular build (warnings are errors) and the whole ctest suite,
-#      end-to-end tests and the catalogue check included;
+#      end-to-end tests and the catalogue check included, and the API checks
+#      (the OpenAPI lint, the contract test over the end-to-end tests'
+#      answers, the generated client; npm tools from scripts/install-deps.sh);
 #      then clang-tidy and cppcheck over the sources (scripts/lint.sh);
 #   2. an address+undefined sanitizer build and the whole suite again;
 #   3. a thread sanitizer build of the concurrency tests, and those tests;

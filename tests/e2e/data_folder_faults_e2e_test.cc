@@ -55,6 +55,7 @@ class DataFolderFaultsE2E : public ::testing::Test {
   void startGateway() {
     ASSERT_TRUE(gateway_.start({"--data", dataDir_})) << gateway_.output();
     client_ = std::make_unique<httplib::Client>("127.0.0.1", gateway_.port());
+    recordExchanges(*client_);
     client_->set_read_timeout(60);
   }
 

@@ -1,5 +1,6 @@
-// Helpers shared by the end-to-end tests: JSON parsing of answers and the
-// envelope checks.
+// Helpers shared by the end-to-end tests: JSON parsing of answers, the
+// envelope checks, and a gateway per test whose client records its
+// exchanges for the contract test.
 #ifndef NOX_TESTS_E2E_E2E_SUPPORT_H_
 #define NOX_TESTS_E2E_E2E_SUPPORT_H_
 
@@ -11,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "exchange_recorder.h"
 #include "gateway_process.h"
 
 inline Json::Value parseJson(const std::string& text) {
@@ -63,6 +65,7 @@ class LiveGatewayTest : public ::testing::Test {
   void SetUp() override {
     ASSERT_TRUE(gateway_.start({"--expose-verify-code"})) << gateway_.output();
     client_ = std::make_unique<httplib::Client>("127.0.0.1", gateway_.port());
+    recordExchanges(*client_);
     client_->set_read_timeout(60);
   }
   void TearDown() override {

@@ -52,6 +52,8 @@ class RawClient {
 
   bool connected() const { return connected_; }
   bool send(const std::string& bytes) {
+    // The answer read next is recorded against the request begun last.
+    if (bytes.find(" HTTP/1.1\r\n") != std::string::npos) request_ = bytes;
     size_t done = 0;
     while (done < bytes.size()) {
       const ssize_t n = ::send(fd_, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
@@ -78,6 +80,7 @@ class RawClient {
       if (n <= 0) break;
       text.append(buffer, static_cast<size_t>(n));
     }
+    recordRawAnswer(request_, text);
     return text;
   }
   void close() {
@@ -96,6 +99,7 @@ class RawClient {
 
   int fd_ = -1;
   bool connected_ = false;
+  std::string request_;
 };
 
 std::vector<std::string> folderEntries(const std::string& dir) {
@@ -217,6 +221,7 @@ TEST(FaultsStalledE2E, StalledUploadEndsAtTheReadTimeout) {
   GatewayProcess gateway;
   ASSERT_TRUE(gateway.start({"--read-timeout", "1"})) << gateway.output();
   httplib::Client client("127.0.0.1", gateway.port());
+  recordExchanges(client);
   const std::string token = loginToken(client, gateway.password());
   ASSERT_FALSE(token.empty());
 
@@ -325,6 +330,7 @@ TEST_P(CatalogueFaultsE2E, ServesWithTheFallback) {
   GatewayProcess gateway;
   ASSERT_TRUE(gateway.start({"--home", home.path(), "--plugin", pluginPath()})) << gateway.output();
   httplib::Client client("127.0.0.1", gateway.port());
+  recordExchanges(client);
   const std::string token = loginToken(client, gateway.password());
   ASSERT_FALSE(token.empty());
   const httplib::Headers auth{{"X-Auth-Token", token}};

@@ -21,6 +21,7 @@ TEST(GatewayE2E, HealthzAnswersWithoutSession) {
   GatewayProcess gateway;
   ASSERT_TRUE(gateway.start()) << gateway.output();
   httplib::Client client("127.0.0.1", gateway.port());
+  recordExchanges(client);
   auto res = client.Get("/healthz");
   ASSERT_TRUE(res);
   EXPECT_EQ(res->status, 200);
@@ -42,6 +43,7 @@ TEST(GatewayE2E, UnknownPathIs404WithEnvelope) {
   GatewayProcess gateway;
   ASSERT_TRUE(gateway.start()) << gateway.output();
   httplib::Client client("127.0.0.1", gateway.port());
+  recordExchanges(client);
   expectEnvelope(client.Get("/no/such/path"), 404, kErrRouteNotFound);
   expectEnvelope(client.Get("/session"), 404, kErrRouteNotFound);  // only "/sessions" exists
   expectEnvelope(client.Delete("/v1/kestrel_task"), 404, kErrRouteNotFound);
@@ -52,6 +54,7 @@ TEST(GatewayE2E, BodyOverTheLimitIs413) {
   GatewayProcess gateway;
   ASSERT_TRUE(gateway.start({"--max-body", "4096"})) << gateway.output();
   httplib::Client client("127.0.0.1", gateway.port());
+  recordExchanges(client);
   const std::string big(4096 + 64 * 1024 + 1, 'x');
   expectEnvelope(client.Post("/sessions", big, "application/json"), 413, kErrBodyTooLarge);
   // A JSON body over the limit but within the multipart allowance is refused
@@ -69,6 +72,7 @@ TEST(GatewayE2E, OpenApiDocumentIsServed) {
   GatewayProcess gateway;
   ASSERT_TRUE(gateway.start()) << gateway.output();
   httplib::Client client("127.0.0.1", gateway.port());
+  recordExchanges(client);
   auto res = client.Get("/openapi.json");
   ASSERT_TRUE(res);
   EXPECT_EQ(res->status, 200);
@@ -105,6 +109,7 @@ TEST(GatewayE2E, HttpsWithSelfSignedPair) {
   GatewayProcess gateway;
   ASSERT_TRUE(gateway.start({"--tls-self-signed"})) << gateway.output();
   httplib::SSLClient client("127.0.0.1", gateway.port());
+  recordExchanges(client);
   // The client trusts exactly the certificate the gateway made.
   client.set_ca_cert_path((gateway.dataDir() + "/data/tls/gateway-selfsigned.crt").c_str());
   client.enable_server_certificate_verification(true);
@@ -117,6 +122,7 @@ TEST(GatewayE2E, HttpsWithSelfSignedPair) {
   EXPECT_FALSE(handshake(gateway.port(), TLS1_1_VERSION));  // TLS 1.2 at least
   // Plain HTTP on the TLS port gets no answer.
   httplib::Client plain("127.0.0.1", gateway.port());
+  recordExchanges(plain);
   plain.set_read_timeout(5);
   auto none = plain.Get("/healthz");
   EXPECT_TRUE(!none || none->status != 200);

@@ -46,6 +46,16 @@ TEST_F(QueriesE2E, AlarmListWithPaging) {
   EXPECT_EQ(ids.size(), 10u);  // the pages do not overlap
 }
 
+TEST_F(QueriesE2E, AlarmArgumentsThatAreNoNumbers) {
+  // The list answers a refused argument with status 200 and the error
+  // envelope, as the API document says; the count reads it as no alarms.
+  const Json::Value refused = get("/alarm/historyalarm?limit=1&severity=abc");
+  EXPECT_TRUE(refused["data"].isNull()) << refused;
+  EXPECT_EQ(refused["error"]["code"].asInt64(), 0x03000003) << refused;
+  EXPECT_EQ(refused["error"]["description"].asString(), "invalid argument: severity");
+  EXPECT_EQ(get("/alarm/historyalarm/count?severity=abc")["COUNT"].asInt(), 0);
+}
+
 TEST_F(QueriesE2E, AlarmCountSpelledByInterface) {
   // The default interface answers "COUNT", the "v1" interface "count": both
   // spellings are kept because clients of each interface read their own.
@@ -158,6 +168,7 @@ TEST_F(QueriesE2E, ParallelClientsGetTheSameAnswers) {
   for (int c = 0; c < 8; ++c) {
     clients.emplace_back([&, c] {
       httplib::Client client("127.0.0.1", gateway_.port());
+      recordExchanges(client);
       client.set_keep_alive(true);
       client.set_read_timeout(60);
       for (int round = 0; round < 10; ++round) {

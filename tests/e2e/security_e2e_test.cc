@@ -91,6 +91,7 @@ RawReply exchange(int port, const std::string& first, const std::string& second 
     reply.text.append(buffer, static_cast<size_t>(n));
   }
   close(fd);
+  recordRawAnswer(first, reply.text);
   return reply;
 }
 
@@ -171,6 +172,7 @@ class SecurityE2E : public ::testing::Test {
   void SetUp() override {
     ASSERT_GT(gateway_->port(), 0);
     client_ = std::make_unique<httplib::Client>("127.0.0.1", gateway_->port());
+    recordExchanges(*client_);
     client_->set_read_timeout(30);
   }
 
@@ -560,7 +562,14 @@ TEST_F(SecurityE2E, EveryAnswerCarriesTheProtectiveHeaders) {
     EXPECT_FALSE(res->has_header("Server")) << "no version banner";
     EXPECT_FALSE(res->has_header("X-Powered-By"));
     EXPECT_FALSE(res->has_header("Access-Control-Allow-Origin")) << "no CORS";
+    EXPECT_FALSE(res->has_header("Strict-Transport-Security")) << "plain HTTP";
   }
+  // A login answer is not compressed over plain HTTP either.
+  auto again = client_->Post("/sessions", {{"Accept-Encoding", "br, gzip"}},
+                             loginJson("apiuser", gateway_->password()), "application/json");
+  ASSERT_TRUE(again);
+  EXPECT_EQ(again->status, 200) << again->body;
+  EXPECT_FALSE(again->has_header("Content-Encoding"));
 }
 
 TEST_F(SecurityE2E, NoCrossOriginAccessAndNoEchoedInput) {
@@ -594,6 +603,7 @@ TEST(SecurityLogsE2E, TokensAndPasswordsNeverReachTheLogs) {
   GatewayProcess gateway;
   ASSERT_TRUE(gateway.start({"--log-level", "trace"})) << gateway.output();
   httplib::Client client("127.0.0.1", gateway.port());
+  recordExchanges(client);
   std::vector<std::string> secrets = {gateway.password()};
   const std::string body = loginJson("apiuser", gateway.password());
   for (int i = 0; i < 2; ++i) {
@@ -704,6 +714,74 @@ bool renegotiationRefused(int port) {
   return refused;
 }
 
+// Over HTTPS every answer tells browsers to keep to HTTPS for a year
+// (--hsts-max-age); the answers that carry a token, a session id or a
+// verification code (/sessions, /login) are never compressed, whatever the
+// client accepts, while other answers still are.
+TEST(SecurityTlsE2E, StrictTransportSecurityAndNoCompressedSecrets) {
+  GatewayProcess gateway;
+  ASSERT_TRUE(gateway.start({"--tls-self-signed", "--expose-verify-code"})) << gateway.output();
+  httplib::SSLClient client("127.0.0.1", gateway.port());
+  recordExchanges(client);
+  client.set_ca_cert_path((gateway.dataDir() + "/data/tls/gateway-selfsigned.crt").c_str());
+  client.enable_server_certificate_verification(true);
+  const httplib::Headers accept{{"Accept-Encoding", "br, gzip, deflate"}};
+
+  auto login = client.Post("/sessions", accept, loginJson("apiuser", gateway.password()),
+                           "application/json");
+  ASSERT_TRUE(login) << httplib::to_string(login.error());
+  ASSERT_EQ(login->status, 200) << login->body;
+  const std::string token = parseJson(login->body)["data"]["token"].asString();
+  ASSERT_FALSE(token.empty());
+  httplib::Headers withToken = accept;
+  withToken.emplace("X-Auth-Token", token);
+
+  struct Answer {
+    const char* what;
+    httplib::Result res;
+  };
+  std::vector<Answer> secrets;
+  secrets.push_back({"login", std::move(login)});
+  secrets.push_back({"session", client.Get("/sessions", withToken)});
+  secrets.push_back({"challenge", client.Get("/login", accept)});
+  secrets.push_back(
+      {"refused login",
+       client.Post("/sessions", accept, loginJson("apiuser", "wrong"), "application/json")});
+  for (const Answer& answer : secrets) {
+    ASSERT_TRUE(answer.res) << answer.what;
+    EXPECT_FALSE(answer.res->has_header("Content-Encoding"))
+        << answer.what << ": " << answer.res->get_header_value("Content-Encoding");
+    EXPECT_EQ(answer.res->get_header_value("Strict-Transport-Security"), "max-age=31536000")
+        << answer.what;
+  }
+  EXPECT_TRUE(parseJson(secrets[2].res->body)["data"]["code"].isString()) << "the code is there";
+
+  // Answers without secrets are compressed as before, and carry the header
+  // too, errors included.
+  auto tasks = client.Get("/kestrel_task?limit=50", withToken);
+  ASSERT_TRUE(tasks);
+  EXPECT_EQ(tasks->status, 200);
+  EXPECT_FALSE(tasks->get_header_value("Content-Encoding").empty());
+  EXPECT_EQ(tasks->get_header_value("Strict-Transport-Security"), "max-age=31536000");
+  auto missing = client.Get("/no/such/path", accept);
+  ASSERT_TRUE(missing);
+  EXPECT_EQ(missing->status, 404);
+  EXPECT_EQ(missing->get_header_value("Strict-Transport-Security"), "max-age=31536000");
+  EXPECT_EQ(gateway.stop(), 0);
+
+  // --hsts-max-age 0: no header.
+  GatewayProcess quiet;
+  ASSERT_TRUE(quiet.start({"--tls-self-signed", "--hsts-max-age", "0"})) << quiet.output();
+  httplib::SSLClient quietClient("127.0.0.1", quiet.port());
+  recordExchanges(quietClient);
+  quietClient.enable_server_certificate_verification(false);
+  auto health = quietClient.Get("/healthz");
+  ASSERT_TRUE(health) << httplib::to_string(health.error());
+  EXPECT_EQ(health->status, 200);
+  EXPECT_FALSE(health->has_header("Strict-Transport-Security"));
+  EXPECT_EQ(quiet.stop(), 0);
+}
+
 TEST(SecurityTlsE2E, OnlyModernProtocolsAndSuites) {
   GatewayProcess gateway;
   ASSERT_TRUE(gateway.start({"--tls-self-signed"})) << gateway.output();
@@ -738,6 +816,7 @@ TEST(SecurityTlsE2E, OnlyModernProtocolsAndSuites) {
 
   // Over HTTPS the session cookie is Secure.
   httplib::SSLClient client("127.0.0.1", port);
+  recordExchanges(client);
   client.set_ca_cert_path((gateway.dataDir() + "/data/tls/gateway-selfsigned.crt").c_str());
   client.enable_server_certificate_verification(true);
   auto res = client.Post("/sessions", loginJson("apiuser", gateway.password()), "application/json");

@@ -11,6 +11,7 @@ namespace {
 constexpr long long kErrInvalidArgument = 0x03000003;
 constexpr long long kErrLoginFailed = 0x03000010;
 constexpr long long kErrNotLoggedIn = 0x03000011;
+constexpr long long kErrScopeDenied = 0x03000012;
 constexpr long long kErrVerifyCode = 0x03000014;
 
 using SessionsE2E = LiveGatewayTest;
@@ -114,6 +115,40 @@ TEST_F(SessionsE2E, LoginWithVerificationCode) {
   expectEnvelope(res2, 400, kErrInvalidArgument);
 }
 
+TEST_F(SessionsE2E, ScopeTheUserDoesNotHaveIs403) {
+  // The password is right, but "admin" may not log in as an API user.
+  Json::Value body;
+  body["username"] = "admin";
+  body["password"] = gateway_.password();
+  body["scope"] = "4";
+  auto res = client_->Post("/sessions", Json::FastWriter().write(body), "application/json");
+  expectEnvelope(res, 403, kErrScopeDenied);
+  EXPECT_EQ(parseJson(res->body)["error"]["description"].asString(),
+            "The user may not log in with this scope.");
+}
+
+TEST_F(SessionsE2E, ReadingTheSessionAndLoggingOutOfLogin) {
+  expectEnvelope(client_->Get("/sessions"), 401, kErrNotLoggedIn);
+  const std::string token = login("apiuser", "4", "zh");
+  auto res = client_->Get("/sessions", auth(token));
+  ASSERT_TRUE(res);
+  ASSERT_EQ(res->status, 200) << res->body;
+  const Json::Value data = parseJson(res->body)["data"];
+  EXPECT_EQ(data["userName"].asString(), "apiuser");
+  EXPECT_EQ(data["scope"].asString(), "4");
+  EXPECT_EQ(data["language"].asString(), "zh");
+  EXPECT_GT(data["expiresIn"].asInt(), 0);
+  EXPECT_EQ(token.find(data["sessionId"].asString()), std::string::npos)
+      << "the session id is not the token";
+  // DELETE /login ends the session as DELETE /sessions does.
+  auto out = client_->Delete("/login", auth(token));
+  ASSERT_TRUE(out);
+  EXPECT_EQ(out->status, 200) << out->body;
+  EXPECT_TRUE(parseJson(out->body)["data"].isNull());
+  expectEnvelope(client_->Get("/sessions", auth(token)), 401, kErrNotLoggedIn);
+  expectEnvelope(client_->Delete("/login", auth(token)), 401, kErrNotLoggedIn);
+}
+
 TEST_F(SessionsE2E, EveryOtherRouteNeedsASession) {
   const char* paths[] = {"/kestrel_task",
                          "/kestrel_task/count",
@@ -141,6 +176,7 @@ TEST(SessionsE2EPlain, ChallengeHidesTheCodeByDefault) {
   GatewayProcess gateway;
   ASSERT_TRUE(gateway.start()) << gateway.output();
   httplib::Client client("127.0.0.1", gateway.port());
+  recordExchanges(client);
   auto res = client.Get("/login");
   ASSERT_TRUE(res);
   EXPECT_EQ(res->status, 200);

@@ -77,6 +77,24 @@ TEST(GatewayOptionsTest, ReadTimeout) {
   }
 }
 
+// --hsts-max-age sets the Strict-Transport-Security max-age sent over HTTPS:
+// one year unless told, 0 for no header at all.
+TEST(GatewayOptionsTest, HstsMaxAge) {
+  gw::GatewayOptions options;
+  std::string error;
+  ASSERT_TRUE(gw::parseOptions({}, &options, &error));
+  EXPECT_EQ(options.hstsMaxAge, 31536000);
+  ASSERT_TRUE(gw::parseOptions({"--hsts-max-age", "0"}, &options, &error)) << error;
+  EXPECT_EQ(options.hstsMaxAge, 0);
+  ASSERT_TRUE(gw::parseOptions({"--hsts-max-age=600"}, &options, &error)) << error;
+  EXPECT_EQ(options.hstsMaxAge, 600);
+  for (const char* bad : {"-1", "315360001", "1y"}) {
+    EXPECT_FALSE(gw::parseOptions({"--hsts-max-age", bad}, &options, &error)) << bad;
+    EXPECT_EQ(error,
+              std::string("--hsts-max-age wants seconds from 0 to 315360000, not '") + bad + "'");
+  }
+}
+
 // --max-active bounds the operations running at once; 0 leaves the choice
 // to the gateway (eight per core).
 TEST(GatewayOptionsTest, MaxActive) {
