@@ -46,6 +46,8 @@ class SharedStateE2E : public ::testing::Test {
     clientB_ = std::make_unique<httplib::Client>("127.0.0.1", b_.port());
     clientA_->set_read_timeout(30);
     clientB_->set_read_timeout(30);
+    recordExchanges(*clientA_);
+    recordExchanges(*clientB_);
   }
 
   void TearDown() override {
