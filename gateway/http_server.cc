@@ -278,11 +278,16 @@ void HttpServer::install() {
     return httplib::Server::HandlerResponse::Handled;
   });
   // Headers every answer carries: API answers hold session data and are
-  // never to be cached or sniffed as another type.
+  // never to be cached or sniffed as another type (the console's files say
+  // "no-cache" instead: they hold no session data).
   svr.set_post_routing_handler([](const httplib::Request&, httplib::Response& res) {
     if (!res.has_header("Cache-Control")) res.set_header("Cache-Control", "no-store");
     res.set_header("X-Content-Type-Options", "nosniff");
-    res.set_header("Content-Security-Policy", "default-src 'none'; frame-ancestors 'none'");
+    // The console's pages bring their own, wider policy; API answers load
+    // nothing.
+    if (!res.has_header("Content-Security-Policy")) {
+      res.set_header("Content-Security-Policy", "default-src 'none'; frame-ancestors 'none'");
+    }
     if (res.get_header_value("Connection") == "close") res.headers.erase("Keep-Alive");
   });
 
