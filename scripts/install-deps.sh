@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Installs every package the project builds, tests and runs with, from
 # Debian's archive. Idempotent: packages already present are left alone.
-# Works as root or, for another user, through sudo.
+# Works as root or, for another user, through sudo. chromium,
+# chromium-driver and python3-selenium run the console's browser test; the
+# font lets Chromium draw the console's Chinese texts.
 set -euo pipefail
 
 PACKAGES=(
@@ -10,6 +12,7 @@ PACKAGES=(
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   libcpp-httplib-dev libssl-dev libsqlite3-dev zlib1g-dev libbrotli-dev
   openssl curl python3 binutils clang-tidy cppcheck valgrind
+  chromium chromium-driver python3-selenium fonts-wqy-microhei
 )
 
 missing=()
