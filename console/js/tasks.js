@@ -119,7 +119,10 @@ async function showTask(taskId, focus) {
     showError(null);
     renderDetail(openTask);
     byId('task-detail').hidden = false;
-    if (focus) byId('task-detail-title').focus();
+    if (focus) {
+      byId('task-detail').scrollIntoView({block: 'start'});
+      byId('task-detail-title').focus({preventScroll: true});
+    }
   } catch (e) {
     if (active) showError(e);
   }

@@ -175,8 +175,15 @@ class ConsoleTestBase(unittest.TestCase):
                   if entry["level"] == "SEVERE" and entry.get("source") != "network"]
         self.assertEqual(errors, [], "errors in the browser log")
 
-    def shot(self, name):
+    def shot(self, name, at=None):
+        """Saves the window as <out>/<name>.png, scrolled to the top or to
+        the element `at`."""
         os.makedirs(ARGS.out, exist_ok=True)
+        if at:
+            self.driver.execute_script("arguments[0].scrollIntoView({block: 'start'})",
+                                       self.el(at))
+        else:
+            self.driver.execute_script("window.scrollTo(0, 0)")
         time.sleep(0.3)  # let the last paint settle
         self.driver.save_screenshot(os.path.join(ARGS.out, name + ".png"))
 
@@ -379,7 +386,7 @@ class ConsoleBrowserTest(ConsoleTestBase):
             self.assertEqual(self.el("task-error-text").text.strip(),
                              task["errorInfo"]["description"].strip())
             self.assertEqual(self.el("task-error-code").text, task["errorInfo"]["code"])
-            self.shot("task-detail-" + language)
+            self.shot("task-detail-" + language, at="task-detail")
         # English and Chinese details differ: the switch changed the request.
         self.assertRegex(self.el("task-detail-lines").text, r"[\u4e00-\u9fff]")
 
