@@ -19,6 +19,7 @@ let active = false;
 let openTask = null;  // the task whose details show
 let detailLanguage = '';
 let lastError = null;
+let shown = '';  // the list and total last drawn, to leave an unchanged table alone
 
 function filters() {
   return {
@@ -42,6 +43,9 @@ function statusBadge(status) {
 
 function renderRows() {
   const body = byId('tasks-table').tBodies[0];
+  // A refresh must not take the keyboard focus away from the row it is on.
+  const focused = document.activeElement?.closest?.('#tasks-table button.open-task')
+    ?.dataset.taskId;
   body.replaceChildren(...rows.map((task) => el('tr', {'data-task-id': task.taskId},
     el('td', {class: 'num'}, task.taskId),
     el('td', {},
@@ -59,6 +63,9 @@ function renderRows() {
   const [prev, next] = byId('tasks-pager').querySelectorAll('button');
   prev.disabled = start === 0;
   next.disabled = start + rows.length >= total;
+  if (focused !== undefined) {
+    body.querySelector(`button.open-task[data-task-id="${CSS.escape(focused)}"]`)?.focus();
+  }
 }
 
 async function load() {
@@ -68,9 +75,14 @@ async function load() {
       api('GET', '/kestrel_task', {query}),
       api('GET', '/kestrel_task/count', {query: filters()}),
     ]);
-    rows = Array.isArray(list.data) ? list.data : [];
-    total = Number(count.data?.count ?? rows.length);
+    const fresh = Array.isArray(list.data) ? list.data : [];
+    const freshTotal = Number(count.data?.count ?? fresh.length);
     showError(null);
+    const drawn = JSON.stringify([start, freshTotal, fresh]);
+    if (drawn === shown) return;
+    shown = drawn;
+    rows = fresh;
+    total = freshTotal;
     renderRows();
   } catch (e) {
     if (active) showError(e);
