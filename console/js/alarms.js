@@ -36,15 +36,18 @@ function showError(error) {
 }
 
 function render() {
+  // data-label names the column where a narrow window shows rows as cards.
+  const cell = (key, content, attributes = {}) =>
+    el('td', {...attributes, 'data-label': t(key)}, content);
   byId('alarms-table').tBodies[0].replaceChildren(...rows.map((alarm) => el('tr', {'data-alarm-id': alarm.id},
-    el('td', {class: 'num'}, alarm.id),
-    el('td', {}, el('span', {class: `badge severity-${alarm.severity}`},
+    cell('alarms.id', alarm.id, {class: 'num'}),
+    cell('alarms.severity', el('span', {class: `badge severity-${alarm.severity}`},
       enumLabel('alarm_severity', alarm.severity))),
-    el('td', {}, alarm.name),
-    el('td', {}, alarm.source),
-    el('td', {}, formatTime(alarm.occurTime)),
-    el('td', {}, alarm.clearTime ? formatTime(alarm.clearTime) : t('alarms.notCleared')),
-    el('td', {class: 'wide'}, alarm.detail))));
+    cell('alarms.name', alarm.name),
+    cell('alarms.source', alarm.source),
+    cell('alarms.raised', formatTime(alarm.occurTime)),
+    cell('alarms.cleared', alarm.clearTime ? formatTime(alarm.clearTime) : t('alarms.notCleared')),
+    cell('alarms.detail', alarm.detail, {class: 'wide'}))));
   byId('alarms-total').textContent = String(total);
   const range = byId('alarms-pager').querySelector('.range');
   range.textContent = rows.length === 0 ? t('rangeEmpty')

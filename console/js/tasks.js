@@ -46,17 +46,18 @@ function renderRows() {
   // A refresh must not take the keyboard focus away from the row it is on.
   const focused = document.activeElement?.closest?.('#tasks-table button.open-task')
     ?.dataset.taskId;
+  // data-label names the column where a narrow window shows rows as cards.
   body.replaceChildren(...rows.map((task) => el('tr', {'data-task-id': task.taskId},
-    el('td', {class: 'num'}, task.taskId),
-    el('td', {},
+    el('td', {class: 'num', 'data-label': t('tasks.id')}, task.taskId),
+    el('td', {'data-label': t('tasks.name')},
       el('button', {type: 'button', class: 'link-button open-task', 'data-task-id': task.taskId,
         'aria-label': t('tasks.open', {name: task.name})}, task.name)),
-    el('td', {}, enumLabel('task_type', task.type)),
-    el('td', {}, statusBadge(task.status)),
-    el('td', {class: 'progress-cell'},
+    el('td', {'data-label': t('tasks.type')}, enumLabel('task_type', task.type)),
+    el('td', {'data-label': t('tasks.status')}, statusBadge(task.status)),
+    el('td', {class: 'progress-cell', 'data-label': t('tasks.progress')},
       el('progress', {max: 100, value: task.progress, 'aria-label': `${task.progress} %`}),
       ` ${task.progress} %`),
-    el('td', {}, formatTime(task.startTime)))));
+    el('td', {'data-label': t('tasks.started')}, formatTime(task.startTime)))));
   const range = byId('tasks-pager').querySelector('.range');
   range.textContent = total === 0 ? t('rangeEmpty')
     : t('range', {from: start + 1, to: start + rows.length, total});
