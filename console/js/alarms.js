@@ -45,8 +45,9 @@ function render() {
       enumLabel('alarm_severity', alarm.severity))),
     cell('alarms.name', alarm.name),
     cell('alarms.source', alarm.source),
-    cell('alarms.raised', formatTime(alarm.occurTime)),
-    cell('alarms.cleared', alarm.clearTime ? formatTime(alarm.clearTime) : t('alarms.notCleared')),
+    cell('alarms.raised', formatTime(alarm.occurTime), {class: 'time'}),
+    cell('alarms.cleared', alarm.clearTime ? formatTime(alarm.clearTime) : t('alarms.notCleared'),
+      {class: 'time'}),
     cell('alarms.detail', alarm.detail, {class: 'wide'}))));
   byId('alarms-total').textContent = String(total);
   const range = byId('alarms-pager').querySelector('.range');

@@ -57,7 +57,7 @@ function renderRows() {
     el('td', {class: 'progress-cell', 'data-label': t('tasks.progress')},
       el('progress', {max: 100, value: task.progress, 'aria-label': `${task.progress} %`}),
       ` ${task.progress} %`),
-    el('td', {'data-label': t('tasks.started')}, formatTime(task.startTime)))));
+    el('td', {class: 'time', 'data-label': t('tasks.started')}, formatTime(task.startTime)))));
   const range = byId('tasks-pager').querySelector('.range');
   range.textContent = total === 0 ? t('rangeEmpty')
     : t('range', {from: start + 1, to: start + rows.length, total});
