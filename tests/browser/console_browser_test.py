@@ -40,6 +40,7 @@ WAIT = 20  # seconds any one expected state may take
 DETAIL_SEPARATOR = "\\n\n"
 ERR_VERIFY_CODE = 0x03000014
 ERR_CERT_NOT_SAFE = 0x60E01D0A
+ERR_CRL_UNKNOWN_ISSUER = 0x60E01D12
 MAX_UPLOAD = 1048576
 
 
@@ -479,10 +480,24 @@ class ConsoleBrowserTest(ConsoleTestBase):
                              posts, "the oversized file was not sent")
             self.shot("certificates-too-large")
 
-            # The verdict follows the interface language.
+            # A CRL of the imported CA is imported; one of an unknown CA is not.
+            crl_verdict = self.el("crl-verdict")
+            self.el("crl-file").send_keys(self.make_crl(folder, "good"))
+            self.driver.find_element(By.CSS_SELECTOR, "#crl-form button[type=submit]").click()
+            self.wait.until(lambda d: crl_verdict.get_attribute("data-outcome") == "imported")
+            self.make_ca(folder, "stranger", "sha256")
+            self.el("crl-file").send_keys(self.make_crl(folder, "stranger"))
+            self.driver.find_element(By.CSS_SELECTOR, "#crl-form button[type=submit]").click()
+            self.wait.until(lambda d: crl_verdict.get_attribute("data-outcome") == "refused")
+            self.assertEqual(crl_verdict.get_attribute("data-code"), str(ERR_CRL_UNKNOWN_ISSUER))
+            self.assertIn("The CRL's issuer is not an imported CA.", crl_verdict.text)
+            self.shot("certificates-crl", at="crl-form")
+
+            # The verdicts follow the interface language.
             self.el("lang-switch").click()
             self.wait_text("cert-verdict", "1048576")
             self.assertIn("字节", verdict.text)
+            self.assertIn("吊销列表的签发者不是已导入的 CA", crl_verdict.text)
         finally:
             shutil.rmtree(folder, ignore_errors=True)
 
@@ -497,6 +512,23 @@ class ConsoleBrowserTest(ConsoleTestBase):
              "-addext", "keyUsage=critical,keyCertSign,cRLSign"],
             check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         return path
+
+    @staticmethod
+    def make_crl(folder, name):
+        """An empty CRL issued by the CA `name` made by make_ca."""
+        base = os.path.join(folder, name)
+        with open(base + ".index", "w", encoding="ascii"):
+            pass
+        with open(base + ".crlnumber", "w", encoding="ascii") as f:
+            f.write("01\n")
+        with open(base + ".cnf", "w", encoding="ascii") as f:
+            f.write("[ca]\ndefault_ca = test\n[test]\ndatabase = %s.index\n"
+                    "crlnumber = %s.crlnumber\ndefault_md = sha256\ndefault_crl_days = 7\n"
+                    % (base, base))
+        subprocess.run(["openssl", "ca", "-gencrl", "-keyfile", base + ".key",
+                        "-cert", base + ".pem", "-out", base + ".crl", "-config", base + ".cnf"],
+                       check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        return base + ".crl"
 
     def test_08_storage_configuration(self):
         token = self.gateway.api_token()
