@@ -5,8 +5,8 @@ chromium, chromium-driver and python3-selenium).
 
     console_browser_test.py --gateway build/bin/nox-gateway --out build/console-screenshots
 
-Every case signs in through the console's own form, checks what the page
-shows against what the HTTP API answers, and saves a screenshot of each page
+The cases sign in through the console's own form, check what the pages
+show against what the HTTP API answers, and save a screenshot of each page
 in --out. A JavaScript error or a Content-Security-Policy violation in the
 browser's log fails the case. The gateway and the browser listen and
 connect on 127.0.0.1 only.
