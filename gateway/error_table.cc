@@ -32,6 +32,9 @@ constexpr CodeRow kCodes[] = {
     {kErrMethodNotAllowed, 405, "The path does not take this method."},
     {kErrBodyTooLarge, 413, "The request body is too large."},
     {kErrInternal, 500, "Internal error."},
+    {kErrCsrfHeaderMissing, 403,
+     "A request that changes data with the session cookie must carry X-Requested-With: "
+     "nox-console."},
     {0x60E01D01, 422, "The certificate is neither PEM nor DER."},
     {0x60E01D02, 422, "The certificate is outside its validity dates."},
     {0x60E01D03, 422, "The certificate is not a CA certificate."},

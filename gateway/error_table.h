@@ -22,6 +22,9 @@ constexpr long long kErrRouteNotFound = 0x03000201;     // 404: no route for the
 constexpr long long kErrMethodNotAllowed = 0x03000202;  // 405: the route does not take the method
 constexpr long long kErrBodyTooLarge = 0x03000203;      // 413: body over --max-body
 constexpr long long kErrInternal = 0x03000204;          // 500: an uncoded exception
+// 403: a state-changing request with the session cookie lacks the console's
+// header (kCsrfHeader in http_mapping.h).
+constexpr long long kErrCsrfHeaderMissing = 0x03000205;
 constexpr long long kErrBadRequest = 0x03000003;        // 400: unreadable body or arguments
 constexpr long long kErrSessionRequired = 0x03000011;   // 401: no valid session
 

@@ -15,6 +15,14 @@
 namespace gw {
 
 const char kSessionCookie[] = "NOX_SESSION";
+const char kCsrfHeader[] = "X-Requested-With";
+const char kCsrfHeaderValue[] = "nox-console";
+// 'self' everywhere it matters; images may also be data: URLs (the
+// verification code's picture comes as one in the challenge).
+const char kConsolePolicy[] =
+    "default-src 'self'; script-src 'self'; style-src 'self'; img-src 'self' data:; "
+    "connect-src 'self'; font-src 'self'; object-src 'none'; base-uri 'none'; "
+    "form-action 'self'; frame-ancestors 'none'";
 
 namespace {
 
@@ -198,15 +206,38 @@ std::string headerValue(const HeaderList& headers, const std::string& name) {
   return std::string();
 }
 
-std::string sessionToken(const HttpInput& in) {
+std::string sessionToken(const HttpInput& in, bool* fromCookie) {
+  if (fromCookie != nullptr) *fromCookie = false;
   std::string token = trim(headerValue(in.headers, "X-Auth-Token"));
   if (!token.empty()) return token;
   for (const auto& header : in.headers) {
     if (strcasecmp(header.first.c_str(), "Cookie") != 0) continue;
     std::string value = cookieValue(header.second, kSessionCookie);
-    if (!value.empty()) return value;
+    if (!value.empty()) {
+      if (fromCookie != nullptr) *fromCookie = true;
+      return value;
+    }
   }
   return std::string();
+}
+
+std::string consoleContentType(const std::string& path) {
+  static const struct {
+    const char* suffix;
+    const char* type;
+  } kTypes[] = {
+      {".html", "text/html; charset=utf-8"},  {".js", "text/javascript; charset=utf-8"},
+      {".css", "text/css; charset=utf-8"},    {".svg", "image/svg+xml"},
+      {".png", "image/png"},                  {".json", "application/json"},
+      {".ico", "image/x-icon"},               {".txt", "text/plain; charset=utf-8"},
+  };
+  for (const auto& entry : kTypes) {
+    const size_t length = std::char_traits<char>::length(entry.suffix);
+    if (path.size() > length && path.compare(path.size() - length, length, entry.suffix) == 0) {
+      return entry.type;
+    }
+  }
+  return "application/octet-stream";
 }
 
 std::string languageFromAcceptLanguage(const std::string& value) {
@@ -308,6 +339,10 @@ HttpOutput Dispatcher::handle(const HttpInput& in) const {
       out.body = options_.openApi;
       return out;
     }
+    if (!options_.console.empty() &&
+        (path == "/console" || path.compare(0, 9, "/console/") == 0)) {
+      return serveConsole(in, path);
+    }
     const RouteMatch match = matchRoute(registry_, path);
     if (match.route == nullptr)
       return errorOutput(kErrRouteNotFound, describeCode(kErrRouteNotFound));
@@ -321,6 +356,38 @@ HttpOutput Dispatcher::handle(const HttpInput& in) const {
   } catch (...) {
     return errorOutput(kErrInternal, describeCode(kErrInternal));
   }
+}
+
+HttpOutput Dispatcher::serveConsole(const HttpInput& in, const std::string& path) const {
+  if (!isMethod(in.method, "GET") && !isMethod(in.method, "HEAD")) {
+    return errorOutput(kErrMethodNotAllowed, describeCode(kErrMethodNotAllowed));
+  }
+  // Relative links in the pages need the trailing slash.
+  if (path == "/console") {
+    HttpOutput out;
+    out.status = 301;
+    out.headers.emplace_back("Location", "/console/");
+    return out;
+  }
+  // The path is compared as sent: no decoding, so no dot segment or encoded
+  // slash can name anything but one of the compiled-in files.
+  std::string name = path.substr(9);
+  if (name.empty()) name = "index.html";
+  const auto file = options_.console.find(name);
+  if (file == options_.console.end()) {
+    return errorOutput(kErrRouteNotFound, describeCode(kErrRouteNotFound));
+  }
+  HttpOutput out;
+  out.contentType = consoleContentType(name);
+  out.body = file->second;
+  out.headers.emplace_back("Content-Security-Policy", kConsolePolicy);
+  // The files change only with the gateway; a browser checks before reuse.
+  out.headers.emplace_back("Cache-Control", "no-cache");
+  out.headers.emplace_back("Referrer-Policy", "no-referrer");
+  out.headers.emplace_back("X-Frame-Options", "DENY");
+  out.headers.emplace_back("Cross-Origin-Opener-Policy", "same-origin");
+  out.headers.emplace_back("Cross-Origin-Resource-Policy", "same-origin");
+  return out;
 }
 
 HttpOutput Dispatcher::serveRoute(const HttpInput& in, const RouteMatch& match,
@@ -343,7 +410,8 @@ HttpOutput Dispatcher::serveRoute(const HttpInput& in, const RouteMatch& match,
   info.setHttpConnection(&connection);
   info.setLanguage(languageFromAcceptLanguage(headerValue(in.headers, "Accept-Language")));
   info.getUserContext().clientAddress_ = in.clientAddress;
-  const std::string token = sessionToken(in);
+  bool fromCookie = false;
+  const std::string token = sessionToken(in, &fromCookie);
   bool haveSession = false;
   try {
     haveSession = !token.empty() && lookup_ && lookup_(token, info);
@@ -351,9 +419,20 @@ HttpOutput Dispatcher::serveRoute(const HttpInput& in, const RouteMatch& match,
     // The session store cannot say: no request goes through unchecked.
     return errorOutput(e.getErrCode(), describeException(e));
   }
-  if (!haveSession && !isPublicRoute(route.url, in.method)) {
+  const bool isPublic = isPublicRoute(route.url, in.method);
+  if (!haveSession && !isPublic) {
     HttpOutput out = errorOutput(kErrSessionRequired, describeCode(kErrSessionRequired));
     out.compressible = !carriesSecrets(route.url);
+    return out;
+  }
+  // A browser sends the cookie with whatever request a page makes it send;
+  // a page of another site cannot add a header without the gateway's
+  // consent (no CORS). The logins take no session and are left alone.
+  const bool safeMethod = isMethod(in.method, "GET") || isMethod(in.method, "HEAD");
+  if (haveSession && fromCookie && !safeMethod && !isPublic &&
+      headerValue(in.headers, kCsrfHeader) != kCsrfHeaderValue) {
+    HttpOutput out = errorOutput(kErrCsrfHeaderMissing, describeCode(kErrCsrfHeaderMissing));
+    out.user = info.getUserContext().userName_;
     return out;
   }
   // The session (or Accept-Language) gives the language unless the request

@@ -19,6 +19,7 @@
 
 #include <cstddef>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <utility>
@@ -76,10 +77,24 @@ struct DispatchOptions {
   // (its "status" member is "ok"); returns false when the gateway cannot
   // serve now, which answers 503.
   std::function<bool(Json::Value& health)> health;
+  // The web console's files by their path below /console/ ("index.html",
+  // "js/app.js"); empty: no console.
+  std::map<std::string, std::string> console;
 };
 
 // The name of the session cookie.
 extern const char kSessionCookie[];  // "NOX_SESSION"
+
+// The header, and its one value, that a state-changing request must carry
+// when its session comes from the cookie (the console sends it on every
+// request). A page on another site cannot add it to a request it makes the
+// browser send, so the cookie alone never changes anything.
+extern const char kCsrfHeader[];       // "X-Requested-With"
+extern const char kCsrfHeaderValue[];  // "nox-console"
+
+// The Content-Security-Policy of the console's pages and files: everything
+// from the gateway itself, no inline script or style, no framing.
+extern const char kConsolePolicy[];
 
 // Percent-decoding. `plusIsSpace` also turns '+' into a blank (query texts).
 // Malformed escapes are kept as they are.
@@ -94,8 +109,14 @@ std::vector<std::pair<std::string, std::string>> parseQuery(const std::string& q
 std::string headerValue(const HeaderList& headers, const std::string& name);
 
 // The session token of a request: the X-Auth-Token header, else the
-// NOX_SESSION cookie, else "".
-std::string sessionToken(const HttpInput& in);
+// NOX_SESSION cookie, else "". When `fromCookie` is given, *fromCookie tells
+// whether the token came from the cookie.
+std::string sessionToken(const HttpInput& in, bool* fromCookie = nullptr);
+
+// The content type the console's file `path` is served with, from its suffix:
+//   consoleContentType("js/app.js") == "text/javascript; charset=utf-8"
+// Unknown suffixes are "application/octet-stream".
+std::string consoleContentType(const std::string& path);
 
 // The language from an Accept-Language value: "zh" when the first choice
 // starts with "zh" (any case), else "en".
@@ -126,8 +147,8 @@ class Dispatcher {
  public:
   Dispatcher(const CSpecifyProc& registry, SessionLookup lookup, DispatchOptions options);
 
-  // Serves one request: built-in paths (/healthz, /openapi.json), then the
-  // registry. Never throws; every failure becomes an answer with the error
+  // Serves one request: built-in paths (/healthz, /openapi.json, the
+  // console below /console/), then the registry. Never throws; every failure becomes an answer with the error
   // envelope.
   HttpOutput handle(const HttpInput& in) const;
 
@@ -137,6 +158,7 @@ class Dispatcher {
  private:
   HttpOutput serveRoute(const HttpInput& in, const RouteMatch& match, const std::string& path,
                         const std::string& query) const;
+  HttpOutput serveConsole(const HttpInput& in, const std::string& path) const;
 
   const CSpecifyProc& registry_;
   SessionLookup lookup_;

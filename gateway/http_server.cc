@@ -290,7 +290,8 @@ void HttpServer::install() {
     return httplib::Server::HandlerResponse::Handled;
   });
   // Headers every answer carries: API answers hold session data and are
-  // never to be cached or sniffed as another type. Over HTTPS, browsers are
+  // never to be cached or sniffed as another type (the console's files say
+  // "no-cache" instead: they hold no session data). Over HTTPS, browsers are
   // told to use nothing else for hstsMaxAge seconds.
   const std::string hsts = !config_.tlsCert.empty() && config_.hstsMaxAge > 0
                                ? "max-age=" + std::to_string(config_.hstsMaxAge)
@@ -299,7 +300,11 @@ void HttpServer::install() {
     if (!hsts.empty()) res.set_header("Strict-Transport-Security", hsts);
     if (!res.has_header("Cache-Control")) res.set_header("Cache-Control", "no-store");
     res.set_header("X-Content-Type-Options", "nosniff");
-    res.set_header("Content-Security-Policy", "default-src 'none'; frame-ancestors 'none'");
+    // The console's pages bring their own, wider policy; API answers load
+    // nothing.
+    if (!res.has_header("Content-Security-Policy")) {
+      res.set_header("Content-Security-Policy", "default-src 'none'; frame-ancestors 'none'");
+    }
     if (res.get_header_value("Connection") == "close") res.headers.erase("Keep-Alive");
   });
 

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "access_log.h"
+#include "console_files.h"
 #include "http_mapping.h"
 #include "http_server.h"
 #include "options.h"
@@ -242,6 +243,7 @@ int main(int argc, char** argv) {
   gw::DispatchOptions dispatchOptions;
   dispatchOptions.maxBody = options.maxBody;
   dispatchOptions.openApi = kNoxOpenApiText;
+  dispatchOptions.console = gw::embeddedConsoleFiles();
   dispatchOptions.maxActive = static_cast<size_t>(
       options.maxActive > 0 ? options.maxActive : defaultMaxActive());
   dispatchOptions.health = [](Json::Value& health) {

@@ -3,6 +3,8 @@
 # Debian's archive, and the npm tools of the API checks (tools/api, with
 # `npm ci` from its package-lock.json). Idempotent: packages already present
 # are left alone. Works as root or, for another user, through sudo.
+# chromium, chromium-driver and python3-selenium run the console's browser
+# test; the font lets Chromium draw the console's Chinese texts.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -13,6 +15,7 @@ PACKAGES=(
   libcpp-httplib-dev libssl-dev libsqlite3-dev zlib1g-dev libbrotli-dev
   openssl curl python3 binutils clang-tidy cppcheck valgrind
   libhiredis-dev redis-server
+  chromium chromium-driver python3-selenium fonts-wqy-microhei
 )
 # Node and npm for tools/api: Debian's, unless a node is installed already
 # (another one may be newer; the tools need node 18.17 or later).

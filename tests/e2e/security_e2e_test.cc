@@ -21,6 +21,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "e2e_support.h"
@@ -34,6 +35,9 @@ constexpr long long kErrRouteNotFound = 0x03000201;
 constexpr long long kErrMethodNotAllowed = 0x03000202;
 constexpr long long kErrBodyTooLarge = 0x03000203;
 constexpr long long kErrLoginThrottled = 0x03000013;
+constexpr long long kErrCsrfHeaderMissing = 0x03000205;
+// The header the console sends with every request.
+const std::pair<std::string, std::string> kConsoleHeader = {"X-Requested-With", "nox-console"};
 
 // The gateways here run with a small body limit; the transport allows 64 KiB
 // more for multipart framing.
@@ -504,7 +508,13 @@ TEST_F(SecurityE2E, LogoutEndsTheTokenInEitherForm) {
                  kErrNotLoggedIn);
   EXPECT_TRUE(valid(byCookie));
 
-  auto cookieOut = client_->Delete("/sessions", {{"Cookie", "other=1; NOX_SESSION=" + byCookie}});
+  // With the cookie, a logout (as every request that changes something) also
+  // needs the console's header; without it the session goes on.
+  expectEnvelope(client_->Delete("/sessions", {{"Cookie", "other=1; NOX_SESSION=" + byCookie}}),
+                 403, kErrCsrfHeaderMissing);
+  EXPECT_TRUE(valid(byCookie));
+  auto cookieOut = client_->Delete(
+      "/sessions", {{"Cookie", "other=1; NOX_SESSION=" + byCookie}, kConsoleHeader});
   ASSERT_TRUE(cookieOut);
   EXPECT_EQ(cookieOut->status, 200) << cookieOut->body;
   EXPECT_NE(cookieOut->get_header_value("Set-Cookie").find("Max-Age=0"), std::string::npos);
@@ -572,6 +582,54 @@ TEST_F(SecurityE2E, EveryAnswerCarriesTheProtectiveHeaders) {
   EXPECT_FALSE(again->has_header("Content-Encoding"));
 }
 
+// The session cookie alone, as a page of another site could make a browser
+// send it, changes nothing: uploads and logouts need the console's header.
+TEST_F(SecurityE2E, CookieRequestsThatChangeDataNeedTheConsoleHeader) {
+  const std::string token = login();
+  const httplib::Headers cookie = {{"Cookie", "NOX_SESSION=" + token}};
+  httplib::Headers withHeader = cookie;
+  withHeader.insert(kConsoleHeader);
+  const httplib::MultipartFormDataItems file = {{"file", "not a certificate", "ca.pem", ""}};
+  auto forged = client_->Post("/kestrel_cert/import_cert", cookie, file);
+  expectEnvelope(forged, 403, kErrCsrfHeaderMissing);
+  expectEnvelope(client_->Delete("/sessions", cookie), 403, kErrCsrfHeaderMissing);
+  EXPECT_TRUE(valid(token));
+  // The same upload from the console reaches the backend, which judges it.
+  expectEnvelope(client_->Post("/kestrel_cert/import_cert", withHeader, file), 422,
+                 0x60E01D01);
+  // Reads with the cookie, and requests with the X-Auth-Token header, are as before.
+  auto read = client_->Get("/kestrel_task/count", cookie);
+  ASSERT_TRUE(read);
+  EXPECT_EQ(read->status, 200);
+  expectEnvelope(client_->Post("/kestrel_cert/import_cert", auth(token), file), 422, 0x60E01D01);
+  auto out = client_->Delete("/sessions", withHeader);
+  ASSERT_TRUE(out);
+  EXPECT_EQ(out->status, 200) << out->body;
+  EXPECT_FALSE(valid(token));
+}
+
+TEST_F(SecurityE2E, ConsoleIsServedWithItsOwnPolicy) {
+  auto page = client_->Get("/console/");
+  ASSERT_TRUE(page);
+  EXPECT_EQ(page->status, 200);
+  EXPECT_EQ(page->get_header_value("Content-Type"), "text/html; charset=utf-8");
+  EXPECT_EQ(page->get_header_value_count("Content-Security-Policy"), 1u);
+  const std::string policy = page->get_header_value("Content-Security-Policy");
+  EXPECT_NE(policy.find("default-src 'self'"), std::string::npos) << policy;
+  EXPECT_NE(policy.find("frame-ancestors 'none'"), std::string::npos) << policy;
+  EXPECT_EQ(policy.find("unsafe"), std::string::npos) << policy;
+  EXPECT_EQ(page->get_header_value("X-Content-Type-Options"), "nosniff");
+  EXPECT_EQ(page->get_header_value("X-Frame-Options"), "DENY");
+  EXPECT_NE(page->body.find("<script type=\"module\" src=\"js/app.js\">"), std::string::npos);
+  auto script = client_->Get("/console/js/app.js");
+  ASSERT_TRUE(script);
+  EXPECT_EQ(script->status, 200);
+  EXPECT_EQ(script->get_header_value("Content-Type"), "text/javascript; charset=utf-8");
+  expectEnvelope(client_->Get("/console/../openapi.json"), 404, kErrRouteNotFound);
+  expectEnvelope(client_->Get("/console/js/%2e%2e/index.html"), 404, kErrRouteNotFound);
+  expectEnvelope(client_->Post("/console/", "", "text/plain"), 405, kErrMethodNotAllowed);
+}
+
 TEST_F(SecurityE2E, NoCrossOriginAccessAndNoEchoedInput) {
   // No CORS headers, not even for a preflight from another origin.
   for (const char* path : {"/sessions", "/kestrel_task"}) {
@@ -629,7 +687,8 @@ TEST(SecurityLogsE2E, TokensAndPasswordsNeverReachTheLogs) {
   EXPECT_TRUE(client.Post("/login", "username=apiuser&password=" + wrong,
                           "application/x-www-form-urlencoded"));
   EXPECT_TRUE(client.Delete("/sessions", {{"X-Auth-Token", a}}));
-  EXPECT_TRUE(client.Delete("/sessions", {{"Cookie", "NOX_SESSION=" + b}}));
+  EXPECT_TRUE(client.Delete("/sessions", {{"Cookie", "NOX_SESSION=" + b},
+                                          {"X-Requested-With", "nox-console"}}));
   EXPECT_EQ(gateway.stop(), 0);
 
   const std::string trace = gateway.traceLog();

@@ -5,6 +5,7 @@
 #include <json/json.h>
 
 #include <functional>
+#include <map>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -122,6 +123,7 @@ class MappingTest : public ::testing::Test {
     gw::DispatchOptions options;
     options.maxBody = 1024;
     options.openApi = "{\"openapi\":\"3.0.3\"}";
+    options.console = console_;
     return Dispatcher(
         registry_,
         [](const std::string& token, CSessionInfo& info) {
@@ -151,6 +153,7 @@ class MappingTest : public ::testing::Test {
   FakeOp::Body task_ = [](CRequestMsg&, CResponseMsg&) { return 0; };
   FakeOp::Body any_ = [](CRequestMsg&, CResponseMsg&) { return 0; };
   const gw::HeaderList auth_ = {{"X-Auth-Token", "good"}};
+  std::map<std::string, std::string> console_;  // the console's files; empty: none
 };
 
 TEST(UrlDecodeTest, Table) {
@@ -275,6 +278,111 @@ TEST_F(MappingTest, InvalidTokenIsRefusedAndOperationNotCalled) {
   EXPECT_EQ(out.status, 401);
   EXPECT_EQ(seen_.calls, 0);
   EXPECT_EQ(run("GET", "/kestrel_task", {{"Cookie", "NOX_SESSION=good"}}).status, 200);
+}
+
+// A page on another site can make the browser send the cookie, but cannot
+// add a header: with the cookie, only reads go through without the console's
+// header. The X-Auth-Token header and the logins are not affected.
+TEST_F(MappingTest, CookieSessionsChangeNothingWithoutTheConsoleHeader) {
+  const std::string cookie = "NOX_SESSION=good";
+  const std::pair<std::string, std::string> console = {"X-Requested-With", "nox-console"};
+  struct Case {
+    const char* method;
+    const char* path;
+    gw::HeaderList headers;
+    int status;
+  } cases[] = {
+      {"POST", "/any", {{"Cookie", cookie}}, 403},          // the cookie alone
+      {"DELETE", "/sessions", {{"Cookie", cookie}}, 403},   // a forced logout too
+      {"PUT", "/any", {{"Cookie", cookie}}, 403},
+      {"PATCH", "/any", {{"Cookie", cookie}}, 403},
+      {"OPTIONS", "/any", {{"Cookie", cookie}}, 403},       // only GET and HEAD are reads
+      {"POST", "/any", {{"Cookie", cookie}, {"X-Requested-With", "XMLHttpRequest"}}, 403},
+      {"POST", "/any", {{"Cookie", cookie}, {"X-Requested-With", "NOX-CONSOLE"}}, 403},
+      {"POST", "/any", {{"Cookie", cookie}, console}, 200},
+      {"post", "/any", {{"Cookie", cookie}, {"x-requested-with", "nox-console"}}, 200},
+      {"DELETE", "/sessions", {{"Cookie", cookie}, console}, 200},
+      {"GET", "/any", {{"Cookie", cookie}}, 200},           // reads need no header
+      {"HEAD", "/any", {{"Cookie", cookie}}, 200},
+      {"POST", "/any", {{"X-Auth-Token", "good"}}, 200},    // the API's header form
+      {"POST", "/any", {{"X-Auth-Token", "good"}, {"Cookie", cookie}}, 200},
+      {"POST", "/sessions", {{"Cookie", cookie}}, 200},     // a login takes no session
+      {"POST", "/login", {{"Cookie", cookie}}, 200},
+      {"POST", "/any", {{"Cookie", "NOX_SESSION=bad"}}, 401},  // no session: as before
+  };
+  for (const Case& c : cases) {
+    seen_.calls = 0;
+    const HttpOutput out = run(c.method, c.path, c.headers);
+    EXPECT_EQ(out.status, c.status) << c.method << " " << c.path << " " << out.body;
+    if (c.status == 403) {
+      EXPECT_EQ(seen_.calls, 0) << "the operation never ran";
+      EXPECT_EQ(parse(out.body)["error"]["code"].asInt64(), gw::kErrCsrfHeaderMissing);
+      EXPECT_EQ(parse(out.body)["error"]["description"].asString(),
+                "A request that changes data with the session cookie must carry "
+                "X-Requested-With: nox-console.");
+      EXPECT_EQ(out.user, "apiuser");
+    }
+  }
+}
+
+TEST_F(MappingTest, ConsoleFilesAreServedWithTheirPolicy) {
+  console_ = {{"index.html", "<!doctype html>"}, {"js/app.js", "export {};"},
+              {"css/console.css", "body{}"}};
+  const HttpOutput index = run("GET", "/console/");
+  EXPECT_EQ(index.status, 200);
+  EXPECT_EQ(index.body, "<!doctype html>");
+  EXPECT_EQ(index.contentType, "text/html; charset=utf-8");
+  EXPECT_EQ(header(index, "Content-Security-Policy"), gw::kConsolePolicy);
+  EXPECT_EQ(header(index, "X-Frame-Options"), "DENY");
+  EXPECT_EQ(header(index, "Referrer-Policy"), "no-referrer");
+  EXPECT_EQ(header(index, "Cache-Control"), "no-cache");
+  EXPECT_EQ(run("GET", "/console/index.html").body, "<!doctype html>");
+  EXPECT_EQ(run("HEAD", "/console/js/app.js").contentType, "text/javascript; charset=utf-8");
+  EXPECT_EQ(run("GET", "/console/css/console.css").contentType, "text/css; charset=utf-8");
+
+  const HttpOutput bare = run("GET", "/console");
+  EXPECT_EQ(bare.status, 301);
+  EXPECT_EQ(header(bare, "Location"), "/console/");
+  struct Case {
+    const char* method;
+    const char* target;
+    int status;
+  } refused[] = {
+      {"GET", "/console/missing.js", 404},
+      {"GET", "/console/js/../index.html", 404},  // paths are never resolved
+      {"GET", "/console/js%2fapp.js", 404},       // nor decoded
+      {"GET", "/console//index.html", 404},
+      {"POST", "/console/", 405},
+      {"DELETE", "/console/index.html", 405},
+  };
+  for (const Case& c : refused) {
+    const HttpOutput out = run(c.method, c.target);
+    EXPECT_EQ(out.status, c.status) << c.method << " " << c.target;
+    EXPECT_EQ(out.contentType, "application/json") << c.target;
+  }
+  EXPECT_EQ(seen_.calls, 0);
+}
+
+TEST_F(MappingTest, NoConsoleWithoutFiles) {
+  EXPECT_EQ(run("GET", "/console/").status, 404);
+  EXPECT_EQ(run("GET", "/console").status, 404);
+}
+
+TEST(ConsoleContentTypeTest, Table) {
+  struct Case {
+    const char* path;
+    const char* type;
+  } cases[] = {
+      {"index.html", "text/html; charset=utf-8"},
+      {"js/app.js", "text/javascript; charset=utf-8"},
+      {"css/console.css", "text/css; charset=utf-8"},
+      {"img/icon.svg", "image/svg+xml"},
+      {"a.png", "image/png"},
+      {"notes", "application/octet-stream"},  // no suffix
+      {".js", "application/octet-stream"},    // a suffix alone is no name
+      {"app.JS", "application/octet-stream"},  // suffixes compare exactly
+  };
+  for (const Case& c : cases) EXPECT_EQ(gw::consoleContentType(c.path), c.type) << c.path;
 }
 
 TEST_F(MappingTest, LoginRoutesNeedNoSession) {

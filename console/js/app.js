@@ -1,0 +1,133 @@
+// The console's shell: which page shows, who is signed in, the interface
+// language, sign-out and the reaction to a lost session. Pages are picked by
+// the URL's fragment (#/tasks, #/alarms ...), which never holds anything
+// secret.
+import {api, onSessionLost} from './api.js';
+import {byId, say} from './dom.js';
+import {currentLanguage, setLanguage, t, translatePage} from './i18n.js';
+import * as signin from './signin.js';
+import * as tasks from './tasks.js';
+import * as alarms from './alarms.js';
+import * as certificates from './certificates.js';
+import * as storage from './storage.js';
+
+const PAGES = {signin, tasks, alarms, certificates, storage};
+const DEFAULT_PAGE = 'tasks';
+
+let session = null;  // {userName, scope, language} of GET /sessions, never the token
+let current = null;  // the page shown
+let noticeKey = '';  // the notice shown above the page, as a text key
+
+function notice(key) {
+  noticeKey = key;
+  say(byId('notice'), key ? t(key) : '');
+}
+
+function showAccount() {
+  byId('nav').hidden = !session;
+  byId('sign-out').hidden = !session;
+  byId('who').textContent = session ? t('signedInAs', {user: session.userName}) : '';
+}
+
+function wantedPage() {
+  const name = window.location.hash.replace(/^#\/?/, '');
+  if (!session) return 'signin';
+  if (name === 'signin' || !PAGES[name]) return DEFAULT_PAGE;
+  return name;
+}
+
+function route() {
+  const name = wantedPage();
+  if (`#/${name}` !== window.location.hash) {
+    // Replacing the fragment fires hashchange, which comes back here.
+    window.history.replaceState(null, '', `#/${name}`);
+  }
+  if (name === current) return;
+  if (current) {
+    PAGES[current].leave?.();
+    byId(`page-${current}`).hidden = true;
+  }
+  current = name;
+  if (name !== 'signin' && noticeKey !== '') notice('');
+  for (const link of byId('nav').querySelectorAll('a')) {
+    if (link.dataset.page === name) link.setAttribute('aria-current', 'page');
+    else link.removeAttribute('aria-current');
+  }
+  const section = byId(`page-${name}`);
+  section.hidden = false;
+  PAGES[name].enter();
+  section.querySelector('h1').focus();
+}
+
+async function loadSession() {
+  try {
+    const answer = await api('GET', '/sessions', {isPublic: true});
+    session = answer.data;
+  } catch (e) {
+    session = null;
+  }
+  showAccount();
+}
+
+const context = {
+  // Called by the sign-in page once the gateway has set the cookie.
+  async signedIn() {
+    await loadSession();
+    notice('');
+    window.location.hash = `#/${DEFAULT_PAGE}`;
+    route();
+  },
+  language: currentLanguage,
+};
+
+function retranslate() {
+  translatePage();
+  const other = currentLanguage() === 'zh' ? 'en' : 'zh';
+  const button = byId('lang-switch');
+  button.textContent = other === 'zh' ? '中文' : 'English';
+  button.lang = other;
+  showAccount();
+  notice(noticeKey);
+  for (const page of Object.values(PAGES)) page.retranslate?.();
+}
+
+function sessionEnded(key) {
+  const page = current;
+  session = null;
+  showAccount();
+  if (page) {
+    PAGES[page].leave?.();
+    byId(`page-${page}`).hidden = true;
+    current = null;
+  }
+  notice(key);
+  route();
+}
+
+async function signOut() {
+  try {
+    await api('DELETE', '/sessions');
+  } catch (e) {
+    // The session is gone either way; a lost one has already been reported.
+  }
+  sessionEnded('signin.signedOut');
+}
+
+async function start() {
+  setLanguage(currentLanguage());
+  for (const page of Object.values(PAGES)) page.init(context);
+  retranslate();
+  byId('lang-switch').addEventListener('click', () => {
+    setLanguage(currentLanguage() === 'zh' ? 'en' : 'zh');
+    retranslate();
+  });
+  byId('sign-out').addEventListener('click', signOut);
+  onSessionLost(() => {
+    if (session) sessionEnded('signin.expired');
+  });
+  window.addEventListener('hashchange', route);
+  await loadSession();
+  route();
+}
+
+start();

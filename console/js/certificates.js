@@ -1,0 +1,96 @@
+// The certificates page: a CA certificate (POST /kestrel_cert/import_cert or
+// /kestrel_hypervisor/import_cert) or a CRL (POST /kestrel_cert/import_crl)
+// uploaded as multipart/form-data with a progress bar. A file over 1 MiB is
+// refused here, before a byte is sent; the backend's verdict shows with its
+// readable text and its code.
+import {ApiError, MAX_UPLOAD_BYTES, upload} from './api.js';
+import {byId, el} from './dom.js';
+import {codeText, errorText, t} from './i18n.js';
+
+// What each form last showed, to show it again in another language.
+const verdicts = {cert: null, crl: null};
+
+function showVerdict(kind) {
+  const box = byId(`${kind}-verdict`);
+  const verdict = verdicts[kind];
+  box.hidden = !verdict;
+  box.className = 'verdict';
+  delete box.dataset.code;
+  delete box.dataset.outcome;
+  if (!verdict) {
+    box.replaceChildren();
+    return;
+  }
+  box.dataset.outcome = verdict.outcome;
+  box.classList.add(verdict.outcome === 'imported' ? 'good' : verdict.outcome === 'sending' ? 'busy' : 'bad');
+  if (verdict.outcome === 'imported') {
+    box.replaceChildren(el('strong', {}, t('certs.imported')));
+  } else if (verdict.outcome === 'sending') {
+    box.replaceChildren(t('certs.uploading', {percent: Math.round(verdict.fraction * 100)}));
+  } else if (verdict.outcome === 'too-large') {
+    box.replaceChildren(el('strong', {}, t('certs.tooLarge', {size: verdict.size})));
+  } else if (verdict.outcome === 'no-file') {
+    box.replaceChildren(el('strong', {}, t('certs.noFile')));
+  } else {
+    const error = verdict.error;
+    box.dataset.code = String(error.code);
+    box.replaceChildren(
+      el('strong', {}, t('certs.refused')), ' ',
+      el('span', {class: 'verdict-text'}, error.status === 0 ? t('error.network') : errorText(error)),
+      el('span', {class: 'verdict-code'}, `${t('code')} ${codeText(error.code)}`));
+  }
+}
+
+async function send(kind, route, input) {
+  const progress = byId(`${kind}-progress`);
+  const file = input.files[0];
+  progress.hidden = true;
+  if (!file) {
+    verdicts[kind] = {outcome: 'no-file'};
+  } else if (file.size > MAX_UPLOAD_BYTES) {
+    verdicts[kind] = {outcome: 'too-large', size: file.size};
+  } else {
+    progress.value = 0;
+    progress.hidden = false;
+    verdicts[kind] = {outcome: 'sending', fraction: 0};
+    showVerdict(kind);
+    try {
+      await upload(route, file, (fraction) => {
+        progress.value = Math.round(fraction * 100);
+        if (verdicts[kind].outcome === 'sending') {
+          verdicts[kind].fraction = fraction;
+          showVerdict(kind);
+        }
+      });
+      verdicts[kind] = {outcome: 'imported'};
+    } catch (e) {
+      verdicts[kind] = {outcome: 'refused', error: e instanceof ApiError ? e : new ApiError(0, 0, '')};
+    }
+  }
+  showVerdict(kind);
+}
+
+export function init() {
+  byId('cert-form').addEventListener('submit', (event) => {
+    event.preventDefault();
+    send('cert', byId('cert-target').value, byId('cert-file'));
+  });
+  byId('crl-form').addEventListener('submit', (event) => {
+    event.preventDefault();
+    send('crl', byId('crl-form').dataset.route, byId('crl-file'));
+  });
+  for (const kind of ['cert', 'crl']) {
+    byId(`${kind}-file`).addEventListener('change', () => {
+      verdicts[kind] = null;
+      byId(`${kind}-progress`).hidden = true;
+      showVerdict(kind);
+    });
+  }
+}
+
+export function enter() {}
+
+export function retranslate() {
+  showVerdict('cert');
+  showVerdict('crl');
+}

@@ -1,0 +1,142 @@
+// The sign-in page. Scope "4" signs in on POST /sessions; the console scopes
+// "0" and "1" on POST /login with the answer to a verification-code
+// challenge (GET /login). The password and the challenge stay in this page's
+// form and memory only; the session itself is the HttpOnly cookie the
+// gateway sets.
+import {ApiError, ERR_LOGIN_THROTTLED, ERR_VERIFY_CODE, api} from './api.js';
+import {byId, say} from './dom.js';
+import {codeText, currentLanguage, errorText, t} from './i18n.js';
+
+let context = null;
+let challengeId = '';
+let waitUntil = 0;  // ms since the epoch; the throttle's wait ends then
+let waitTimer = 0;
+let lastError = null;  // shown again in another language
+
+const needsCode = () => byId('signin-scope').value !== '4';
+
+function showError(error) {
+  lastError = error;
+  if (!error) {
+    say(byId('signin-error'), '');
+  } else if (typeof error === 'string') {
+    say(byId('signin-error'), t(error));
+  } else if (error.status === 0) {
+    say(byId('signin-error'), t('error.network'));
+  } else {
+    say(byId('signin-error'), `${errorText(error)} (${t('code')} ${codeText(error.code)})`);
+  }
+}
+
+async function newChallenge() {
+  challengeId = '';
+  const image = byId('signin-code-image');
+  image.removeAttribute('src');
+  byId('signin-code').value = '';
+  try {
+    const answer = await api('GET', '/login', {isPublic: true});
+    challengeId = answer.data.challengeId;
+    image.src = answer.data.image;
+  } catch (e) {
+    showError('signin.codeFailed');
+  }
+}
+
+function showChallenge() {
+  const wanted = needsCode();
+  byId('signin-challenge').hidden = !wanted;
+  if (wanted) newChallenge();
+}
+
+function tick() {
+  const left = Math.ceil((waitUntil - Date.now()) / 1000);
+  const submit = byId('signin-submit');
+  if (left > 0) {
+    showError(null);
+    say(byId('signin-error'), t('signin.wait', {seconds: left}));
+    byId('signin-error').dataset.wait = String(left);
+    submit.disabled = true;
+    return;
+  }
+  window.clearInterval(waitTimer);
+  waitTimer = 0;
+  delete byId('signin-error').dataset.wait;
+  submit.disabled = false;
+  say(byId('signin-error'), t('signin.waitOver'));
+  lastError = 'signin.waitOver';
+}
+
+// The throttle's wait as a count-down, second by second.
+function startCountdown(seconds) {
+  waitUntil = Date.now() + Math.max(1, seconds) * 1000;
+  window.clearInterval(waitTimer);
+  waitTimer = window.setInterval(tick, 250);
+  tick();
+}
+
+async function submit(event) {
+  event.preventDefault();
+  if (waitTimer) return;
+  const username = byId('signin-user').value.trim();
+  const password = byId('signin-password').value;
+  const scope = byId('signin-scope').value;
+  const verifyCode = byId('signin-code').value.trim();
+  if (!username || !password || (needsCode() && !verifyCode)) {
+    showError('signin.missing');
+    return;
+  }
+  const body = {username, password, scope, language: currentLanguage()};
+  if (needsCode()) Object.assign(body, {challengeId, verifyCode});
+  const button = byId('signin-submit');
+  button.disabled = true;
+  try {
+    await api('POST', needsCode() ? '/login' : '/sessions', {body, isPublic: true});
+    // The answer's token is not kept: the cookie carries the session.
+    byId('signin-password').value = '';
+    byId('signin-code').value = '';
+    showError(null);
+    button.disabled = false;
+    await context.signedIn();
+    return;
+  } catch (e) {
+    button.disabled = false;
+    if (e instanceof ApiError && e.code === ERR_LOGIN_THROTTLED) {
+      startCountdown(e.retryAfter);
+    } else {
+      showError(e instanceof ApiError ? e : new ApiError(0, 0, ''));
+    }
+    // A challenge takes one answer, right or wrong.
+    if (needsCode()) {
+      await newChallenge();
+      if (e.code === ERR_VERIFY_CODE) byId('signin-code').focus();
+    }
+  }
+}
+
+export function init(ctx) {
+  context = ctx;
+  byId('signin-form').addEventListener('submit', submit);
+  byId('signin-scope').addEventListener('change', showChallenge);
+  byId('signin-new-code').addEventListener('click', () => {
+    newChallenge();
+    byId('signin-code').focus();
+  });
+}
+
+export function enter() {
+  showError(null);
+  byId('signin-submit').disabled = Boolean(waitTimer);
+  showChallenge();
+  byId('signin-code-image').alt = t('signin.codeImage');
+}
+
+export function leave() {
+  byId('signin-password').value = '';
+  challengeId = '';
+}
+
+export function retranslate() {
+  byId('signin-code-image').alt = t('signin.codeImage');
+  if (waitTimer) tick();
+  else showError(lastError);
+}
