@@ -164,7 +164,7 @@ bool parseRedisAddress(const std::string& url, RedisAddress* address, std::strin
   const size_t slash = rest.find('/');
   if (slash != std::string::npos) {
     const std::string db = rest.substr(slash + 1);
-    rest = rest.substr(0, slash);
+    rest.resize(slash);
     if (!db.empty()) {
       if (db.find_first_not_of("0123456789") != std::string::npos || db.size() > 5) {
         *error = "the database number \"" + db + "\" is not a number";
@@ -176,7 +176,7 @@ bool parseRedisAddress(const std::string& url, RedisAddress* address, std::strin
   const size_t colon = rest.rfind(':');
   if (colon != std::string::npos) {
     const std::string port = rest.substr(colon + 1);
-    rest = rest.substr(0, colon);
+    rest.resize(colon);
     if (port.empty() || port.find_first_not_of("0123456789") != std::string::npos ||
         port.size() > 5 || std::atoi(port.c_str()) < 1 || std::atoi(port.c_str()) > 65535) {
       *error = "the port \"" + port + "\" is not a port number";
@@ -216,7 +216,7 @@ std::string RedisStateStore::describe() const {
 redisContext* RedisStateStore::connect() {
   struct timeval tv;
   tv.tv_sec = timeoutMs_ / 1000;
-  tv.tv_usec = (timeoutMs_ % 1000) * 1000;
+  tv.tv_usec = static_cast<suseconds_t>(timeoutMs_ % 1000) * 1000;
   redisContext* c = redisConnectWithTimeout(address_.host.c_str(), address_.port, tv);
   if (c == nullptr) throw StateStoreError("cannot allocate a Redis connection");
   if (c->err != 0) {

@@ -47,7 +47,7 @@ std::string sha256Hex(const std::string& text) {
   }
   static const char kHex[] = "0123456789abcdef";
   std::string out;
-  out.reserve(2 * length);
+  out.reserve(size_t{2} * length);
   for (unsigned int i = 0; i < length; ++i) {
     out.push_back(kHex[digest[i] >> 4]);
     out.push_back(kHex[digest[i] & 0xF]);
