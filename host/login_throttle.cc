@@ -1,19 +1,11 @@
 #include "login_throttle.h"
 
-#include "qpn_debug_kit.h"
 #include "state_store.h"
 
 namespace {
 
 // Failures counted at most: far beyond the delay's cap.
 constexpr int kCountCap = 1000;
-
-[[noreturn]] void unavailable(const char* what, const StateStoreError& e) {
-  CQPNDebugKitGuard guard(2, "LoginThrottle");
-  guard.error(0, what, __LINE__, "the session store is not available: %s", e.what());
-  throw QPNExceptionWithErrCode_(kErrStateUnavailable, "host/login_throttle", __LINE__, false,
-                                 nullptr);
-}
 
 }  // namespace
 
@@ -50,7 +42,7 @@ int LoginThrottle::secondsToWait(const std::string& userName, const std::string&
   try {
     count = stateStore()->failures(keyOf(userName, address), now(), kForgetAfter);
   } catch (const StateStoreError& e) {
-    unavailable("secondsToWait", e);
+    throwStateUnavailable("LoginThrottle", "secondsToWait", e);
   }
   if (count.failures == 0) return 0;
   // The window is measured on the store's clock, which the failure was
@@ -63,7 +55,7 @@ void LoginThrottle::recordFailure(const std::string& userName, const std::string
   try {
     stateStore()->addFailure(keyOf(userName, address), now(), kForgetAfter, kCountCap);
   } catch (const StateStoreError& e) {
-    unavailable("recordFailure", e);
+    throwStateUnavailable("LoginThrottle", "recordFailure", e);
   }
 }
 
@@ -71,7 +63,7 @@ void LoginThrottle::recordSuccess(const std::string& userName, const std::string
   try {
     stateStore()->clearFailures(keyOf(userName, address));
   } catch (const StateStoreError& e) {
-    unavailable("recordSuccess", e);
+    throwStateUnavailable("LoginThrottle", "recordSuccess", e);
   }
 }
 
@@ -79,7 +71,7 @@ int LoginThrottle::failures(const std::string& userName, const std::string& addr
   try {
     return stateStore()->failures(keyOf(userName, address), now(), kForgetAfter).failures;
   } catch (const StateStoreError& e) {
-    unavailable("failures", e);
+    throwStateUnavailable("LoginThrottle", "failures", e);
   }
 }
 
@@ -87,7 +79,7 @@ void LoginThrottle::clear() {
   try {
     stateStore()->clearAllFailures();
   } catch (const StateStoreError& e) {
-    unavailable("clear", e);
+    throwStateUnavailable("LoginThrottle", "clear", e);
   }
 }
 

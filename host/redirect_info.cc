@@ -6,12 +6,9 @@
 #include <mutex>
 
 #include "login_op.h"
-#include "qpn_debug_kit.h"
 #include "state_store.h"
 
 namespace {
-
-constexpr int kModule = 2;
 
 std::mutex& observerMutex() {
   static std::mutex m;
@@ -23,13 +20,6 @@ RedirectInfoObserver& observerSlot() {
 }
 
 std::atomic<int> g_lifetime{1800};
-
-[[noreturn]] void unavailable(const char* what, const StateStoreError& e) {
-  CQPNDebugKitGuard guard(kModule, "RedirectInfoMgr");
-  guard.error(0, what, __LINE__, "the session store is not available: %s", e.what());
-  throw QPNExceptionWithErrCode_(kErrStateUnavailable, "host/redirect_info", __LINE__, false,
-                                 nullptr);
-}
 
 }  // namespace
 
@@ -43,7 +33,7 @@ int RedirectInfoMgr::addSessionInfo(const std::string& key, int kind) {
   try {
     stateStore()->putInfo(key, kind, g_lifetime.load());
   } catch (const StateStoreError& e) {
-    unavailable("addSessionInfo", e);
+    throwStateUnavailable("RedirectInfoMgr", "addSessionInfo", e);
   }
   return 0;
 }
@@ -52,7 +42,7 @@ int RedirectInfoMgr::getSessionInfo(const std::string& key) {
   try {
     return stateStore()->getInfo(key);
   } catch (const StateStoreError& e) {
-    unavailable("getSessionInfo", e);
+    throwStateUnavailable("RedirectInfoMgr", "getSessionInfo", e);
   }
 }
 
@@ -60,7 +50,7 @@ void RedirectInfoMgr::removeSessionInfo(const std::string& key) {
   try {
     stateStore()->removeInfo(key);
   } catch (const StateStoreError& e) {
-    unavailable("removeSessionInfo", e);
+    throwStateUnavailable("RedirectInfoMgr", "removeSessionInfo", e);
   }
 }
 
@@ -74,7 +64,7 @@ size_t redirectInfoCount() {
   try {
     return stateStore()->infoCount();
   } catch (const StateStoreError& e) {
-    unavailable("redirectInfoCount", e);
+    throwStateUnavailable("RedirectInfoMgr", "redirectInfoCount", e);
   }
 }
 

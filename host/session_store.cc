@@ -3,7 +3,6 @@
 #include <mutex>
 #include <vector>
 
-#include "qpn_debug_kit.h"
 #include "redirect_info.h"
 #include "secure_random.h"
 #include "state_store.h"
@@ -14,27 +13,18 @@ namespace {
 constexpr size_t kTokenBytes = 32;
 constexpr size_t kIdBytes = 16;
 constexpr int kDefaultIdleTimeout = 1800;
-constexpr int kModule = 2;
 
 // The store keys a session by the SHA-256 of its token: the token itself is
 // kept nowhere, so a copy of the store (a Redis dump) opens no session, and
 // a lookup's timing tells nothing about how much of a guess was right.
 std::string keyOf(const std::string& token) { return sha256Hex(token); }
 
-// The shared state could not be used: logged, and answered with 503.
-[[noreturn]] void unavailable(const char* what, const StateStoreError& e) {
-  CQPNDebugKitGuard guard(kModule, "SessionStore");
-  guard.error(0, what, __LINE__, "the session store is not available: %s", e.what());
-  throw QPNExceptionWithErrCode_(kErrStateUnavailable, "host/session_store", __LINE__, false,
-                                 nullptr);
-}
-
 // Ending a session ends its session information (RedirectInfoMgr's entry).
 void forgetInfo(const std::vector<std::string>& ids) {
   try {
     for (const std::string& id : ids) stateStore()->removeInfo(kSessionKeyPrefix + id);
   } catch (const StateStoreError& e) {
-    unavailable("forgetInfo", e);
+    throwStateUnavailable("SessionStore", "forgetInfo", e);
   }
 }
 
@@ -79,7 +69,7 @@ std::shared_ptr<HttpSession> SessionStore::create(const CDeviceID& device,
   try {
     stateStore()->putSession(keyOf(newToken), stored, impl_->now(), impl_->idle());
   } catch (const StateStoreError& e) {
-    unavailable("create", e);
+    throwStateUnavailable("SessionStore", "create", e);
   }
   *token = newToken;
   return std::make_shared<HttpSession>(stored.id);
@@ -90,7 +80,7 @@ void SessionStore::saveState(const std::string& token, const HttpSession& sessio
   try {
     stateStore()->setSessionState(keyOf(token), session.getAttribute(CSessionInfo::SESS_STAT_K));
   } catch (const StateStoreError& e) {
-    unavailable("saveState", e);
+    throwStateUnavailable("SessionStore", "saveState", e);
   }
 }
 
@@ -103,7 +93,7 @@ bool SessionStore::lookup(const std::string& token, CSessionInfo& info) {
       return false;
     }
   } catch (const StateStoreError& e) {
-    unavailable("lookup", e);
+    throwStateUnavailable("SessionStore", "lookup", e);
   }
   auto session = std::make_shared<HttpSession>(stored.id);
   if (!stored.state.isNull()) session->setAttribute(CSessionInfo::SESS_STAT_K, stored.state);
@@ -120,7 +110,7 @@ bool SessionStore::remove(const std::string& token) {
   try {
     if (!stateStore()->removeSession(keyOf(token), &stored)) return false;
   } catch (const StateStoreError& e) {
-    unavailable("remove", e);
+    throwStateUnavailable("SessionStore", "remove", e);
   }
   forgetInfo({stored.id});
   return true;
@@ -131,7 +121,7 @@ size_t SessionStore::expire() {
   try {
     stateStore()->expireSessions(impl_->now(), impl_->idle(), &ended);
   } catch (const StateStoreError& e) {
-    unavailable("expire", e);
+    throwStateUnavailable("SessionStore", "expire", e);
   }
   forgetInfo(ended);
   return ended.size();
@@ -141,7 +131,7 @@ size_t SessionStore::size() const {
   try {
     return stateStore()->sessionCount();
   } catch (const StateStoreError& e) {
-    unavailable("size", e);
+    throwStateUnavailable("SessionStore", "size", e);
   }
 }
 
@@ -150,7 +140,7 @@ void SessionStore::clear() {
   try {
     stateStore()->clearSessions(&ended);
   } catch (const StateStoreError& e) {
-    unavailable("clear", e);
+    throwStateUnavailable("SessionStore", "clear", e);
   }
   forgetInfo(ended);
 }

@@ -5,6 +5,7 @@
 #include <mutex>
 
 #include "memory_state_store.h"
+#include "qpn_debug_kit.h"
 
 namespace {
 
@@ -53,4 +54,11 @@ std::string sha256Hex(const std::string& text) {
     out.push_back(kHex[digest[i] & 0xF]);
   }
   return out;
+}
+
+void throwStateUnavailable(const char* who, const char* what, const StateStoreError& error) {
+  CQPNDebugKitGuard guard(2, who);
+  guard.error(0, what, __LINE__, "the session store is not available: %s", error.what());
+  throw QPNExceptionWithErrCode_(kErrStateUnavailable, "host/state_store", __LINE__, false,
+                                 nullptr);
 }

@@ -134,6 +134,12 @@ class HOST_API StateStore {
 HOST_API std::shared_ptr<StateStore> installStateStore(std::shared_ptr<StateStore> store);
 HOST_API std::shared_ptr<StateStore> stateStore();
 
+// Logs that `who`'s `what` could not use the store (trace module 2, error
+// level: "the session store is not available: <why>") and throws
+// QPNExceptionWithErrCode_ kErrStateUnavailable.
+[[noreturn]] HOST_API void throwStateUnavailable(const char* who, const char* what,
+                                                 const StateStoreError& error);
+
 // SHA-256 of `text`, in lower-case hex.
 HOST_API std::string sha256Hex(const std::string& text);
 

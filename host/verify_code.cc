@@ -4,7 +4,6 @@
 #include <cstdio>
 #include <vector>
 
-#include "qpn_debug_kit.h"
 #include "secure_random.h"
 #include "state_store.h"
 
@@ -40,13 +39,6 @@ std::string base64(const std::string& in) {
   return out;
 }
 
-[[noreturn]] void unavailable(const char* what, const StateStoreError& e) {
-  CQPNDebugKitGuard guard(2, "VerifyCodeStore");
-  guard.error(0, what, __LINE__, "the session store is not available: %s", e.what());
-  throw QPNExceptionWithErrCode_(kErrStateUnavailable, "host/verify_code", __LINE__, false,
-                                 nullptr);
-}
-
 }  // namespace
 
 VerifyCodeStore& VerifyCodeStore::instance() {
@@ -71,7 +63,7 @@ void VerifyCodeStore::issue(std::string* challengeId, std::string* code) {
   try {
     stateStore()->putChallenge(id, newCode, now(), kLifetime, kMaxLive);
   } catch (const StateStoreError& e) {
-    unavailable("issue", e);
+    throwStateUnavailable("VerifyCodeStore", "issue", e);
   }
   *challengeId = id;
   *code = newCode;
@@ -84,7 +76,7 @@ bool VerifyCodeStore::redeem(const std::string& challengeId, const std::string& 
     // guessed at; taken atomically, so two gateways cannot both accept it.
     if (!stateStore()->takeChallenge(challengeId, now(), kLifetime, &code)) return false;
   } catch (const StateStoreError& e) {
-    unavailable("redeem", e);
+    throwStateUnavailable("VerifyCodeStore", "redeem", e);
   }
   std::string normalized = answer;
   for (char& c : normalized) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
@@ -95,7 +87,7 @@ size_t VerifyCodeStore::size() {
   try {
     return stateStore()->challengeCount();
   } catch (const StateStoreError& e) {
-    unavailable("size", e);
+    throwStateUnavailable("VerifyCodeStore", "size", e);
   }
 }
 
@@ -103,7 +95,7 @@ void VerifyCodeStore::clear() {
   try {
     stateStore()->clearChallenges();
   } catch (const StateStoreError& e) {
-    unavailable("clear", e);
+    throwStateUnavailable("VerifyCodeStore", "clear", e);
   }
 }
 

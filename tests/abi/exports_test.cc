@@ -7,28 +7,16 @@
 #include <string>
 #include <vector>
 
-namespace {
+#include "command_lines.h"
 
-std::vector<std::string> run(const std::string& command) {
-  std::vector<std::string> lines;
-  FILE* p = popen(command.c_str(), "r");
-  if (p == nullptr) return lines;
-  char buf[4096];
-  while (fgets(buf, sizeof(buf), p) != nullptr) {
-    std::string line(buf);
-    while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.pop_back();
-    lines.push_back(line);
-  }
-  pclose(p);
-  return lines;
-}
+namespace {
 
 // "0000000000012345 T name" -> name (the rest of the line, demangled or not).
 std::vector<std::string> definedSymbols(bool demangle) {
   std::vector<std::string> names;
   const std::string cmd = std::string("nm -D --defined-only ") + (demangle ? "-C " : "") + "'" +
                           NOX_PLUGIN_PATH + "' 2>/dev/null";
-  for (const std::string& line : run(cmd)) {
+  for (const std::string& line : commandLines(cmd)) {
     if (line.size() < 19) continue;
     names.push_back(line.substr(19));
   }

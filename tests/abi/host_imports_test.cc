@@ -21,21 +21,9 @@
 #include <string>
 #include <vector>
 
-namespace {
+#include "command_lines.h"
 
-std::vector<std::string> run(const std::string& command) {
-  std::vector<std::string> lines;
-  FILE* p = popen(command.c_str(), "r");
-  if (p == nullptr) return lines;
-  char buf[8192];
-  while (fgets(buf, sizeof(buf), p) != nullptr) {
-    std::string line(buf);
-    while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.pop_back();
-    lines.push_back(line);
-  }
-  pclose(p);
-  return lines;
-}
+namespace {
 
 std::string shellQuoted(const std::string& path) { return "'" + path + "'"; }
 
@@ -55,8 +43,8 @@ std::string readable(const std::string& mangled) {
 
 // Symbols a sanitizer or coverage build adds; never the host's.
 bool isToolSymbol(const std::string& name) {
-  for (const char* prefix : {"__asan", "__ubsan", "__tsan", "__lsan", "__msan", "__sanitizer",
-                             "__sancov"}) {
+  for (const char* prefix :
+       {"__asan", "__ubsan", "__tsan", "__lsan", "__msan", "__sanitizer", "__sancov"}) {
     if (name.compare(0, std::char_traits<char>::length(prefix), prefix) == 0) return true;
   }
   return false;
@@ -66,7 +54,8 @@ bool isToolSymbol(const std::string& name) {
 // except the host library itself.
 std::set<std::string> systemLibrarySymbols() {
   std::set<std::string> names;
-  for (const std::string& line : run("ldd " + shellQuoted(NOX_PLUGIN_PATH) + " 2>/dev/null")) {
+  for (const std::string& line :
+       commandLines("ldd " + shellQuoted(NOX_PLUGIN_PATH) + " 2>/dev/null")) {
     // "\tlibjsoncpp.so.25 => /lib/x86_64-linux-gnu/libjsoncpp.so.25 (0x...)"
     const size_t arrow = line.find("=> ");
     if (arrow == std::string::npos) continue;
@@ -76,7 +65,8 @@ std::set<std::string> systemLibrarySymbols() {
     std::string path;
     rest >> path;
     if (path.empty() || path[0] != '/') continue;
-    for (const std::string& def : run("nm -D --defined-only " + shellQuoted(path) + " 2>/dev/null")) {
+    for (const std::string& def :
+         commandLines("nm -D --defined-only " + shellQuoted(path) + " 2>/dev/null")) {
       std::istringstream fields(def);
       std::string address, type, name;
       fields >> address >> type >> name;
@@ -93,7 +83,7 @@ std::set<std::string> hostImports() {
   const std::set<std::string> system = systemLibrarySymbols();
   std::set<std::string> host;
   for (const std::string& line :
-       run("nm -D --undefined-only " + shellQuoted(NOX_PLUGIN_PATH) + " 2>/dev/null")) {
+       commandLines("nm -D --undefined-only " + shellQuoted(NOX_PLUGIN_PATH) + " 2>/dev/null")) {
     std::istringstream fields(line);
     std::string type, name;
     fields >> type >> name;
@@ -151,7 +141,8 @@ TEST(HostImportsTest, PluginImportsOnlyDeclaredHostSymbols) {
   // Listed entries the build does not import (an optimisation may call a
   // slot directly or not): only reported, the list is what may be imported.
   for (const auto& entry : declared) {
-    if (imports.count(entry.first) == 0) std::printf("listed, not imported: %s\n", entry.first.c_str());
+    if (imports.count(entry.first) == 0)
+      std::printf("listed, not imported: %s\n", entry.first.c_str());
   }
 }
 
