@@ -3,6 +3,7 @@
 #include <exception>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "backend_protocol.h"
 #include "request_cells.h"
@@ -100,3 +101,7 @@ long long SimulatedBackend::handle(const TlvCall& call, const CR3MPackageV3& req
 bool SimulatedBackend::firstStart() const { return impl_->firstStart; }
 
 std::string SimulatedBackend::demoPassword() const { return impl_->demoPassword; }
+
+std::vector<std::string> SimulatedBackend::stagingFolders() const {
+  return {impl_->tmpDir, impl_->crlIncomingDir};
+}
