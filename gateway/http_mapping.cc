@@ -298,6 +298,9 @@ HttpOutput Dispatcher::handle(const HttpInput& in) const {
       if (path == "/healthz") {
         Json::Value ok(Json::objectValue);
         ok["status"] = "ok";
+        if (options_.backendReachable) {
+          ok["backend"] = options_.backendReachable() ? "reachable" : "unreachable";
+        }
         return jsonOutput(200, ok);
       }
       HttpOutput out;

@@ -67,6 +67,9 @@ struct DispatchOptions {
   size_t maxBody = size_t{2} * 1024 * 1024;  // bytes of JSON body or of all file parts together
   std::string openApi;                       // the text served at GET /openapi.json
   size_t maxActive = 0;  // operations running at once (others wait in line); 0: no limit
+  // Whether the backend answers, for GET /healthz ("backend": "reachable" or
+  // "unreachable"); unset: /healthz has no "backend" member.
+  std::function<bool()> backendReachable;
 };
 
 // The name of the session cookie.
