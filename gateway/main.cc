@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "access_log.h"
+#include "data_folder.h"
 #include "http_mapping.h"
 #include "http_server.h"
 #include "options.h"
@@ -41,12 +42,6 @@ namespace {
 const char kVersion[] = "nox-gateway 1.0.0";
 // How long GET /healthz waits for nox-backend to answer its ping.
 constexpr int kHealthProbeMs = 1000;
-
-// The text of an error number (strerror_r: strerror is not thread-safe).
-std::string errnoText(int error) {
-  char buffer[256];
-  return strerror_r(error, buffer, sizeof(buffer));
-}
 
 void fail(const std::string& text) { fprintf(stderr, "nox-gateway: %s\n", text.c_str()); }
 
@@ -181,6 +176,21 @@ int main(int argc, char** argv) {
       fail(error);
       return 2;
     }
+    // Uploads wait in <data>/staging until they go to the backend with the
+    // request that names them; leftovers of an earlier run are removed.
+    const std::string staging = dataDir + "/staging";
+    if (!makeFolders(staging, &error)) {
+      fail("cannot make the upload folder " + staging + ": " + error);
+      return 1;
+    }
+    emptyFolder(staging);
+    char* real = realpath(staging.c_str(), nullptr);
+    if (real == nullptr) {
+      fail("cannot resolve " + staging + ": " + errnoText(errno));
+      return 1;
+    }
+    remoteOptions.localStagingDir = real;
+    free(real);  // NOLINT(cppcoreguidelines-no-malloc): realpath's own allocation
     std::shared_ptr<RemoteBackend> remote = RemoteBackend::create(remoteOptions);
     backendReachable = [remote] { return remote->reachable(kHealthProbeMs); };
     installTlvBackend(remote);

@@ -8,11 +8,9 @@
 #include <climits>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 #include <string>
 
 #include "qpn_debug_kit.h"
-#include "tlv_backend.h"
 
 namespace {
 
@@ -33,12 +31,6 @@ int writeFailed(const char* path, const char* step) {
 int writeFile(const char* path, const char* data, unsigned int length) {
   if (path == nullptr || *path == '\0' || (data == nullptr && length > 0)) return -1;
   const std::string target(path);
-  // An upload staged for a backend in another process goes to that backend,
-  // which may not share this machine's files.
-  if (std::shared_ptr<TlvBackend> backend = currentTlvBackend()) {
-    const long long staged = backend->stageFile(target, data, length);
-    if (staged != TlvBackend::kNotStaged) return staged < 0 ? -1 : static_cast<int>(staged);
-  }
   const std::string temp = target + ".part." + std::to_string(getpid());
   const int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (fd < 0) return writeFailed(path, "open");

@@ -1,7 +1,9 @@
 #include "remote_backend.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 
 #include "qpn_debug_kit.h"
@@ -10,8 +12,36 @@ namespace {
 
 constexpr int kModule = 2;
 constexpr char kFunction[] = "RemoteBackend";
-// The time-out of a call that gives none, and of a staged upload.
+// The time-out of a call that gives none.
 constexpr long long kDefaultTimeoutMs = 30000;
+// Uploads named to the host but not yet sent that are remembered at most.
+constexpr size_t kMaxStaged = 4096;
+
+// The text of a text cell (up to its first zero byte); "" for other cells.
+std::string cellText(const CTLVCell& cell) {
+  if (cell.getType() != CTLVCell::TLV_STRING || cell.data() == nullptr) return std::string();
+  const char* text = reinterpret_cast<const char*>(cell.data());
+  size_t n = 0;
+  while (n < cell.getLength() && text[n] != '\0') ++n;
+  return std::string(text, n);
+}
+
+// The whole file at `path` in *bytes; false when it cannot be read.
+bool readWhole(const std::string& path, std::string* bytes) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+  if (fd < 0) return false;
+  bytes->clear();
+  char buffer[65536];
+  for (;;) {
+    const ssize_t n = read(fd, buffer, sizeof(buffer));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      close(fd);
+      return n == 0;
+    }
+    bytes->append(buffer, static_cast<size_t>(n));
+  }
+}
 
 // The folder part of `path` when its last part is a plain name (not "." or
 // "..", no empty name); "" otherwise.
@@ -213,10 +243,17 @@ long long RemoteBackend::handle(const TlvCall& call, const CR3MPackageV3& reques
   const unsigned command = request.size() > 0 ? request.recordAt(0).command() : 0;
   const wiresock::Deadline deadline =
       wiresock::deadlineIn(call.timeout > 0 ? call.timeout * 1000LL : kDefaultTimeoutMs);
+  CR3MPackageV3 translated;
+  bool changed = false;
+  if (!options_.localStagingDir.empty()) {
+    const long long code = sendStaged(request, deadline, &translated, &changed);
+    if (code != 0) return code;
+  }
   std::string answer;
   std::string why;
-  const Failure failure = exchange(tlvwire::FrameKind::kCall, tlvwire::callBody(call, request),
-                                   tlvwire::FrameKind::kCallReply, deadline, &answer, &why);
+  const Failure failure =
+      exchange(tlvwire::FrameKind::kCall, tlvwire::callBody(call, changed ? translated : request),
+               tlvwire::FrameKind::kCallReply, deadline, &answer, &why);
   CQPNDebugKitGuard guard(kModule, kFunction);
   if (failure == Failure::kTimeout) {
     guard.error(0, kFunction, __LINE__,
@@ -237,47 +274,99 @@ long long RemoteBackend::handle(const TlvCall& call, const CR3MPackageV3& reques
                 address().c_str(), command, error.c_str());
     return kErrBackendFailure;
   }
+  if (code == 0 && !options_.localStagingDir.empty()) localizePaths(reply);
   return code;
 }
 
-bool RemoteBackend::staged(const std::string& path) {
-  const std::string parent = plainParent(path);
-  if (parent.empty()) return false;
-  std::lock_guard<std::mutex> lock(mutex_);
-  for (const std::string& dir : stagingDirs_) {
-    if (dir == parent) return true;
+long long RemoteBackend::sendStaged(const CR3MPackageV3& request, wiresock::Deadline deadline,
+                                    CR3MPackageV3* sent, bool* changed) {
+  for (size_t r = 0; r < request.size(); ++r) {
+    const CR3MRecordV3& record = request.recordAt(r);
+    for (size_t c = 0; c < record.cellCount(); ++c) {
+      const std::string local = cellText(record.cellAt(c));
+      if (local.empty() || plainParent(local) != options_.localStagingDir) continue;
+      const std::string name = local.substr(local.rfind('/') + 1);
+      std::string remote;
+      {
+        std::lock_guard<std::mutex> lock(mutex_);
+        auto it = staged_.find(name);
+        if (it == staged_.end()) continue;  // not one of ours: the backend judges it
+        remote = it->second;
+        staged_.erase(it);
+      }
+      std::string bytes;
+      const bool present = readWhole(local, &bytes);
+      // The upload is used once, whatever happens next.
+      unlink(local.c_str());
+      // A file that was never written is the backend's to report missing.
+      if (present) {
+        const long long code = storeRemote(remote, bytes, deadline);
+        if (code != 0) return code;
+      }
+      if (!*changed) {
+        *sent = request;
+        *changed = true;
+      }
+      const unsigned short tag = record.cellAt(c).getTag();
+      (*sent)[r][tag].setString(tag, remote);
+    }
   }
-  return false;
+  return 0;
 }
 
-long long RemoteBackend::stageFile(const std::string& path, const char* data,
-                                   unsigned int length) {
-  if (!staged(path)) return kNotStaged;
+void RemoteBackend::localizePaths(CR3MPackageV3& reply) {
+  for (size_t r = 0; r < reply.size(); ++r) {
+    CR3MRecordV3& record = reply[r];
+    for (size_t c = 0; c < record.cellCount(); ++c) {
+      const std::string remote = cellText(record.cellAt(c));
+      const std::string parent = remote.empty() ? std::string() : plainParent(remote);
+      if (parent.empty()) continue;
+      const std::string name = remote.substr(remote.rfind('/') + 1);
+      {
+        std::lock_guard<std::mutex> lock(mutex_);
+        bool staging = false;
+        for (const std::string& dir : stagingDirs_) staging = staging || dir == parent;
+        if (!staging) continue;
+        // Bounded: uploads that were never checked are forgotten in bulk.
+        if (staged_.size() >= kMaxStaged) staged_.clear();
+        staged_[name] = remote;
+      }
+      const unsigned short tag = record.cellAt(c).getTag();
+      record[tag].setString(tag, options_.localStagingDir + "/" + name);
+    }
+  }
+}
+
+long long RemoteBackend::storeRemote(const std::string& path, const std::string& bytes,
+                                     wiresock::Deadline deadline) {
   CQPNDebugKitGuard guard(kModule, kFunction);
-  if (length > tlvwire::kMaxFrameBytes - tlvwire::kHeaderBytes - 8 - path.size()) {
-    guard.error(0, kFunction, __LINE__, "backend %s: upload %s of %u bytes is beyond a frame",
-                address().c_str(), path.c_str(), length);
-    return -1;
+  if (bytes.size() > tlvwire::kMaxFrameBytes - tlvwire::kHeaderBytes - 8 - path.size()) {
+    guard.error(0, kFunction, __LINE__, "backend %s: upload %s of %zu bytes is beyond a frame",
+                address().c_str(), path.c_str(), bytes.size());
+    return kErrBackendFailure;
   }
   std::string answer;
   std::string why;
   const Failure failure = exchange(tlvwire::FrameKind::kStoreFile,
-                                   tlvwire::storeFileBody(path, data, length),
-                                   tlvwire::FrameKind::kStoreReply,
-                                   wiresock::deadlineIn(kDefaultTimeoutMs), &answer, &why);
+                                   tlvwire::storeFileBody(path, bytes.data(), bytes.size()),
+                                   tlvwire::FrameKind::kStoreReply, deadline, &answer, &why);
   if (failure != Failure::kNone) {
-    guard.error(0, kFunction, __LINE__, "backend %s: cannot store the upload %s: %s",
+    guard.error(0, kFunction, __LINE__, "backend %s not available for the upload %s: %s",
                 address().c_str(), path.c_str(), why.c_str());
-    return -1;
+    return failure == Failure::kTimeout ? kErrBackendTimeout : kErrBackendUnavailable;
   }
   long long code = 0;
   std::string error;
-  if (!tlvwire::parseCodeBody(answer, &code, &error) || code != 0) {
-    guard.error(0, kFunction, __LINE__, "backend %s refused the upload %s (code 0x%08llX) %s",
-                address().c_str(), path.c_str(), code, error.c_str());
-    return -1;
+  if (!tlvwire::parseCodeBody(answer, &code, &error)) {
+    guard.error(0, kFunction, __LINE__, "backend %s: unreadable answer to the upload %s: %s",
+                address().c_str(), path.c_str(), error.c_str());
+    return kErrBackendFailure;
   }
-  return length;
+  if (code != 0) {
+    guard.error(0, kFunction, __LINE__, "backend %s refused the upload %s (code 0x%08llX)",
+                address().c_str(), path.c_str(), code);
+  }
+  return code;
 }
 
 bool RemoteBackend::reachable(int timeoutMs) {

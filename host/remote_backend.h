@@ -16,9 +16,14 @@
 // (TlvCall::timeout seconds, 30 when it gives none) gives kErrBackendTimeout.
 // Each is logged at error level (trace module 2, function "RemoteBackend").
 //
-// Uploads: stageFile() sends the bytes of a path inside one of the backend's
-// staging folders (named by the backend when a connection opens) to the
-// backend, which writes the file on its own machine.
+// Uploads: the backend hands out paths in its staging folders (named by the
+// backend when a connection opens) for the host to write an upload to, and
+// later checks the file at that path. The backend's folders may be on
+// another machine, so with options.localStagingDir set such a path in a
+// reply becomes the same name in the local folder, where the host writes it;
+// when a later request names that local path, the file goes to the backend
+// first ("store file" frame) and the request names the backend's path again.
+// The local copy is removed once sent.
 //
 // Thread-safety: every method may be called from any thread at once.
 #ifndef NOX_HOST_REMOTE_BACKEND_H_
@@ -26,6 +31,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -41,6 +47,9 @@ struct RemoteBackendOptions {
   int port = 0;
   int poolSize = 16;           // connections kept at most
   int connectTimeoutMs = 2000;  // longest wait for a connection to open
+  // An existing local folder for uploads on their way to the backend; "":
+  // paths pass unchanged (the backend's staging folders are shared).
+  std::string localStagingDir;
 };
 
 class HOST_API RemoteBackend : public TlvBackend {
@@ -59,7 +68,6 @@ class HOST_API RemoteBackend : public TlvBackend {
   // TlvBackend
   long long handle(const TlvCall& call, const CR3MPackageV3& request,
                    CR3MPackageV3& reply) override;
-  long long stageFile(const std::string& path, const char* data, unsigned int length) override;
 
   // True when the backend answers a ping within `timeoutMs`.
   bool reachable(int timeoutMs);
@@ -80,7 +88,15 @@ class HOST_API RemoteBackend : public TlvBackend {
   // One request frame and its answer of kind `want` on a pooled connection.
   Failure exchange(tlvwire::FrameKind kind, const std::string& body, tlvwire::FrameKind want,
                    wiresock::Deadline deadline, std::string* answer, std::string* why);
-  bool staged(const std::string& path);
+  // Sends the local files that `request` names to the backend; *sent gets
+  // the request with the backend's paths. Returns 0 or a failure code.
+  long long sendStaged(const CR3MPackageV3& request, wiresock::Deadline deadline,
+                       CR3MPackageV3* sent, bool* changed);
+  // Turns paths in the backend's staging folders into local ones.
+  void localizePaths(CR3MPackageV3& reply);
+  // Stores `bytes` at the backend's `path`; 0 or a failure code.
+  long long storeRemote(const std::string& path, const std::string& bytes,
+                        wiresock::Deadline deadline);
 
   const RemoteBackendOptions options_;
   std::atomic<uint32_t> nextCallId_{1};
@@ -89,6 +105,8 @@ class HOST_API RemoteBackend : public TlvBackend {
   std::vector<int> idle_;                  // guarded by mutex_
   int open_ = 0;                           // connections idle or in use; guarded by mutex_
   std::vector<std::string> stagingDirs_;  // guarded by mutex_
+  // Local upload name -> the backend's path for it; guarded by mutex_.
+  std::map<std::string, std::string> staged_;
 };
 
 #endif  // NOX_HOST_REMOTE_BACKEND_H_

@@ -31,18 +31,6 @@ class HOST_API TlvBackend {
   // Returns 0 and fills `reply`, or returns the backend's error code.
   virtual long long handle(const TlvCall& call, const CR3MPackageV3& request,
                            CR3MPackageV3& reply) = 0;
-
-  // Stores the `length` bytes at `data` that the host's writeFile() is asked
-  // to write at `path`, where this backend reads them: a backend in another
-  // process (on another machine) takes its uploads this way. Returns the
-  // bytes stored, -1 on failure (logged), or kNotStaged when `path` is not
-  // this backend's to take, and writeFile writes the local file as always.
-  // The default takes nothing.
-  virtual long long stageFile(const std::string& /*path*/, const char* /*data*/,
-                              unsigned int /*length*/) {
-    return kNotStaged;
-  }
-  static constexpr long long kNotStaged = -2;
 };
 
 // Error codes of the messaging layer itself.
@@ -53,8 +41,5 @@ constexpr long long kErrBackendFailure = 0x03000103;      // the backend threw
 // Installs `backend` for every later sendMessage; null uninstalls. Returns
 // the backend it replaces. Calls already running keep the one they started with.
 HOST_API std::shared_ptr<TlvBackend> installTlvBackend(std::shared_ptr<TlvBackend> backend);
-
-// The installed backend, or null.
-HOST_API std::shared_ptr<TlvBackend> currentTlvBackend();
 
 #endif  // NOX_HOST_TLV_BACKEND_H_

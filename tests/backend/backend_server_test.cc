@@ -54,30 +54,58 @@ TEST_F(BackendServerTest, AnswersAsTheBackendInProcess) {
   EXPECT_EQ(remoteSend(0x12345678, nullptr), proto::kErrUnknownCommand);
 }
 
-TEST_F(BackendServerTest, UploadsAreStoredOnTheBackendsSide) {
+TEST_F(BackendServerTest, UploadsGoToTheBackendWithTheRequestThatNamesThem) {
+  // The path handed to the host is in the local folder, under the backend's
+  // name for it.
   CR3MPackageV3 reply;
   ASSERT_EQ(remoteSend(proto::kCertTempPath, importTarget, &reply), 0);
-  const std::string path = textCell(reply, 0, proto::kTagPath);
-  const std::string pem = makeCert(CertProfile()).pem();
-  EXPECT_EQ(remote_->stageFile(path, pem.data(), static_cast<unsigned>(pem.size())),
-            static_cast<long long>(pem.size()));
-  EXPECT_TRUE(fileExists(path));
+  const std::string local = textCell(reply, 0, proto::kTagPath);
+  EXPECT_EQ(local.rfind(localStaging_ + "/cert-", 0), 0u) << local;
+  EXPECT_EQ(local.size(), localStaging_.size() + std::string("/cert-.upload").size() + 32);
+
+  const TestCert ca = makeCert(CertProfile());
+  const std::string pem = ca.pem();
+  std::string stagedAt;
+  EXPECT_EQ(remoteImport(proto::kCertTempPath, proto::kCertCheck, pem, &stagedAt), 0);
+  EXPECT_FALSE(fileExists(stagedAt)) << "the local copy is removed once sent";
+  EXPECT_EQ(folderNames(dataDir() + "/ca").size(), 1u);
+  EXPECT_TRUE(folderNames(dataDir() + "/tmp").empty());
+  EXPECT_EQ(remoteImport(proto::kCrlImportPath, proto::kCrlSave, makeCrl(ca, 86400, {1})), 0);
+  EXPECT_EQ(folderNames(dataDir() + "/crl").size(), 2u);  // the CRL and incoming/
+
+  // A path the backend never handed out is passed unchanged, and refused by
+  // the backend as outside its folders.
   EXPECT_EQ(remoteSend(proto::kCertCheck,
                        [&](CR3MRecordV3& r) {
                          importTarget(r);
-                         r[proto::kTagPath].setString(proto::kTagPath, path);
+                         r[proto::kTagPath].setString(proto::kTagPath,
+                                                      localStaging_ + "/cert-unknown.upload");
                        }),
-            0);
-  EXPECT_EQ(folderNames(dataDir() + "/ca").size(), 1u);
+            proto::kErrInvalidArgument);
+  // A path handed out but never written: the backend reports it missing.
+  ASSERT_EQ(remoteSend(proto::kCertTempPath, importTarget, &reply), 0);
+  const std::string unwritten = textCell(reply, 0, proto::kTagPath);
+  EXPECT_EQ(remoteSend(proto::kCertCheck,
+                       [&](CR3MRecordV3& r) {
+                         importTarget(r);
+                         r[proto::kTagPath].setString(proto::kTagPath, unwritten);
+                       }),
+            proto::kErrNotFound);
+}
 
-  // Paths outside the staging folders are not the remote backend's: the
-  // host writes them itself.
-  const char byte = 'x';
-  for (const std::string& other :
-       {dataDir() + "/nox.db", dataDir() + "/tmp/../nox.db", dataDir() + "/tmp/",
-        std::string("/etc/passwd"), std::string("relative/tmp/x"), std::string()}) {
-    EXPECT_EQ(remote_->stageFile(other, &byte, 1), TlvBackend::kNotStaged) << other;
-  }
+TEST_F(BackendServerTest, AnUploadWhoseBackendIsGoneIsNotAvailable) {
+  CR3MPackageV3 reply;
+  ASSERT_EQ(remoteSend(proto::kCertTempPath, importTarget, &reply), 0);
+  const std::string local = textCell(reply, 0, proto::kTagPath);
+  writeText(local, makeCert(CertProfile()).pem());
+  server_->stop();
+  EXPECT_EQ(remoteSend(proto::kCertCheck,
+                       [&](CR3MRecordV3& r) {
+                         importTarget(r);
+                         r[proto::kTagPath].setString(proto::kTagPath, local);
+                       }),
+            kErrBackendUnavailable);
+  EXPECT_FALSE(fileExists(local)) << "the upload is used once, whatever happens";
 }
 
 TEST_F(BackendServerTest, StoreFramesOutsideTheStagingFoldersAreRefused) {

@@ -1,6 +1,6 @@
 // RemoteBackendTest: a fresh simulated backend (BackendTest) served by a
 // BackendServer on a free loopback port, and a RemoteBackend that reaches it
-// the way a gateway does.
+// the way a gateway does, with a local upload folder of its own.
 //
 //   TEST_F(RemoteBackendTest, Something) {
 //     CR3MPackageV3 reply;
@@ -51,6 +51,13 @@ class RemoteBackendTest : public BackendTest {
   long long remoteSend(uint32_t command, const Fill& fill, CR3MPackageV3* reply = nullptr,
                        int timeout = 30);
 
+  // An import through remote_ as the plug-in makes it: asks for the path,
+  // writes `bytes` there (the local staging folder), asks for the check.
+  // Returns the first failing code or the check's; *stagedAt gets the path.
+  long long remoteImport(uint32_t pathCommand, uint32_t checkCommand, const std::string& bytes,
+                         std::string* stagedAt = nullptr);
+
+  std::string localStaging_;  // the gateway side's upload folder (absolute)
   std::unique_ptr<RunningServer> server_;
   std::shared_ptr<RemoteBackend> remote_;
 };

@@ -2,10 +2,12 @@
 // nox-backend. Logins, task reads and uploads through it; the backend
 // killed and started again under a running gateway; two gateways sharing one
 // backend.
+#include <dirent.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
+#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
@@ -35,6 +37,18 @@ void expectImported(const httplib::Result& res) {
   ASSERT_TRUE(res) << "no answer";
   EXPECT_EQ(res->status, 200) << res->body;
   EXPECT_EQ(res->body, kImported);
+}
+
+// The number of entries in folder `dir` (-1 when it cannot be read).
+int entries(const std::string& dir) {
+  DIR* d = opendir(dir.c_str());
+  if (d == nullptr) return -1;
+  int n = 0;
+  while (const struct dirent* e = readdir(d)) {
+    if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0) ++n;
+  }
+  closedir(d);
+  return n;
 }
 
 std::string health(httplib::Client& client) {
@@ -97,6 +111,12 @@ TEST_F(RemoteBackendE2E, LoginTasksAndAnUploadThroughNoxBackend) {
   expectImported(upload(*client, token, "/kestrel_cert/import_cert", "ca.pem", ca));
   EXPECT_NE(backend_.traceLog().find("CA CN=NOX Remote CA accepted"), std::string::npos)
       << backend_.traceLog();
+  // The gateway staged the upload in its own folder and sent it on with the
+  // check: nothing is left there, and the plug-in's steps on the local file
+  // (its mode) found it.
+  EXPECT_EQ(entries(gateways_.back()->dataDir() + "/data/staging"), 0);
+  EXPECT_EQ(gateways_.back()->traceLog().find("filepermission failed"), std::string::npos)
+      << gateways_.back()->traceLog();
   EXPECT_EQ(gateways_.back()->traceLog().find(" ERROR "), std::string::npos)
       << gateways_.back()->traceLog();
 }
