@@ -88,7 +88,6 @@ CREATE TABLE IF NOT EXISTS crls(
 }  // namespace
 
 using simbackend::nowSeconds;
-using simbackend::storeWait;
 
 bool SimulatedBackend::Impl::openStore(const SimBackendOptions& options, std::string* error) {
   if (!makeFolders(options.dataDir, error)) return false;

@@ -50,7 +50,7 @@ std::string plainParent(const std::string& path) {
   if (slash == std::string::npos || slash == 0) return std::string();
   const std::string name = path.substr(slash + 1);
   if (name.empty() || name == "." || name == "..") return std::string();
-  const std::string parent = path.substr(0, slash);
+  std::string parent = path.substr(0, slash);
   // The staging folders are absolute and plain; a parent with dot parts
   // never equals one of them, and the backend checks again anyway.
   if ((parent + "/").find("/./") != std::string::npos ||
