@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "remote_backend.h"
+
 namespace gw {
 
 namespace {
@@ -80,7 +82,8 @@ bool parseOptions(const std::vector<std::string>& args, GatewayOptions* options,
     } else if (name == "--data") {
       options->dataDir = value;
     } else if (name == "--backend") {
-      if (value.compare(0, 6, "tcp://") != 0) {
+      RemoteBackendOptions address;
+      if (!RemoteBackend::parseAddress(value, &address, error)) {
         *error = "--backend wants tcp://HOST:PORT, not '" + value + "'";
         return false;
       }
