@@ -9,6 +9,7 @@
 #include <condition_variable>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "remote_fixture.h"
 #include "test_pki.h"
@@ -162,6 +163,58 @@ TEST_F(BackendServerTest, BadFramesCloseTheirConnectionWithALogLine) {
   // The server serves on.
   EXPECT_EQ(remoteSend(static_cast<uint32_t>(proto::kAlarmCount), nullptr), 0);
   EXPECT_TRUE(remote_->reachable(5000));
+}
+
+// Says hello on `fd` and reads the answer; true when it came.
+bool greeted(int fd) {
+  if (wiresock::sendAll(fd, tlvwire::frame(tlvwire::FrameKind::kHello, 5, std::string()),
+                        wiresock::deadlineIn(10000)) != wiresock::IoResult::kOk) {
+    return false;
+  }
+  tlvwire::FrameHeader header;
+  std::string body;
+  std::string error;
+  return wiresock::readFrame(fd, wiresock::deadlineIn(30000), wiresock::deadlineIn(30000), &header,
+                             &body, &error) == wiresock::IoResult::kOk &&
+         header.kind == tlvwire::FrameKind::kHelloReply && header.callId == 5;
+}
+
+TEST_F(BackendServerTest, ManyConnectionsAtOnceAndTheLimit) {
+  // 64 connections open together, each served.
+  std::vector<int> fds;
+  for (int i = 0; i < 64; ++i) {
+    std::string error;
+    const int fd = wiresock::connectTcp("127.0.0.1", server_->port(), 5000, &error);
+    ASSERT_GE(fd, 0) << error;
+    fds.push_back(fd);
+  }
+  int served = 0;
+  for (int fd : fds) served += greeted(fd) ? 1 : 0;
+  EXPECT_EQ(served, 64);
+  for (int fd : fds) close(fd);
+
+  // A server for two: the third connection is closed at once, with a line.
+  TraceCapture trace(TraceLevel::kWarn);
+  RunningServer small(backend_, backend_->stagingFolders(), 0, 2);
+  ASSERT_GT(small.port(), 0) << small.error();
+  std::string error;
+  const int first = wiresock::connectTcp("127.0.0.1", small.port(), 5000, &error);
+  const int second = wiresock::connectTcp("127.0.0.1", small.port(), 5000, &error);
+  ASSERT_TRUE(first >= 0 && second >= 0) << error;
+  // Both are taken in before the third arrives: each has been answered.
+  EXPECT_TRUE(greeted(first));
+  EXPECT_TRUE(greeted(second));
+  const int third = wiresock::connectTcp("127.0.0.1", small.port(), 5000, &error);
+  ASSERT_GE(third, 0) << error;
+  EXPECT_TRUE(closedByServer(third));
+  bool logged = false;
+  for (const std::string& line : trace.logs(TraceLevel::kWarn)) {
+    logged = logged || (line.find("closing the connection from 127.0.0.1:") == 0 &&
+                        line.find(": already 2 connections") != std::string::npos);
+  }
+  EXPECT_TRUE(logged) << trace.dump();
+  EXPECT_TRUE(greeted(first)) << "the connections within the limit serve on";
+  for (int fd : {first, second, third}) close(fd);
 }
 
 TEST_F(BackendServerTest, StoppedBackendIsUnavailableUntilItIsBack) {

@@ -5,9 +5,11 @@
 #include <cstdlib>
 
 RunningServer::RunningServer(std::shared_ptr<TlvBackend> backend,
-                             std::vector<std::string> stagingDirs, int port) {
+                             std::vector<std::string> stagingDirs, int port,
+                             int maxConnections) {
   BackendServerOptions options;
   options.port = port;
+  options.maxConnections = maxConnections;
   options.stagingDirs = std::move(stagingDirs);
   server_ = std::make_unique<BackendServer>(std::move(backend), options);
   if (!server_->start(&error_)) return;

@@ -20,10 +20,11 @@
 // A BackendServer running on its own thread until stopped or destroyed.
 class RunningServer {
  public:
-  // Serves `backend` on 127.0.0.1:`port` (0: any free port); port() is 0
-  // when it could not start (error() says why).
+  // Serves `backend` on 127.0.0.1:`port` (0: any free port) to at most
+  // `maxConnections` at once; port() is 0 when it could not start (error()
+  // says why).
   RunningServer(std::shared_ptr<TlvBackend> backend, std::vector<std::string> stagingDirs,
-                int port = 0);
+                int port = 0, int maxConnections = 256);
   ~RunningServer() { stop(); }
   RunningServer(const RunningServer&) = delete;
   RunningServer& operator=(const RunningServer&) = delete;
