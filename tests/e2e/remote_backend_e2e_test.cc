@@ -126,6 +126,11 @@ TEST_F(RemoteBackendE2E, BackendKilledAndStartedAgainUnderARunningGateway) {
   ASSERT_TRUE(client);
   const std::string token = loginToken(*client, backend_.password());
   ASSERT_FALSE(token.empty());
+  // A CA accepted before the crash is kept: its CRL is accepted after it.
+  const TestKey keptKey = TestKey::rsa(2048);
+  const std::string kept =
+      makeCertificate(keptKey, "NOX Kept CA", true, -60, 30 * 86400, nullptr, nullptr);
+  expectImported(upload(*client, token, "/kestrel_cert/import_cert", "kept.pem", kept));
 
   // Requests keep coming from a second client while the backend dies: each
   // gets its answer or the clear "not available" envelope, nothing else.
@@ -168,6 +173,8 @@ TEST_F(RemoteBackendE2E, BackendKilledAndStartedAgainUnderARunningGateway) {
   const std::string ca =
       makeCertificate(caKey, "NOX After Restart CA", true, -60, 30 * 86400, nullptr, nullptr);
   expectImported(upload(*client, token, "/kestrel_cert/import_cert", "ca.pem", ca));
+  expectImported(
+      upload(*client, token, "/kestrel_cert/import_crl", "kept.crl", makeCrl(keptKey, kept, 86400)));
 
   done.store(true);
   traffic.join();
