@@ -27,11 +27,12 @@ TEST(GatewayE2E, HealthzAnswersWithoutSession) {
   EXPECT_EQ(res->get_header_value("Content-Type"), "application/json");
   EXPECT_EQ(parseJson(res->body)["status"].asString(), "ok");
   // The backend in process is always reachable.
-  EXPECT_EQ(res->body, "{\"backend\":\"reachable\",\"status\":\"ok\"}");
+  EXPECT_EQ(parseJson(res->body)["backend"].asString(), "reachable") << res->body;
+  const std::string bodyBytes = std::to_string(res->body.size());
   expectEnvelope(client.Post("/healthz", "", "application/json"), 405, kErrMethodNotAllowed);
   EXPECT_EQ(gateway.stop(), 0);
   // One access line per request, without a user.
-  EXPECT_NE(gateway.accessLog().find("GET /healthz 200 37 "), std::string::npos)
+  EXPECT_NE(gateway.accessLog().find("GET /healthz 200 " + bodyBytes + " "), std::string::npos)
       << gateway.accessLog();
 }
 
