@@ -13,6 +13,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "tlv_backend.h"
 
@@ -37,6 +38,9 @@ class SimulatedBackend : public TlvBackend {
   // The demo users' password when this start generated or set it; empty on
   // later starts (it is stored only as a salted hash).
   std::string demoPassword() const;
+  // The folders where uploads wait for their check (absolute): the paths
+  // that the certificate and CRL path commands hand out lie directly inside.
+  std::vector<std::string> stagingFolders() const;
 
  private:
   SimulatedBackend();

@@ -331,6 +331,9 @@ HttpOutput Dispatcher::handle(const HttpInput& in) const {
       if (path == "/healthz") {
         Json::Value health(Json::objectValue);
         health["status"] = "ok";
+        if (options_.backendReachable) {
+          health["backend"] = options_.backendReachable() ? "reachable" : "unreachable";
+        }
         const bool ok = !options_.health || options_.health(health);
         if (!ok) health["status"] = "unavailable";
         return jsonOutput(ok ? 200 : 503, health);

@@ -80,6 +80,9 @@ struct DispatchOptions {
   // The web console's files by their path below /console/ ("index.html",
   // "js/app.js"); empty: no console.
   std::map<std::string, std::string> console;
+  // Whether the backend answers, for GET /healthz ("backend": "reachable" or
+  // "unreachable"); unset: /healthz has no "backend" member.
+  std::function<bool()> backendReachable;
 };
 
 // The name of the session cookie.

@@ -1,5 +1,5 @@
 // nox-gateway: the reference gateway. Loads the plug-in, installs the
-// simulated backend and serves the registered routes over HTTP(S) until
+// simulated backend (or reaches nox-backend with --backend) and serves the registered routes over HTTP(S) until
 // SIGINT or SIGTERM. docs/operations.md describes options, files and logs.
 #include <limits.h>
 #include <malloc.h>
@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -20,6 +21,7 @@
 
 #include "access_log.h"
 #include "console_files.h"
+#include "data_folder.h"
 #include "http_mapping.h"
 #include "http_server.h"
 #include "options.h"
@@ -33,6 +35,7 @@
 #include "trace_sink.h"
 #include "login_op.h"
 #include "session_store.h"
+#include "remote_backend.h"
 #include "sim_backend.h"
 
 extern const char kNoxOpenApiText[];  // docs/openapi.json, embedded by the build
@@ -40,12 +43,8 @@ extern const char kNoxOpenApiText[];  // docs/openapi.json, embedded by the buil
 namespace {
 
 const char kVersion[] = "nox-gateway 1.0.0";
-
-// The text of an error number (strerror_r: strerror is not thread-safe).
-std::string errnoText(int error) {
-  char buffer[256];
-  return strerror_r(error, buffer, sizeof(buffer));
-}
+// How long GET /healthz waits for nox-backend to answer its ping.
+constexpr int kHealthProbeMs = 1000;
 
 void fail(const std::string& text) { fprintf(stderr, "nox-gateway: %s\n", text.c_str()); }
 
@@ -172,22 +171,51 @@ int main(int argc, char** argv) {
   sigaddset(&stopSignals, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 
-  SimBackendOptions backendOptions;
-  backendOptions.dataDir = dataDir;
-  backendOptions.initPassword = options.initPassword;
-  std::shared_ptr<SimulatedBackend> backend = SimulatedBackend::open(backendOptions, &error);
-  if (!backend) {
-    fail("cannot open the backend's data folder " + dataDir + ": " + error);
-    return 1;
+  // The backend: nox-backend over TCP, or the simulated one in this process.
+  std::function<bool()> backendReachable;
+  if (!options.backend.empty()) {
+    RemoteBackendOptions remoteOptions;
+    if (!RemoteBackend::parseAddress(options.backend, &remoteOptions, &error)) {
+      fail(error);
+      return 2;
+    }
+    // Uploads wait in <data>/staging until they go to the backend with the
+    // request that names them; leftovers of an earlier run are removed.
+    const std::string staging = dataDir + "/staging";
+    if (!makeFolders(staging, &error)) {
+      fail("cannot make the upload folder " + staging + ": " + error);
+      return 1;
+    }
+    emptyFolder(staging);
+    char* real = realpath(staging.c_str(), nullptr);
+    if (real == nullptr) {
+      fail("cannot resolve " + staging + ": " + errnoText(errno));
+      return 1;
+    }
+    remoteOptions.localStagingDir = real;
+    free(real);  // NOLINT(cppcoreguidelines-no-malloc): realpath's own allocation
+    std::shared_ptr<RemoteBackend> remote = RemoteBackend::create(remoteOptions);
+    backendReachable = [remote] { return remote->reachable(kHealthProbeMs); };
+    installTlvBackend(remote);
+  } else {
+    SimBackendOptions backendOptions;
+    backendOptions.dataDir = dataDir;
+    backendOptions.initPassword = options.initPassword;
+    std::shared_ptr<SimulatedBackend> backend = SimulatedBackend::open(backendOptions, &error);
+    if (!backend) {
+      fail("cannot open the backend's data folder " + dataDir + ": " + error);
+      return 1;
+    }
+    if (backend->firstStart() && !backend->demoPassword().empty()) {
+      printf("demo users admin (scope 0), auditor (scope 1), apiuser (scope 4); password: %s\n",
+             backend->demoPassword().c_str());
+      printf("(the password is printed only at first start; remove %s to start afresh)\n",
+             dataDir.c_str());
+      fflush(stdout);
+    }
+    backendReachable = [] { return true; };
+    installTlvBackend(backend);
   }
-  if (backend->firstStart() && !backend->demoPassword().empty()) {
-    printf("demo users admin (scope 0), auditor (scope 1), apiuser (scope 4); password: %s\n",
-           backend->demoPassword().c_str());
-    printf("(the password is printed only at first start; remove %s to start afresh)\n",
-           dataDir.c_str());
-    fflush(stdout);
-  }
-  installTlvBackend(backend);
 
   if (options.backendTimeout > 0) CRequestUri::setCfgTimeout(options.backendTimeout);
   if (options.sessionIdle > 0) SessionStore::instance().setIdleTimeout(options.sessionIdle);
@@ -244,6 +272,7 @@ int main(int argc, char** argv) {
   dispatchOptions.maxBody = options.maxBody;
   dispatchOptions.openApi = kNoxOpenApiText;
   dispatchOptions.console = gw::embeddedConsoleFiles();
+  dispatchOptions.backendReachable = backendReachable;
   dispatchOptions.maxActive = static_cast<size_t>(
       options.maxActive > 0 ? options.maxActive : defaultMaxActive());
   dispatchOptions.health = [](Json::Value& health) {

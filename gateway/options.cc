@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "remote_backend.h"
+
 namespace gw {
 
 namespace {
@@ -79,6 +81,13 @@ bool parseOptions(const std::vector<std::string>& args, GatewayOptions* options,
       options->home = value;
     } else if (name == "--data") {
       options->dataDir = value;
+    } else if (name == "--backend") {
+      RemoteBackendOptions address;
+      if (!RemoteBackend::parseAddress(value, &address, error)) {
+        *error = "--backend wants tcp://HOST:PORT, not '" + value + "'";
+        return false;
+      }
+      options->backend = value;
     } else if (name == "--init-password") {
       options->initPassword = value;
     } else if (name == "--log") {
@@ -169,7 +178,10 @@ std::string usageText() {
          "  --plugin PATH           the plug-in (default <home>/lib/libucore_nox.so)\n"
          "  --home DIR              installation folder holding bin/, lib/, conf/ (default: the\n"
          "                          folder above the executable's bin/)\n"
-         "  --data DIR              the backend's data folder (default <home>/data)\n"
+         "  --data DIR              the backend's data folder (default <home>/data); with\n"
+         "                          --backend only for the files of --tls-self-signed\n"
+         "  --backend tcp://HOST:PORT  use nox-backend at HOST:PORT instead of the simulated\n"
+         "                          backend in this process\n"
          "  --init-password PW      demo users' password on first start (default: generated)\n"
          "  --log FILE              trace log (default stderr)\n"
          "  --log-level LEVEL       trace, debug, info, warn, error, off (default info)\n"

@@ -18,6 +18,7 @@ struct GatewayOptions {
   std::string plugin;        // "": <bin>/../lib/libucore_nox.so
   std::string home;          // "": the folder above the executable's bin/
   std::string dataDir;       // "": <home>/data
+  std::string backend;       // "": the simulated backend in process; "tcp://HOST:PORT": nox-backend
   std::string initPassword;  // demo users' password on first start
   std::string log;           // trace log file; "": stderr
   std::string logLevel = "info";

@@ -1,7 +1,8 @@
 // The backend behind CTlvMsg::sendMessage.
 //
 // The reference host hands every package sent with CTlvMsg::sendMessage to
-// the installed TlvBackend: the simulated backend in the gateway, a scripted
+// the installed TlvBackend: the simulated backend in the gateway, a
+// RemoteBackend (remote_backend.h) when it runs as nox-backend, a scripted
 // double in tests. A backend answers by filling `reply` and returning 0, or
 // reports a failure by returning a non-zero code, which sendMessage throws as
 // QPNExceptionWithErrCode_ carrying that code.

@@ -28,6 +28,8 @@ TEST(GatewayE2E, HealthzAnswersWithoutSession) {
   EXPECT_EQ(res->get_header_value("Content-Type"), "application/json");
   const Json::Value health = parseJson(res->body);
   EXPECT_EQ(health["status"].asString(), "ok");
+  // The backend in process is always reachable.
+  EXPECT_EQ(health["backend"].asString(), "reachable") << res->body;
   // The state store in use, and whether it answers.
   EXPECT_EQ(health["state"]["store"].asString(), "memory");
   EXPECT_TRUE(health["state"]["reachable"].asBool());

@@ -56,4 +56,51 @@ class GatewayProcess {
   std::string out_;
 };
 
+// BackendProcess: runs the real nox-backend for one end-to-end test on a free
+// loopback port with a fresh data folder; it can be killed and started
+// again on the same port and folder.
+//
+//   BackendProcess backend;
+//   ASSERT_TRUE(backend.start());
+//   gateway.start({"--backend", backend.url()});     // tcp://127.0.0.1:<port>
+//   backend.kill();                                  // SIGKILL, as a crash
+//   ASSERT_TRUE(backend.start());                    // same port, same data
+//   EXPECT_EQ(backend.stop(), 0);
+//
+// Thread-safety: one test thread.
+class BackendProcess {
+ public:
+  BackendProcess();
+  ~BackendProcess();
+  BackendProcess(const BackendProcess&) = delete;
+  BackendProcess& operator=(const BackendProcess&) = delete;
+
+  // Starts nox-backend with "--listen 127.0.0.1:<port> --data <folder>
+  // --init-password <password()> --log <folder>/backend.log": port 0 the
+  // first time, the same port again after kill() or stop(). Waits (at most
+  // 60 s) for its "listening on" line; false when it exited or never said
+  // where it listens (output() says why).
+  bool start();
+  // SIGKILL and reaps the process.
+  void kill();
+  // SIGTERM, then waits; the exit status, or -1 when killed by a signal or
+  // after 60 s.
+  int stop();
+
+  int port() const { return port_; }
+  std::string url() const { return "tcp://127.0.0.1:" + std::to_string(port_); }
+  std::string dataDir() const { return folder_ + "/data"; }
+  const std::string& password() const { return password_; }
+  std::string output() const { return out_; }
+  std::string traceLog() const;
+
+ private:
+  pid_t pid_ = -1;
+  int outFd_ = -1;
+  int port_ = 0;
+  std::string folder_;
+  std::string password_;
+  std::string out_;
+};
+
 #endif  // NOX_TESTS_E2E_GATEWAY_PROCESS_H_

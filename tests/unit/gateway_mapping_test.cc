@@ -124,6 +124,7 @@ class MappingTest : public ::testing::Test {
     options.maxBody = 1024;
     options.openApi = "{\"openapi\":\"3.0.3\"}";
     options.console = console_;
+    options.backendReachable = backendReachable_;
     return Dispatcher(
         registry_,
         [](const std::string& token, CSessionInfo& info) {
@@ -154,6 +155,7 @@ class MappingTest : public ::testing::Test {
   FakeOp::Body any_ = [](CRequestMsg&, CResponseMsg&) { return 0; };
   const gw::HeaderList auth_ = {{"X-Auth-Token", "good"}};
   std::map<std::string, std::string> console_;  // the console's files; empty: none
+  std::function<bool()> backendReachable_;  // unset: no "backend" member
 };
 
 TEST(UrlDecodeTest, Table) {
@@ -271,6 +273,28 @@ TEST_F(MappingTest, FixedAnswers) {
     EXPECT_EQ(out.contentType, "application/json") << c.target;
     EXPECT_EQ(out.body, c.body) << c.method << " " << c.target;
   }
+}
+
+// With a backend probe, /healthz says what it found and stays 200: the
+// gateway itself serves.
+TEST_F(MappingTest, HealthzReportsTheBackend) {
+  int probes = 0;
+  bool reachable = true;
+  backendReachable_ = [&] {
+    ++probes;
+    return reachable;
+  };
+  HttpOutput out = run("GET", "/healthz");
+  EXPECT_EQ(out.status, 200);
+  EXPECT_EQ(out.body, "{\"backend\":\"reachable\",\"status\":\"ok\"}");
+  reachable = false;
+  out = run("GET", "/healthz");
+  EXPECT_EQ(out.status, 200);
+  EXPECT_EQ(out.body, "{\"backend\":\"unreachable\",\"status\":\"ok\"}");
+  EXPECT_EQ(probes, 2);
+  // Only /healthz asks.
+  run("GET", "/openapi.json");
+  EXPECT_EQ(probes, 2);
 }
 
 TEST_F(MappingTest, InvalidTokenIsRefusedAndOperationNotCalled) {

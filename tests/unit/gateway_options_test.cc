@@ -21,6 +21,21 @@ TEST(GatewayOptionsTest, Defaults) {
   EXPECT_FALSE(options.tlsSelfSigned);
 }
 
+TEST(GatewayOptionsTest, BackendAddress) {
+  gw::GatewayOptions options;
+  std::string error;
+  EXPECT_TRUE(options.backend.empty());  // the backend in process unless asked for
+  ASSERT_TRUE(gw::parseOptions({"--backend", "tcp://10.0.5.10:7070"}, &options, &error)) << error;
+  EXPECT_EQ(options.backend, "tcp://10.0.5.10:7070");
+  ASSERT_TRUE(gw::parseOptions({"--backend=tcp://[::1]:7070"}, &options, &error)) << error;
+  for (const char* bad : {"10.0.5.10:7070", "tcp://10.0.5.10", "tcp://10.0.5.10:0",
+                          "http://10.0.5.10:7070", "tcp://:7070"}) {
+    gw::GatewayOptions other;
+    EXPECT_FALSE(gw::parseOptions({"--backend", bad}, &other, &error)) << bad;
+    EXPECT_EQ(error, std::string("--backend wants tcp://HOST:PORT, not '") + bad + "'");
+  }
+}
+
 TEST(GatewayOptionsTest, ValuesInBothSpellings) {
   gw::GatewayOptions options;
   std::string error;

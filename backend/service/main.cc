@@ -1,0 +1,150 @@
+// nox-backend: the simulated backend as a service of its own. Opens the
+// data folder and serves the TLV commands to gateways over TCP
+// (docs/backend.md, "The backend as a service") until SIGINT or SIGTERM.
+#include <limits.h>
+#include <pthread.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "backend_server.h"
+#include "service_options.h"
+#include "sim_backend.h"
+#include "trace_sink.h"
+
+namespace {
+
+const char kVersion[] = "nox-backend 1.0.0";
+
+std::string errnoText(int error) {
+  char buffer[256];
+  return strerror_r(error, buffer, sizeof(buffer));
+}
+
+void fail(const std::string& text) { fprintf(stderr, "nox-backend: %s\n", text.c_str()); }
+
+std::string dirName(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  if (slash == std::string::npos) return ".";
+  if (slash == 0) return "/";
+  return path.substr(0, slash);
+}
+
+std::string currentDir() {
+  char buffer[PATH_MAX];
+  return getcwd(buffer, sizeof(buffer)) != nullptr ? std::string(buffer) : std::string(".");
+}
+
+std::string absoluteFrom(const std::string& base, const std::string& path) {
+  if (path.empty() || path[0] == '/') return path;
+  return base + "/" + path;
+}
+
+std::string executableDir() {
+  char buffer[PATH_MAX];
+  const ssize_t n = readlink("/proc/self/exe", buffer, sizeof(buffer) - 1);
+  if (n <= 0) return currentDir();
+  buffer[n] = '\0';
+  return dirName(buffer);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  BackendServiceOptions options;
+  std::string error;
+  if (!parseServiceOptions(std::vector<std::string>(argv + 1, argv + argc), &options, &error)) {
+    fail(error);
+    return 2;
+  }
+  if (options.help) {
+    fputs(serviceUsageText().c_str(), stdout);
+    return 0;
+  }
+  if (options.version) {
+    puts(kVersion);
+    return 0;
+  }
+  const std::string startDir = currentDir();
+  const std::string home =
+      options.home.empty() ? dirName(executableDir()) : absoluteFrom(startDir, options.home);
+  const std::string dataDir =
+      options.dataDir.empty() ? home + "/data" : absoluteFrom(startDir, options.dataDir);
+
+  TraceLevel level = TraceLevel::kInfo;
+  if (!parseTraceLevel(options.logLevel, &level)) {
+    fail("--log-level wants trace, debug, info, warn, error or off, not '" + options.logLevel +
+         "'");
+    return 2;
+  }
+  setTraceLevel(level);
+  if (!options.log.empty()) {
+    const std::string logPath = absoluteFrom(startDir, options.log);
+    std::shared_ptr<StreamTraceSink> sink = StreamTraceSink::openFile(logPath);
+    if (!sink) {
+      fail("cannot open the log " + logPath + ": " + errnoText(errno));
+      return 1;
+    }
+    setTraceSink(sink);
+  }
+
+  // Signals are taken by one thread with sigwait; every other thread
+  // inherits the blocked mask.
+  signal(SIGPIPE, SIG_IGN);
+  signal(SIGINT, SIG_DFL);
+  signal(SIGTERM, SIG_DFL);
+  sigset_t stopSignals;
+  sigemptyset(&stopSignals);
+  sigaddset(&stopSignals, SIGINT);
+  sigaddset(&stopSignals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+
+  SimBackendOptions backendOptions;
+  backendOptions.dataDir = dataDir;
+  backendOptions.initPassword = options.initPassword;
+  std::shared_ptr<SimulatedBackend> backend = SimulatedBackend::open(backendOptions, &error);
+  if (!backend) {
+    fail("cannot open the backend's data folder " + dataDir + ": " + error);
+    return 1;
+  }
+  if (backend->firstStart() && !backend->demoPassword().empty()) {
+    printf("demo users admin (scope 0), auditor (scope 1), apiuser (scope 4); password: %s\n",
+           backend->demoPassword().c_str());
+    printf("(the password is printed only at first start; remove %s to start afresh)\n",
+           dataDir.c_str());
+    fflush(stdout);
+  }
+
+  BackendServerOptions serverOptions;
+  serverOptions.host = options.listenHost;
+  serverOptions.port = options.listenPort;
+  serverOptions.maxConnections = options.maxConnections;
+  serverOptions.stagingDirs = backend->stagingFolders();
+  BackendServer server(backend, serverOptions);
+  if (!server.start(&error)) {
+    fail(error);
+    return 1;
+  }
+  const bool ipv6 = options.listenHost.find(':') != std::string::npos;
+  printf("listening on %s%s%s:%d\n", ipv6 ? "[" : "", options.listenHost.c_str(), ipv6 ? "]" : "",
+         server.port());
+  fflush(stdout);
+
+  std::thread signalThread([&] {
+    int signal = 0;
+    if (sigwait(&stopSignals, &signal) == 0) server.stop();
+  });
+  server.run();
+  // Wakes the signal thread when the server ended on its own.
+  // NOLINTNEXTLINE(bugprone-bad-signal-to-kill-thread)
+  pthread_kill(signalThread.native_handle(), SIGTERM);
+  signalThread.join();
+  return 0;
+}
