@@ -43,6 +43,10 @@ echo "fresh-machine-check: debootstrap --variant=minbase bookworm $ROOT"
 debootstrap --variant=minbase bookworm "$ROOT" "$MIRROR" >"$LOGS/debootstrap.log" 2>&1 ||
   { tail -20 "$LOGS/debootstrap.log"; exit 1; }
 cp /etc/resolv.conf "$ROOT/etc/resolv.conf"
+# Trust what this machine trusts beyond Debian's own list (a site's
+# TLS-inspecting proxy, for one): the root gets this machine's bundle for the
+# npm registry, as every machine of the site would be set up.
+cp /etc/ssl/certs/ca-certificates.crt "$ROOT/etc/nox-fresh-ca.crt"
 mount -t proc proc "$ROOT/proc"
 mount -t sysfs sys "$ROOT/sys"
 mount --bind /dev "$ROOT/dev"
@@ -58,7 +62,7 @@ echo "fresh-machine-check: root has $(chroot "$ROOT" dpkg-query -W | wc -l) pack
   "git: $(chroot "$ROOT" sh -c 'command -v git || echo none')"
 
 in_root() { chroot "$ROOT" /usr/bin/env -i HOME=/root PATH=/usr/sbin:/usr/bin:/sbin:/bin \
-  LANG=C.UTF-8 TERM=dumb "$@"; }
+  LANG=C.UTF-8 TERM=dumb NODE_EXTRA_CA_CERTS=/etc/nox-fresh-ca.crt "$@"; }
 in_root apt-get update -qq >"$LOGS/apt-update.log" 2>&1
 
 status=0
