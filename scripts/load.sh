@@ -5,6 +5,9 @@
 #   scripts/load.sh            # 64 connections for 60 s per scenario
 #   scripts/load.sh --soak     # adds a 30-minute soak of the mix, memory per minute
 #                              # (NOX_SOAK_MINUTES changes its length)
+#   scripts/load.sh --cluster  # the mix through nginx with one and with two gateways
+#                              # sharing Redis and nox-backend, and the cost of a
+#                              # session lookup in Redis against one in memory
 #
 # Scenarios: the mixed workload (task detail in English and Chinese, task
 # list, alarm count, storage configuration, certificate upload), the empty
@@ -18,12 +21,15 @@ ROOT=$(pwd)
 DURATION=${NOX_LOAD_SECONDS:-60}
 CONNECTIONS=${NOX_LOAD_CONNECTIONS:-64}
 SOAK=0
+CLUSTER=0
 [ "${1:-}" = "--soak" ] && SOAK=1
+[ "${1:-}" = "--cluster" ] && CLUSTER=1
 
 need() { command -v "$1" >/dev/null || { echo "load: installing $2"; sudo_cmd apt-get install -y -qq "$2" >/dev/null; }; }
 sudo_cmd() { if [ "$(id -u)" -eq 0 ]; then "$@"; else sudo "$@"; fi; }
 need wrk wrk
 [ -x /usr/sbin/nginx ] || need nginx nginx-light
+[ -x /usr/bin/redis-server ] || need redis-server redis-server
 need curl curl
 need openssl openssl
 
@@ -33,28 +39,16 @@ cmake --build "$BUILD" -j "$(nproc)" >/dev/null
 
 WORK=$(mktemp -d /tmp/nox-load-XXXXXX)
 GW_PID=""; NGINX_PID=""
+export CLUSTER_DIR="$WORK/cluster" CLUSTER_BIN="$BUILD/bin"
+# shellcheck source=scripts/cluster-lib.sh
+. scripts/cluster-lib.sh
 cleanup() {
   [ -n "$GW_PID" ] && kill "$GW_PID" 2>/dev/null && wait "$GW_PID" 2>/dev/null || true
   [ -n "$NGINX_PID" ] && kill "$NGINX_PID" 2>/dev/null || true
+  cluster_stop
   rm -rf "$WORK"
 }
 trap cleanup EXIT
-
-PASSWORD=load-$(date +%s)
-"$BUILD/bin/nox-gateway" --listen 127.0.0.1:0 --data "$WORK/data" --init-password "$PASSWORD" \
-  --log "$WORK/trace.log" --log-level warn --access-log /dev/null >"$WORK/gw.out" 2>&1 &
-GW_PID=$!
-for _ in $(seq 100); do grep -q '^listening on ' "$WORK/gw.out" && break; sleep 0.1; done
-ADDR=$(sed -n 's/^listening on //p' "$WORK/gw.out" | head -1)
-[ -n "$ADDR" ] || { echo "load: the gateway did not start"; cat "$WORK/gw.out"; exit 1; }
-URL="http://$ADDR"
-
-TOKEN=$(curl -s -D - -o /dev/null -H 'Content-Type: application/json' \
-  -d "{\"username\":\"apiuser\",\"password\":\"$PASSWORD\",\"scope\":\"4\",\"language\":\"en\"}" \
-  "$URL/sessions" | tr -d '\r' | sed -n 's/^[Xx]-[Aa]uth-[Tt]oken: //p')
-[ -n "$TOKEN" ] || { echo "load: login failed"; exit 1; }
-TASK=$(curl -s -H "X-Auth-Token: $TOKEN" "$URL/kestrel_task?limit=1" |
-  python3 -c 'import json,sys; d=json.load(sys.stdin)["data"]; print((d[0] if isinstance(d,list) else d)["taskId"])')
 
 # A CA certificate to upload (the backend checks it for real).
 openssl req -x509 -newkey rsa:2048 -sha256 -days 30 -nodes -subj "/CN=load test CA" \
@@ -66,6 +60,62 @@ run_wrk() {  # run_wrk LABEL URL MIX CONNECTIONS SECONDS
     wrk -t"$(( $4 < 2 ? $4 : 2 ))" -c"$4" -d"$5"s -s bench/load/mix.lua "$2" | sed -n "s/^RESULT /$1 /p"
 }
 field() { sed -n "s/.*$2=\([0-9.]*\).*/\1/p" <<<"$1"; }
+
+# The session token and a task of the gateway (or balancer) at $1.
+login_at() {
+  TOKEN=$(curl -s -D - -o /dev/null -H 'Content-Type: application/json' \
+    -d "{\"username\":\"apiuser\",\"password\":\"$PASSWORD\",\"scope\":\"4\",\"language\":\"en\"}" \
+    "$1/sessions" | tr -d '\r' | sed -n 's/^[Xx]-[Aa]uth-[Tt]oken: //p')
+  [ -n "$TOKEN" ] || { echo "load: login failed"; exit 1; }
+  TASK=$(curl -s -H "X-Auth-Token: $TOKEN" "$1/kestrel_task?limit=1" |
+    python3 -c 'import json,sys; d=json.load(sys.stdin)["data"]; print((d[0] if isinstance(d,list) else d)["taskId"])')
+}
+
+PASSWORD=load-$(date +%s)
+
+if [ "$CLUSTER" = 1 ]; then
+  # One Redis, one nox-backend, two gateways; nginx first in front of one
+  # gateway, then in front of both, the same mix through it each time.
+  cmake -S . -B "$BUILD" -DNOX_BUILD_BENCH=ON >/dev/null
+  cmake --build "$BUILD" -j "$(nproc)" --target session_lookup_bench >/dev/null
+  cluster_redis 18391 && cluster_backend 18390 "$PASSWORD" || { echo "load: cluster start failed"; exit 1; }
+  SHARED=(--state redis://127.0.0.1:18391 --backend tcp://127.0.0.1:18390 --log-level warn)
+  cluster_gateway a 18381 "${SHARED[@]}" && cluster_gateway b 18382 "${SHARED[@]}" ||
+    { echo "load: gateways did not start"; exit 1; }
+  declare -A RESULT
+  for n in 1 2; do
+    ports=(18381); [ "$n" = 2 ] && ports+=(18382)
+    cluster_nginx 18380 "${ports[@]}" || { echo "load: nginx did not start"; exit 1; }
+    login_at http://127.0.0.1:18380
+    RESULT[$n]=$(run_wrk "mix-$n-gateway" http://127.0.0.1:18380 mix "$CONNECTIONS" "$DURATION")
+    echo "${RESULT[$n]}"
+    # Only nginx goes: it is the last piece started.
+    last=$((${#CLUSTER_PIDS[@]} - 1))
+    kill "${CLUSTER_PIDS[$last]}"; wait "${CLUSTER_PIDS[$last]}" 2>/dev/null || true
+    unset "CLUSTER_PIDS[$last]"
+  done
+  python3 - "${RESULT[1]}" "${RESULT[2]}" <<'PY'
+import re, sys
+def parse(line):
+    return {k: float(v) for k, v in re.findall(r"(\w+)=([0-9.]+)", line)}
+one, two = map(parse, sys.argv[1:])
+print(f"two gateways / one gateway (mix rate)  {two['rps'] / one['rps']:.3f}")
+print(f"errors: one gateway {one['errors']:.0f}, two gateways {two['errors']:.0f}")
+PY
+  echo "session lookup, in memory and in Redis (SessionStore::lookup, one at a time):"
+  "$BUILD/bin/session_lookup_bench" --benchmark_repetitions=3 --benchmark_report_aggregates_only=true \
+    2>/dev/null | grep -E '_median|p50' | sort | uniq -c | sort -rn | head -6
+  exit 0
+fi
+"$BUILD/bin/nox-gateway" --listen 127.0.0.1:0 --data "$WORK/data" --init-password "$PASSWORD" \
+  --log "$WORK/trace.log" --log-level warn --access-log /dev/null >"$WORK/gw.out" 2>&1 &
+GW_PID=$!
+for _ in $(seq 100); do grep -q '^listening on ' "$WORK/gw.out" && break; sleep 0.1; done
+ADDR=$(sed -n 's/^listening on //p' "$WORK/gw.out" | head -1)
+[ -n "$ADDR" ] || { echo "load: the gateway did not start"; cat "$WORK/gw.out"; exit 1; }
+URL="http://$ADDR"
+
+login_at "$URL"
 
 echo "gateway at $URL, task $TASK, $CONNECTIONS connections, ${DURATION}s per scenario"
 MIX=$(run_wrk mix "$URL" mix "$CONNECTIONS" "$DURATION"); echo "$MIX"
