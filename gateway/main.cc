@@ -5,6 +5,7 @@
 #include <malloc.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -152,9 +153,19 @@ int main(int argc, char** argv) {
 
   std::string tlsCert = absoluteFrom(startDir, options.tlsCert);
   std::string tlsKey = absoluteFrom(startDir, options.tlsKey);
-  if (chdir(binDir.c_str()) != 0) {
-    fail("cannot change to " + binDir + " (" + errnoText(errno) +
-         "); --home must name the folder that holds bin/, lib/ and conf/");
+  // The plug-in reads its catalogues from "../conf/" relative to the working
+  // directory. In a build tree that is <home>/conf beside <home>/bin, so the
+  // gateway works from <home>/bin; an installation (cmake --install, the
+  // package) keeps them in <home>/share/ucore_nox/conf, and the gateway works
+  // from that folder itself, whose "../conf" is itself.
+  const std::string installedConf = home + "/share/ucore_nox/conf";
+  struct stat st;
+  const bool installed = stat((home + "/conf").c_str(), &st) != 0 &&
+                         stat(installedConf.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+  const std::string workDir = installed ? installedConf : binDir;
+  if (chdir(workDir.c_str()) != 0) {
+    fail("cannot change to " + workDir + " (" + errnoText(errno) +
+         "); --home must name the folder that holds bin/, lib/ and conf/ (or share/ucore_nox/conf/)");
     return 1;
   }
 
