@@ -16,7 +16,8 @@ import sys
 
 # Options of commands other than ours that the docs show, and whose they are.
 OTHER_COMMANDS = {
-    "--build": "cmake", "--target": "cmake", "--error-exitcode": "valgrind",
+    "--build": "cmake", "--target": "cmake", "--install": "cmake", "--prefix": "cmake",
+    "--cflags": "pkg-config", "--libs": "pkg-config", "--error-exitcode": "valgrind",
     "--leak-check": "valgrind", "--undefined-only": "nm", "--no-undefined": "ld",
     "--variant": "debootstrap", "--save-dev": "npm", "--cacert": "curl", "--output": "curl",
     "--strict": "tsc", "--module": "tsc", "--moduleResolution": "tsc",
