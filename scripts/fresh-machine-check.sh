@@ -73,7 +73,8 @@ if [ "$WHAT" != test ]; then
   runner=$!
   ok=0
   for _ in $(seq 1 2400); do
-    if grep -q '^listening on ' "$LOGS/run-gateway.log" 2>/dev/null; then ok=1; break; fi
+    # run-gateway.sh says "nox-gateway is listening on ..." once it serves.
+    if grep -q 'is listening on ' "$LOGS/run-gateway.log" 2>/dev/null; then ok=1; break; fi
     kill -0 "$runner" 2>/dev/null || break
     sleep 1
   done
