@@ -287,7 +287,9 @@ bool isPublicRoute(const std::string& url, const std::string& method) {
 }
 
 HttpOutput errorOutput(long long code, const std::string& description) {
-  return jsonOutput(httpStatusForCode(code), errorEnvelope(code, description));
+  HttpOutput out = jsonOutput(httpStatusForCode(code), errorEnvelope(code, description));
+  out.code = code;
+  return out;
 }
 
 HttpOutput renderResponse(const CRequestMsg& request, const CResponseMsg& response,
@@ -319,14 +321,60 @@ Dispatcher::Dispatcher(const CSpecifyProc& registry, SessionLookup lookup, Dispa
       options_(std::move(options)),
       gate_(options_.maxActive > 0 ? new AdmissionGate(options_.maxActive) : nullptr) {}
 
+std::vector<std::string> routeLabels(const CSpecifyProc& registry) {
+  std::vector<std::string> labels = {"/healthz", "/openapi.json", "/metrics", "/console"};
+  for (const CSpecifyProc::Route& r : registry.routes()) {
+    labels.push_back((r.interfaceVersion.empty() ? "" : "/" + r.interfaceVersion) + r.url);
+  }
+  return labels;
+}
+
+namespace {
+
+// Why an upload was refused, from its answer's code.
+const char* refusalReason(long long code, int status) {
+  if (code == 2000000001 || code == kErrBodyTooLarge || status == 413) return "too_large";
+  if (code == 0x03000003) return "no_file";
+  if ((code & ~0xFFLL) == 0x60E01D00LL) return "refused_by_check";
+  if (code == 1000005) return "write_failed";
+  if (code == kErrCsrfHeaderMissing) return "console_header";
+  return "other";
+}
+
+}  // namespace
+
 HttpOutput Dispatcher::handle(const HttpInput& in) const {
+  std::string route = kOtherRoute;
+  HttpOutput out = dispatch(in, &route);
+  out.route = route;
+  // Refused uploads, whatever refused them (a session is not a refusal).
+  if (options_.metrics != nullptr && route.find("/import_") != std::string::npos &&
+      isMethod(in.method, "POST") && out.status >= 400 && out.status != 401) {
+    options_.metrics->uploadRefused(refusalReason(out.code, out.status));
+  }
+  return out;
+}
+
+HttpOutput Dispatcher::dispatch(const HttpInput& in, std::string* route) const {
   try {
     const size_t mark = in.target.find('?');
     const std::string path = in.target.substr(0, mark);
     const std::string query =
         mark == std::string::npos ? std::string() : in.target.substr(mark + 1);
     const bool isGet = isMethod(in.method, "GET") || isMethod(in.method, "HEAD");
+    if (path == "/metrics" && options_.metricsText) {
+      if (!options_.metricsAllowed || !options_.metricsAllowed(in.clientAddress)) {
+        return errorOutput(kErrRouteNotFound, describeCode(kErrRouteNotFound));
+      }
+      *route = path;
+      if (!isGet) return errorOutput(kErrMethodNotAllowed, describeCode(kErrMethodNotAllowed));
+      HttpOutput out;
+      out.contentType = "text/plain; version=0.0.4; charset=utf-8";
+      out.body = options_.metricsText();
+      return out;
+    }
     if (path == "/healthz" || path == "/openapi.json") {
+      *route = path;
       if (!isGet) return errorOutput(kErrMethodNotAllowed, describeCode(kErrMethodNotAllowed));
       if (path == "/healthz") {
         Json::Value health(Json::objectValue);
@@ -344,11 +392,13 @@ HttpOutput Dispatcher::handle(const HttpInput& in) const {
     }
     if (!options_.console.empty() &&
         (path == "/console" || path.compare(0, 9, "/console/") == 0)) {
+      *route = "/console";
       return serveConsole(in, path);
     }
     const RouteMatch match = matchRoute(registry_, path);
     if (match.route == nullptr)
       return errorOutput(kErrRouteNotFound, describeCode(kErrRouteNotFound));
+    *route = (match.interfaceVersion.empty() ? "" : "/" + match.interfaceVersion) + match.route->url;
     // Only operations wait in line: a health check answers at once even
     // when every slot is taken.
     std::optional<AdmissionGate::Pass> pass;

@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "admission_gate.h"
+#include "metrics.h"
 #include "request_msg.h"
 #include "operation_base.h"
 
@@ -58,6 +59,10 @@ struct HttpOutput {
   HeaderList headers;  // further headers of the answer (never Content-Type)
   std::string body;
   std::string user;  // the session's user, for the access log ("" without one)
+  // The route the answer belongs to, for the metrics: a registered URL
+  // ("/kestrel_task", "/v1/alarm/historyalarm"), a built-in path, or "other".
+  std::string route = "other";
+  long long code = 0;  // the error envelope's code, 0 for none
   // False for answers that may carry a secret (a token, a session id, a
   // verification code): the server then never compresses them, whatever the
   // client accepts, so that no secret shares a compressed stream with text
@@ -80,10 +85,21 @@ struct DispatchOptions {
   // The web console's files by their path below /console/ ("index.html",
   // "js/app.js"); empty: no console.
   std::map<std::string, std::string> console;
+  // The request metrics (counted by the server) and their text for
+  // GET /metrics, served only to the client addresses metricsAllowed
+  // accepts (others get 404). Null/unset: no /metrics.
+  Metrics* metrics = nullptr;
+  std::function<std::string()> metricsText;
+  std::function<bool(const std::string& clientAddress)> metricsAllowed;
   // Whether the backend answers, for GET /healthz ("backend": "reachable" or
   // "unreachable"); unset: /healthz has no "backend" member.
   std::function<bool()> backendReachable;
 };
+
+// The route labels a Dispatcher over `registry` gives its answers (besides
+// "other"): every registered route ("/v1/..." for the v1 interface) and the
+// built-in paths.
+std::vector<std::string> routeLabels(const CSpecifyProc& registry);
 
 // The name of the session cookie.
 extern const char kSessionCookie[];  // "NOX_SESSION"
@@ -150,15 +166,18 @@ class Dispatcher {
  public:
   Dispatcher(const CSpecifyProc& registry, SessionLookup lookup, DispatchOptions options);
 
-  // Serves one request: built-in paths (/healthz, /openapi.json, the
-  // console below /console/), then the registry. Never throws; every failure becomes an answer with the error
-  // envelope.
+  // Serves one request: built-in paths (/healthz, /openapi.json, /metrics,
+  // the console below /console/), then the registry. Never throws; every
+  // failure becomes an answer with the error envelope.
   HttpOutput handle(const HttpInput& in) const;
+
+  Metrics* metrics() const { return options_.metrics; }
 
   // The gate operations pass through (DispatchOptions::maxActive), or null.
   AdmissionGate* gate() const { return gate_.get(); }
 
  private:
+  HttpOutput dispatch(const HttpInput& in, std::string* route) const;
   HttpOutput serveRoute(const HttpInput& in, const RouteMatch& match, const std::string& path,
                         const std::string& query) const;
   HttpOutput serveConsole(const HttpInput& in, const std::string& path) const;

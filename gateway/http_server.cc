@@ -29,6 +29,8 @@ constexpr int kTraceModule = 4;  // the gateway's records in the trace log
 // thread-locals.
 thread_local Clock::time_point t_started;
 thread_local std::string t_user;
+// The answer's route label for the metrics; empty: the dispatcher never saw the request.
+thread_local std::string t_route;
 // The connection is to be closed after this answer, which has no body.
 thread_local bool t_stopReading = false;
 
@@ -71,6 +73,7 @@ void writeOutput(const HttpOutput& out, httplib::Response& res, bool secure) {
         });
   }
   t_user = out.user;
+  t_route = out.route;
 }
 
 bool isChunked(const httplib::Request& req) {
@@ -267,6 +270,7 @@ void HttpServer::install() {
   svr.set_pre_routing_handler([](const httplib::Request& req, httplib::Response& res) {
     t_started = Clock::now();
     t_user.clear();
+    t_route.clear();
     t_stopReading = false;
     // Each refusal here closes the connection: a body may follow that was
     // never read.
@@ -412,7 +416,8 @@ void HttpServer::install() {
       });
 
   AccessLog& accessLog = accessLog_;
-  svr.set_logger([&accessLog](const httplib::Request& req, const httplib::Response& res) {
+  Metrics* metrics = dispatcher_.metrics();
+  svr.set_logger([&accessLog, metrics](const httplib::Request& req, const httplib::Response& res) {
     AccessRecord record;
     record.client = req.remote_addr;
     record.method = req.method;
@@ -427,6 +432,18 @@ void HttpServer::install() {
         std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - started).count();
     record.user = t_user;
     accessLog.write(record);
+    if (metrics != nullptr) {
+      const double seconds =
+          std::chrono::duration<double>(Clock::now() - started).count();
+      // Refused by the transport before any route saw it (a body over the
+      // limit, a malformed request): counted under "other", and an upload
+      // refused for its size counted as such.
+      if (t_route.empty() && res.status == 413 && record.path.find("/import_") != std::string::npos) {
+        metrics->uploadRefused("too_large");
+      }
+      metrics->observe(t_route.empty() ? kOtherRoute : t_route, res.status, seconds);
+    }
+    t_route.clear();
     if (t_stopReading) {
       t_stopReading = false;
       stopReading(req);

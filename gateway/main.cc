@@ -296,13 +296,31 @@ int main(int argc, char** argv) {
     if (!reachable) state["error"] = why;
     return reachable;
   };
+  // Metrics: counted by the server for every answer, read at GET /metrics
+  // by the addresses --metrics-allow names.
+  gw::Metrics metrics(gw::routeLabels(registry));
+  std::vector<gw::AddressRange> metricsAllowed;
+  gw::parseAddressRanges(options.metricsAllow, &metricsAllowed, &error);  // checked by the parser
+  const gw::Dispatcher* dispatcherSeen = nullptr;
+  std::atomic<int> listenPort{0};
+  dispatchOptions.metrics = &metrics;
+  dispatchOptions.metricsAllowed = [&metricsAllowed](const std::string& address) {
+    return gw::addressAllowed(metricsAllowed, address);
+  };
+  dispatchOptions.metricsText = [&metrics, &dispatcherSeen, &listenPort]() {
+    gw::AdmissionGate* gate = dispatcherSeen != nullptr ? dispatcherSeen->gate() : nullptr;
+    return metrics.render() +
+           gw::hostMetricsText(gate != nullptr ? gate->waiting() : 0, listenPort.load());
+  };
   gw::Dispatcher dispatcher(registry, lookup, dispatchOptions);
+  dispatcherSeen = &dispatcher;
   gw::HttpServer server(config, dispatcher, *accessLog);
   if (!server.start(&error)) {
     fail(error);
     registry.releaseAll();
     return 1;
   }
+  listenPort = server.port();
   printf("listening on %s:%d\n", config.host.c_str(), server.port());
   fflush(stdout);
 

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "metrics.h"
 #include "remote_backend.h"
 
 namespace gw {
@@ -127,6 +128,14 @@ bool parseOptions(const std::vector<std::string>& args, GatewayOptions* options,
         return false;
       }
       options->state = value == "memory" ? std::string() : value;
+    } else if (name == "--metrics-allow") {
+      std::vector<AddressRange> ranges;
+      std::string why;
+      if (!parseAddressRanges(value, &ranges, &why)) {
+        *error = "--metrics-allow wants addresses or ranges like 127.0.0.0/8,::1: " + why;
+        return false;
+      }
+      options->metricsAllow = value;
     } else if (name == "--state-timeout-ms") {
       if (!parseNumber(value, 10, 60000, &number)) {
         *error = "--state-timeout-ms wants milliseconds from 10 to 60000, not '" + value + "'";
@@ -196,6 +205,8 @@ std::string usageText() {
          "                          counts live (default memory: this process only; Redis:\n"
          "                          shared by every gateway that names the same one)\n"
          "  --state-timeout-ms MS   time-out of each Redis command (default 500)\n"
+         "  --metrics-allow LIST    client addresses that may read GET /metrics, as addresses\n"
+         "                          and ranges (default 127.0.0.0/8,::1; others get 404)\n"
          "  --backend-timeout SECONDS  time-out of backend requests\n"
          "  --read-timeout SECONDS  longest wait for more of a request (default 30)\n"
          "  --tls-cert FILE --tls-key FILE   serve HTTPS with this certificate and key (PEM)\n"

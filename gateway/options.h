@@ -29,6 +29,7 @@ struct GatewayOptions {
   int sessionIdle = 0;     // seconds; 0: the session store's default
   std::string state;       // "": sessions in this process; "redis://...": shared
   int stateTimeoutMs = 500;  // per Redis command and connection attempt
+  std::string metricsAllow = "127.0.0.0/8,::1";  // client addresses that may read /metrics
   int backendTimeout = 0;  // seconds; 0: the host's default
   int readTimeout = 30;    // seconds the server waits for more of a request
   std::string tlsCert;

@@ -16,6 +16,7 @@
 #include "login_op.h"
 #include "login_throttle.h"
 #include "qpn_debug_kit.h"
+#include "host_counters.h"
 #include "redirect_info.h"
 #include "session_store.h"
 #include "verify_code.h"
@@ -180,6 +181,7 @@ int CLoginOp::handleLogin(CRequestMsg& request, CResponseMsg& response) {
                "login of user %s from %s refused: too many failed attempts, %d s to wait",
                userName.c_str(), clientAddress.c_str(), wait);
     if (connection != nullptr) connection->setResponseHeader("Retry-After", std::to_string(wait));
+    countLoginThrottled();
     fail(proto::kErrLoginThrottled, __LINE__);
   }
 
@@ -213,6 +215,7 @@ int CLoginOp::handleLogin(CRequestMsg& request, CResponseMsg& response) {
   } catch (const QPNExceptionWithErrCode_& e) {
     if (countsAsFailedAttempt(e.getErrCode())) {
       throttle.recordFailure(userName, clientAddress);
+      countLoginFailure();
       guard.warn(0, "handleLogin", __LINE__, "login of user %s from %s failed: code 0x%llX",
                  userName.c_str(), clientAddress.c_str(),
                  static_cast<unsigned long long>(e.getErrCode()));

@@ -2,6 +2,7 @@
 #include <memory>
 #include <mutex>
 
+#include "host_counters.h"
 #include "qpn_debug_kit.h"
 #include "tlv_backend.h"
 #include "tlv_package.h"
@@ -39,6 +40,12 @@ int CTlvMsg::sendMessage(const CDeviceID& device, const UserContext& user, CR3MP
   }
   CQPNDebugKitGuard guard(kModule, "sendMessage");
   const unsigned command = request.size() > 0 ? request[0].command() : 0;
+  // Counted on every way out; only the plain return is a success.
+  struct CallCount {
+    unsigned command;
+    bool failed = true;
+    ~CallCount() { countBackendCall(command, failed); }
+  } counted{command};
   if (!backend) {
     guard.error(0, "sendMessage", __LINE__, "no backend for command 0x%08X", command);
     throw QPNExceptionWithErrCode_(kErrBackendUnavailable, kSource, __LINE__, false, nullptr);
@@ -78,5 +85,6 @@ int CTlvMsg::sendMessage(const CDeviceID& device, const UserContext& user, CR3MP
                 code);
     throw QPNExceptionWithErrCode_(code, kSource, __LINE__, false, nullptr);
   }
+  counted.failed = false;
   return 0;
 }

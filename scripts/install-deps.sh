@@ -14,7 +14,7 @@ PACKAGES=(
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   libcpp-httplib-dev libssl-dev libsqlite3-dev zlib1g-dev libbrotli-dev
   openssl curl python3 binutils clang-tidy cppcheck valgrind
-  libhiredis-dev redis-server nginx-light
+  libhiredis-dev redis-server nginx-light prometheus
   chromium chromium-driver python3-selenium fonts-wqy-microhei
 )
 # Node and npm for tools/api: Debian's, unless a node is installed already

@@ -1,0 +1,335 @@
+#include "metrics.h"
+
+
+#include <arpa/inet.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "host_counters.h"
+#include "session_store.h"
+
+namespace gw {
+
+const char kOtherRoute[] = "other";
+
+const std::array<double, 13> Metrics::kBuckets = {0.0005, 0.001, 0.0025, 0.005, 0.01, 0.025, 0.05,
+                                                  0.1,    0.25,  0.5,    1,     2.5,  10};
+const std::array<int, 19> Metrics::kStatuses = {200, 301, 400, 401, 403, 404, 405, 408, 413, 414,
+                                                415, 422, 429, 431, 500, 501, 502, 503, 504};
+
+namespace {
+
+const char* const kRefusalReasons[] = {"too_large",    "no_file",        "refused_by_check",
+                                       "write_failed", "console_header", "other"};
+
+std::string number(double value) {
+  char buf[64];
+  std::snprintf(buf, sizeof(buf), "%.15g", value);
+  return buf;
+}
+
+}  // namespace
+
+namespace {
+
+// Parses one address into *range (16 bytes for IPv6, 4 for IPv4); an
+// IPv4-mapped IPv6 address becomes its IPv4 address.
+bool parseAddress(const std::string& text, AddressRange* range) {
+  unsigned char buf[16];
+  if (inet_pton(AF_INET, text.c_str(), buf) == 1) {
+    range->v6 = false;
+    std::memcpy(range->bytes, buf, 4);
+    return true;
+  }
+  if (inet_pton(AF_INET6, text.c_str(), buf) == 1) {
+    static const unsigned char kMapped[12] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xFF};
+    if (std::memcmp(buf, kMapped, 12) == 0) {
+      range->v6 = false;
+      std::memcpy(range->bytes, buf + 12, 4);
+    } else {
+      range->v6 = true;
+      std::memcpy(range->bytes, buf, 16);
+    }
+    return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+bool parseAddressRanges(const std::string& text, std::vector<AddressRange>* ranges,
+                        std::string* error) {
+  ranges->clear();
+  size_t start = 0;
+  while (start <= text.size()) {
+    const size_t comma = text.find(',', start);
+    const std::string item =
+        text.substr(start, comma == std::string::npos ? std::string::npos : comma - start);
+    start = comma == std::string::npos ? text.size() + 1 : comma + 1;
+    if (item.empty()) continue;
+    const size_t slash = item.find('/');
+    AddressRange range;
+    if (!parseAddress(item.substr(0, slash), &range)) {
+      *error = "'" + item + "' is no IPv4 or IPv6 address";
+      return false;
+    }
+    const int bits = range.v6 ? 128 : 32;
+    range.prefix = bits;
+    if (slash != std::string::npos) {
+      const std::string prefix = item.substr(slash + 1);
+      if (prefix.empty() || prefix.size() > 3 ||
+          prefix.find_first_not_of("0123456789") != std::string::npos ||
+          std::atoi(prefix.c_str()) > bits) {
+        *error = "'" + item + "' has no valid prefix length";
+        return false;
+      }
+      range.prefix = std::atoi(prefix.c_str());
+    }
+    ranges->push_back(range);
+  }
+  if (ranges->empty()) {
+    *error = "no address given";
+    return false;
+  }
+  return true;
+}
+
+bool addressAllowed(const std::vector<AddressRange>& ranges, const std::string& address) {
+  AddressRange client;
+  if (!parseAddress(address, &client)) return false;
+  for (const AddressRange& range : ranges) {
+    if (range.v6 != client.v6) continue;
+    const int full = range.prefix / 8;
+    const int rest = range.prefix % 8;
+    if (std::memcmp(range.bytes, client.bytes, static_cast<size_t>(full)) != 0) continue;
+    if (rest != 0) {
+      const unsigned char mask = static_cast<unsigned char>(0xFF << (8 - rest));
+      if ((range.bytes[full] & mask) != (client.bytes[full] & mask)) continue;
+    }
+    return true;
+  }
+  return false;
+}
+
+std::string prometheusLabel(const std::string& value) {
+  std::string out;
+  out.reserve(value.size());
+  for (char c : value) {
+    if (c == '\\' || c == '"') {
+      out.push_back('\\');
+      out.push_back(c);
+    } else if (c == '\n') {
+      out += "\\n";
+    } else {
+      out.push_back(c);
+    }
+  }
+  return out;
+}
+
+Metrics::Metrics(const std::vector<std::string>& routes) {
+  for (const std::string& route : routes) routes_[route].reset(new RouteStats);
+  routes_[kOtherRoute].reset(new RouteStats);
+  for (const char* reason : kRefusalReasons) refused_[reason].reset(new std::atomic<uint64_t>(0));
+}
+
+Metrics::RouteStats& Metrics::statsOf(const std::string& route) {
+  auto it = routes_.find(route);
+  return it != routes_.end() ? *it->second : *routes_.find(kOtherRoute)->second;
+}
+
+void Metrics::observe(const std::string& route, int status, double seconds) {
+  RouteStats& stats = statsOf(route);
+  size_t s = 0;
+  while (s < kStatuses.size() && kStatuses[s] != status) ++s;
+  stats.byStatus[s].fetch_add(1, std::memory_order_relaxed);
+  size_t b = 0;
+  while (b < kBuckets.size() && seconds > kBuckets[b]) ++b;
+  stats.buckets[b].fetch_add(1, std::memory_order_relaxed);
+  stats.count.fetch_add(1, std::memory_order_relaxed);
+  stats.sumMicros.fetch_add(static_cast<uint64_t>(std::llround(seconds * 1e6)),
+                            std::memory_order_relaxed);
+}
+
+void Metrics::uploadRefused(const std::string& reason) {
+  auto it = refused_.find(reason);
+  if (it == refused_.end()) it = refused_.find("other");
+  it->second->fetch_add(1, std::memory_order_relaxed);
+}
+
+std::string Metrics::render() const {
+  std::string out;
+  out +=
+      "# HELP nox_http_requests_total HTTP answers by route and status.\n"
+      "# TYPE nox_http_requests_total counter\n";
+  for (const auto& route : routes_) {
+    const std::string label = prometheusLabel(route.first);
+    for (size_t s = 0; s <= kStatuses.size(); ++s) {
+      const uint64_t n = route.second->byStatus[s].load(std::memory_order_relaxed);
+      if (n == 0) continue;
+      const std::string status = s < kStatuses.size() ? std::to_string(kStatuses[s]) : "other";
+      out += "nox_http_requests_total{route=\"";
+      out += label;
+      out += "\",status=\"";
+      out += status;
+      out += "\"} ";
+      out += std::to_string(n);
+      out += '\n';
+    }
+  }
+  out +=
+      "# HELP nox_http_request_duration_seconds Time from a request's arrival to its answer, by "
+      "route.\n"
+      "# TYPE nox_http_request_duration_seconds histogram\n";
+  for (const auto& route : routes_) {
+    const RouteStats& stats = *route.second;
+    const uint64_t count = stats.count.load(std::memory_order_relaxed);
+    if (count == 0) continue;
+    const std::string label = prometheusLabel(route.first);
+    uint64_t cumulative = 0;
+    for (size_t b = 0; b <= kBuckets.size(); ++b) {
+      cumulative += stats.buckets[b].load(std::memory_order_relaxed);
+      const std::string le = b < kBuckets.size() ? number(kBuckets[b]) : "+Inf";
+      out += "nox_http_request_duration_seconds_bucket{route=\"";
+      out += label;
+      out += "\",le=\"";
+      out += le;
+      out += "\"} ";
+      out += std::to_string(cumulative);
+      out += '\n';
+    }
+    out += "nox_http_request_duration_seconds_sum{route=\"" + label + "\"} " +
+           number(static_cast<double>(stats.sumMicros.load(std::memory_order_relaxed)) / 1e6) +
+           "\n";
+    // The buckets were read one by one while others counted: the count is
+    // their total, so that the histogram stays consistent.
+    out += "nox_http_request_duration_seconds_count{route=\"" + label + "\"} " +
+           std::to_string(cumulative) + "\n";
+  }
+  out +=
+      "# HELP nox_uploads_refused_total Certificate and CRL uploads refused, by reason.\n"
+      "# TYPE nox_uploads_refused_total counter\n";
+  for (const auto& reason : refused_) {
+    out += "nox_uploads_refused_total{reason=\"" + reason.first + "\"} " +
+           std::to_string(reason.second->load(std::memory_order_relaxed)) + "\n";
+  }
+  return out;
+}
+
+namespace {
+
+// A number from /proc/self/status ("VmRSS:   1234 kB"), in its unit.
+long long statusField(const char* name) {
+  std::ifstream in("/proc/self/status");
+  std::string line;
+  const size_t length = std::strlen(name);
+  while (std::getline(in, line)) {
+    if (line.compare(0, length, name) == 0 && line.size() > length && line[length] == ':') {
+      return std::atoll(line.c_str() + length + 1);
+    }
+  }
+  return -1;
+}
+
+long long openFiles() {
+  std::error_code error;
+  std::filesystem::directory_iterator it("/proc/self/fd", error);
+  if (error) return -1;
+  long long n = 0;
+  for (; it != std::filesystem::directory_iterator(); it.increment(error)) ++n;
+  return n;
+}
+
+// Established TCP connections whose local port is `port` (the clients'),
+// from /proc/net/tcp and tcp6.
+long long connectionsOn(int port) {
+  long long n = 0;
+  for (const char* table : {"/proc/net/tcp", "/proc/net/tcp6"}) {
+    std::ifstream in(table);
+    std::string line;
+    std::getline(in, line);  // the heading
+    while (std::getline(in, line)) {
+      std::istringstream fields(line);
+      std::string slot, local, remote, state;
+      fields >> slot >> local >> remote >> state;
+      const size_t colon = local.rfind(':');
+      if (colon == std::string::npos || state != "01") continue;  // 01: ESTABLISHED
+      if (std::strtol(local.c_str() + colon + 1, nullptr, 16) == port) ++n;
+    }
+  }
+  return n;
+}
+
+}  // namespace
+
+std::string hostMetricsText(size_t waiting, int listenPort) {
+  std::string out;
+  out +=
+      "# HELP nox_operations_waiting Operations waiting for a free operation slot.\n"
+      "# TYPE nox_operations_waiting gauge\n"
+      "nox_operations_waiting " + std::to_string(waiting) + "\n";
+  out +=
+      "# HELP nox_backend_calls_total Packages sent to the backend, by command.\n"
+      "# TYPE nox_backend_calls_total counter\n";
+  const std::vector<BackendCallCount> calls = backendCallCounts();
+  char command[16];
+  for (const BackendCallCount& c : calls) {
+    std::snprintf(command, sizeof(command), "0x%08X", c.command);
+    out += std::string("nox_backend_calls_total{command=\"") + command + "\"} " +
+           std::to_string(c.calls) + "\n";
+  }
+  out +=
+      "# HELP nox_backend_failures_total Backend calls answered with a code, thrown, timed out or "
+      "without a backend, by command.\n"
+      "# TYPE nox_backend_failures_total counter\n";
+  for (const BackendCallCount& c : calls) {
+    std::snprintf(command, sizeof(command), "0x%08X", c.command);
+    out += std::string("nox_backend_failures_total{command=\"") + command + "\"} " +
+           std::to_string(c.failures) + "\n";
+  }
+  const LoginCounts logins = loginCounts();
+  out +=
+      "# HELP nox_logins_failed_total Logins the backend refused.\n"
+      "# TYPE nox_logins_failed_total counter\n"
+      "nox_logins_failed_total " + std::to_string(logins.failed) + "\n"
+      "# HELP nox_logins_throttled_total Logins refused by the throttle before the backend was "
+      "asked.\n"
+      "# TYPE nox_logins_throttled_total counter\n"
+      "nox_logins_throttled_total " + std::to_string(logins.throttled) + "\n";
+  try {
+    const size_t sessions = SessionStore::instance().size();
+    out +=
+        "# HELP nox_sessions_open Sessions open (in the shared store, for every gateway).\n"
+        "# TYPE nox_sessions_open gauge\n"
+        "nox_sessions_open " + std::to_string(sessions) + "\n";
+  } catch (...) {
+    // The session store cannot be reached: /healthz says so; the gauge is left out.
+  }
+  const long long rssKb = statusField("VmRSS");
+  if (rssKb >= 0) {
+    out +=
+        "# HELP process_resident_memory_bytes Resident memory of the gateway process.\n"
+        "# TYPE process_resident_memory_bytes gauge\n"
+        "process_resident_memory_bytes " + std::to_string(rssKb * 1024) + "\n";
+  }
+  const long long files = openFiles();
+  if (files >= 0) {
+    out +=
+        "# HELP process_open_fds Open file descriptors of the gateway process.\n"
+        "# TYPE process_open_fds gauge\n"
+        "process_open_fds " + std::to_string(files) + "\n";
+  }
+  out +=
+      "# HELP nox_open_connections Client connections open on the gateway's port.\n"
+      "# TYPE nox_open_connections gauge\n"
+      "nox_open_connections " + std::to_string(connectionsOn(listenPort)) + "\n";
+  return out;
+}
+
+}  // namespace gw
