@@ -2,8 +2,12 @@
 
 #include <sys/time.h>
 
+#include <json/json.h>
+
 #include <cctype>
 #include <ctime>
+
+#include "compact_json.h"
 
 namespace gw {
 
@@ -29,11 +33,27 @@ std::string formatAccess(const AccessRecord& record) {
          std::to_string(record.milliseconds) + "ms " + clean(record.user);
 }
 
-std::unique_ptr<AccessLog> AccessLog::open(const std::string& path) {
-  if (path.empty()) return std::unique_ptr<AccessLog>(new AccessLog(stderr, false));
+std::string formatAccessJson(const AccessRecord& record, const std::string& time) {
+  Json::Value line(Json::objectValue);
+  line["time"] = time;
+  line["client"] = record.client;
+  line["method"] = record.method;
+  line["path"] = record.path;
+  line["status"] = record.status;
+  line["bytes"] = static_cast<Json::UInt64>(record.bytes);
+  line["ms"] = static_cast<Json::Int64>(record.milliseconds);
+  line["user"] = record.user;
+  line["session"] = record.session;
+  line["requestId"] = record.requestId;
+  // The compact writer escapes control characters: a line stays one line.
+  return toCompactJson(line);
+}
+
+std::unique_ptr<AccessLog> AccessLog::open(const std::string& path, bool json) {
+  if (path.empty()) return std::unique_ptr<AccessLog>(new AccessLog(stderr, false, json));
   FILE* stream = fopen(path.c_str(), "ae");
   if (stream == nullptr) return nullptr;
-  return std::unique_ptr<AccessLog>(new AccessLog(stream, true));
+  return std::unique_ptr<AccessLog>(new AccessLog(stream, true, json));
 }
 
 AccessLog::~AccessLog() {
@@ -48,9 +68,12 @@ void AccessLog::write(const AccessRecord& record) {
   char stamp[40];
   const size_t n = strftime(stamp, sizeof(stamp), "%Y-%m-%dT%H:%M:%S", &utc);
   snprintf(stamp + n, sizeof(stamp) - n, ".%03dZ", static_cast<int>(now.tv_usec / 1000));
-  const std::string line = formatAccess(record);
   std::lock_guard<std::mutex> lock(mutex_);
-  fprintf(stream_, "%s %s\n", stamp, line.c_str());
+  if (json_) {
+    fprintf(stream_, "%s\n", formatAccessJson(record, stamp).c_str());
+  } else {
+    fprintf(stream_, "%s %s\n", stamp, formatAccess(record).c_str());
+  }
   fflush(stream_);
 }
 

@@ -486,6 +486,7 @@ HttpOutput Dispatcher::serveRoute(const HttpInput& in, const RouteMatch& match,
       headerValue(in.headers, kCsrfHeader) != kCsrfHeaderValue) {
     HttpOutput out = errorOutput(kErrCsrfHeaderMissing, describeCode(kErrCsrfHeaderMissing));
     out.user = info.getUserContext().userName_;
+    if (info.getHttpSession()) out.session = info.getHttpSession()->getId();
     return out;
   }
   // The session (or Accept-Language) gives the language unless the request
@@ -499,6 +500,7 @@ HttpOutput Dispatcher::serveRoute(const HttpInput& in, const RouteMatch& match,
         errorOutput(bodyError, bodyError == kErrBadRequest ? "The request body is not valid JSON."
                                                            : describeCode(bodyError));
     out.user = info.getUserContext().userName_;
+    if (info.getHttpSession()) out.session = info.getHttpSession()->getId();
     out.compressible = !carriesSecrets(route.url);
     return out;
   }
@@ -535,6 +537,7 @@ HttpOutput Dispatcher::serveRoute(const HttpInput& in, const RouteMatch& match,
     out = errorOutput(kErrInternal, describeCode(kErrInternal));
   }
   out.user = info.getUserContext().userName_;
+  if (info.getHttpSession()) out.session = info.getHttpSession()->getId();
   out.compressible = !carriesSecrets(route.url);
   return out;
 }

@@ -58,7 +58,8 @@ struct HttpOutput {
   std::string contentType = "application/json";
   HeaderList headers;  // further headers of the answer (never Content-Type)
   std::string body;
-  std::string user;  // the session's user, for the access log ("" without one)
+  std::string user;     // the session's user, for the access log ("" without one)
+  std::string session;  // the session's public identifier, for the access log
   // The route the answer belongs to, for the metrics: a registered URL
   // ("/kestrel_task", "/v1/alarm/historyalarm"), a built-in path, or "other".
   std::string route = "other";

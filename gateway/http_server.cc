@@ -8,12 +8,15 @@
 #include <strings.h>
 #include <sys/socket.h>
 
+#include <cctype>
 #include <chrono>
 #include <cstdlib>
 #include <memory>
 
 #include "error_table.h"
 #include "qpn_debug_kit.h"
+#include "secure_random.h"
+#include "trace_sink.h"
 #include "tls.h"
 
 namespace gw {
@@ -29,6 +32,10 @@ constexpr int kTraceModule = 4;  // the gateway's records in the trace log
 // thread-locals.
 thread_local Clock::time_point t_started;
 thread_local std::string t_user;
+thread_local std::string t_session;
+// The request's identifier: the client's X-Request-Id when it is sane, else
+// a new one; sent back with the answer and carried by the trace records.
+thread_local std::string t_requestId;
 // The answer's route label for the metrics; empty: the dispatcher never saw the request.
 thread_local std::string t_route;
 // The connection is to be closed after this answer, which has no body.
@@ -73,7 +80,19 @@ void writeOutput(const HttpOutput& out, httplib::Response& res, bool secure) {
         });
   }
   t_user = out.user;
+  t_session = out.session;
   t_route = out.route;
+}
+
+// The client's X-Request-Id when it is 1 to 64 characters of letters,
+// digits, '.', '_' and '-' (safe in every log); else 128 new random bits.
+std::string requestIdOf(const httplib::Request& req) {
+  const std::string given = req.get_header_value("X-Request-Id");
+  bool sane = !given.empty() && given.size() <= 64;
+  for (char c : given) {
+    if (!std::isalnum(static_cast<unsigned char>(c)) && c != '.' && c != '_' && c != '-') sane = false;
+  }
+  return sane ? given : secureRandomHex(16);
 }
 
 bool isChunked(const httplib::Request& req) {
@@ -270,7 +289,10 @@ void HttpServer::install() {
   svr.set_pre_routing_handler([](const httplib::Request& req, httplib::Response& res) {
     t_started = Clock::now();
     t_user.clear();
+    t_session.clear();
     t_route.clear();
+    t_requestId = requestIdOf(req);
+    setTraceRequestId(t_requestId);
     t_stopReading = false;
     // Each refusal here closes the connection: a body may follow that was
     // never read.
@@ -300,7 +322,9 @@ void HttpServer::install() {
   const std::string hsts = !config_.tlsCert.empty() && config_.hstsMaxAge > 0
                                ? "max-age=" + std::to_string(config_.hstsMaxAge)
                                : std::string();
-  svr.set_post_routing_handler([hsts](const httplib::Request&, httplib::Response& res) {
+  svr.set_post_routing_handler([hsts](const httplib::Request& req, httplib::Response& res) {
+    if (t_requestId.empty()) t_requestId = requestIdOf(req);
+    res.set_header("X-Request-Id", t_requestId);
     if (!hsts.empty()) res.set_header("Strict-Transport-Security", hsts);
     if (!res.has_header("Cache-Control")) res.set_header("Cache-Control", "no-store");
     res.set_header("X-Content-Type-Options", "nosniff");
@@ -431,6 +455,8 @@ void HttpServer::install() {
     record.milliseconds =
         std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - started).count();
     record.user = t_user;
+    record.session = t_session;
+    record.requestId = t_requestId;
     accessLog.write(record);
     if (metrics != nullptr) {
       const double seconds =
@@ -444,6 +470,8 @@ void HttpServer::install() {
       metrics->observe(t_route.empty() ? kOtherRoute : t_route, res.status, seconds);
     }
     t_route.clear();
+    t_requestId.clear();
+    setTraceRequestId(std::string());
     if (t_stopReading) {
       t_stopReading = false;
       stopReading(req);

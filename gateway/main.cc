@@ -145,7 +145,7 @@ int main(int argc, char** argv) {
     setTraceSink(sink);
   }
   const std::string accessPath = absoluteFrom(startDir, options.accessLog);
-  std::unique_ptr<gw::AccessLog> accessLog = gw::AccessLog::open(accessPath);
+  std::unique_ptr<gw::AccessLog> accessLog = gw::AccessLog::open(accessPath, options.accessLogJson);
   if (!accessLog) {
     fail("cannot open the access log " + accessPath + ": " + errnoText(errno));
     return 1;

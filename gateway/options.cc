@@ -128,6 +128,12 @@ bool parseOptions(const std::vector<std::string>& args, GatewayOptions* options,
         return false;
       }
       options->state = value == "memory" ? std::string() : value;
+    } else if (name == "--log-format") {
+      if (value != "text" && value != "json") {
+        *error = "--log-format wants text or json, not '" + value + "'";
+        return false;
+      }
+      options->accessLogJson = value == "json";
     } else if (name == "--metrics-allow") {
       std::vector<AddressRange> ranges;
       std::string why;
@@ -195,6 +201,7 @@ std::string usageText() {
          "  --log FILE              trace log (default stderr)\n"
          "  --log-level LEVEL       trace, debug, info, warn, error, off (default info)\n"
          "  --access-log FILE       access log (default stderr)\n"
+         "  --log-format text|json  the access log's lines: text (default) or one JSON object each\n"
          "  --threads N             worker threads (default 64)\n"
          "  --max-active N          operations running at once, the others wait in line\n"
          "                          (default eight per core, at least 8)\n"

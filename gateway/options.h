@@ -23,6 +23,7 @@ struct GatewayOptions {
   std::string log;           // trace log file; "": stderr
   std::string logLevel = "info";
   std::string accessLog;  // access log file; "": stderr
+  bool accessLogJson = false;  // --log-format json
   int threads = 64;  // a kept-alive connection holds its worker: size for the clients
   int maxActive = 0;  // operations running at once; 0: eight per core (at least 8)
   size_t maxBody = size_t{2} * 1024 * 1024;

@@ -14,6 +14,7 @@
 namespace {
 
 std::atomic<int> g_level{static_cast<int>(TraceLevel::kInfo)};
+thread_local std::string t_requestId;
 
 std::mutex& sinkMutex() {
   static std::mutex m;
@@ -39,6 +40,7 @@ void emit(int module, TraceLevel level, const char* function, unsigned int line,
   if (function != nullptr) record.function = function;
   record.line = line;
   record.text = std::move(text);
+  record.requestId = t_requestId;
   currentSink()->write(record);
 }
 
@@ -101,6 +103,7 @@ std::shared_ptr<TraceSink> setTraceSink(std::shared_ptr<TraceSink> sink) {
 }
 
 void setTraceLevel(TraceLevel level) { g_level.store(static_cast<int>(level)); }
+void setTraceRequestId(const std::string& id) { t_requestId = id; }
 TraceLevel getTraceLevel() { return static_cast<TraceLevel>(g_level.load()); }
 
 StreamTraceSink::StreamTraceSink(FILE* stream, bool owned) : stream_(stream), owned_(owned) {}
@@ -123,14 +126,17 @@ void StreamTraceSink::write(const TraceRecord& record) {
   gmtime_r(&tv.tv_sec, &utc);
   char stamp[32];
   std::strftime(stamp, sizeof(stamp), "%Y-%m-%dT%H:%M:%S", &utc);
+  const std::string request =
+      record.requestId.empty() ? std::string() : " [request " + record.requestId + "]";
   std::lock_guard<std::mutex> lock(mutex_);
   if (record.function.empty()) {
-    std::fprintf(stream_, "%s.%03ldZ %-5s [%d] %s\n", stamp, static_cast<long>(tv.tv_usec / 1000),
-                 traceLevelName(record.level), record.module, record.text.c_str());
-  } else {
-    std::fprintf(stream_, "%s.%03ldZ %-5s [%d] %s:%u %s\n", stamp,
+    std::fprintf(stream_, "%s.%03ldZ %-5s [%d] %s%s\n", stamp,
                  static_cast<long>(tv.tv_usec / 1000), traceLevelName(record.level), record.module,
-                 record.function.c_str(), record.line, record.text.c_str());
+                 record.text.c_str(), request.c_str());
+  } else {
+    std::fprintf(stream_, "%s.%03ldZ %-5s [%d] %s:%u %s%s\n", stamp,
+                 static_cast<long>(tv.tv_usec / 1000), traceLevelName(record.level), record.module,
+                 record.function.c_str(), record.line, record.text.c_str(), request.c_str());
   }
 }
 

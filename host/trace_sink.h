@@ -31,6 +31,8 @@ struct TraceRecord {
   std::string function;  // empty for traces and whole-text records
   unsigned int line = 0;
   std::string text;
+  // The request the record was written for (setTraceRequestId), "" when none.
+  std::string requestId;
 };
 
 class HOST_API TraceSink {
@@ -39,7 +41,8 @@ class HOST_API TraceSink {
   virtual void write(const TraceRecord& record) = 0;
 };
 
-// Writes "2026-11-21T10:00:00.123Z INFO  [11] function:42 text" lines to a FILE.
+// Writes "2026-11-21T10:00:00.123Z INFO  [11] function:42 text" lines to a
+// FILE, followed by " [request ID]" for records written for a request.
 class HOST_API StreamTraceSink : public TraceSink {
  public:
   // Does not own `stream` when `owned` is false.
@@ -72,5 +75,9 @@ HOST_API std::shared_ptr<TraceSink> setTraceSink(std::shared_ptr<TraceSink> sink
 // Records below `level` are dropped before they are formatted.
 HOST_API void setTraceLevel(TraceLevel level);
 HOST_API TraceLevel getTraceLevel();
+// Names the request the calling thread serves from now on ("" for none):
+// every record the thread writes carries it, so that a request's trace lines
+// can be found by the X-Request-Id of its answer.
+HOST_API void setTraceRequestId(const std::string& id);
 
 #endif  // NOX_HOST_TRACE_SINK_H_

@@ -43,6 +43,11 @@ echo "fresh-machine-check: debootstrap --variant=minbase bookworm $ROOT"
 debootstrap --variant=minbase bookworm "$ROOT" "$MIRROR" >"$LOGS/debootstrap.log" 2>&1 ||
   { tail -20 "$LOGS/debootstrap.log"; exit 1; }
 cp /etc/resolv.conf "$ROOT/etc/resolv.conf"
+# An installed system has /etc/hosts (the installer or the container runtime
+# writes it); a bare debootstrap root does not, and without it "localhost"
+# (which the browser test's driver is reached by) does not resolve.
+[ -s "$ROOT/etc/hosts" ] || printf '127.0.0.1\tlocalhost\n::1\t\tlocalhost ip6-localhost ip6-loopback\n' \
+  >"$ROOT/etc/hosts"
 # Trust what this machine trusts beyond Debian's own list (a site's
 # TLS-inspecting proxy, for one): the root gets this machine's bundle for the
 # npm registry, as every machine of the site would be set up.

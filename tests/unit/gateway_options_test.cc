@@ -136,11 +136,26 @@ TEST(GatewayOptionsTest, HostPort) {
 }
 
 TEST(AccessLogTest, LineFormat) {
-  gw::AccessRecord record{"127.0.0.1", "GET", "/healthz", 200, 15, 0, ""};
+  gw::AccessRecord record{"127.0.0.1", "GET", "/healthz", 200, 15, 0, "", "", "r1"};
   EXPECT_EQ(gw::formatAccess(record), "127.0.0.1 GET /healthz 200 15 0ms -");
   // A client cannot break the line or fake a field.
-  gw::AccessRecord odd{"127.0.0.1", "GET", "/a b\nforged 200", 404, 0, 12, "u ser"};
+  gw::AccessRecord odd{"127.0.0.1", "GET", "/a b\nforged 200", 404, 0, 12, "u ser", "", ""};
   EXPECT_EQ(gw::formatAccess(odd), "127.0.0.1 GET /a_b_forged_200 404 0 12ms u_ser");
+}
+
+// One object per line, every field present; what a client sent is escaped,
+// never able to end the line or add a member.
+TEST(AccessLogTest, JsonLineFormat) {
+  gw::AccessRecord record{"127.0.0.1", "GET", "/kestrel_task", 200, 5120, 3, "apiuser", "9f2c", "b41d"};
+  EXPECT_EQ(gw::formatAccessJson(record, "2026-11-21T22:10:01.042Z"),
+            "{\"bytes\":5120,\"client\":\"127.0.0.1\",\"method\":\"GET\",\"ms\":3,"
+            "\"path\":\"/kestrel_task\",\"requestId\":\"b41d\",\"session\":\"9f2c\","
+            "\"status\":200,\"time\":\"2026-11-21T22:10:01.042Z\",\"user\":\"apiuser\"}");
+  gw::AccessRecord odd{"127.0.0.1", "GET", "/a\"b\n\",\"user\":\"root", 404, 0, 1, "", "", ""};
+  const std::string line = gw::formatAccessJson(odd, "t");
+  EXPECT_EQ(line.find('\n'), std::string::npos);
+  EXPECT_NE(line.find("\"path\":\"/a\\\"b\\n\\\",\\\"user\\\":\\\"root\""), std::string::npos) << line;
+  EXPECT_NE(line.find("\"user\":\"\""), std::string::npos) << line;
 }
 
 }  // namespace
