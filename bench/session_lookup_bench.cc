@@ -63,8 +63,15 @@ void BM_LookupMemory(benchmark::State& state) {
 }
 BENCHMARK(BM_LookupMemory);
 
+// The redis-server of the Redis runs, started at the first and stopped when
+// the program ends.
+RedisServer& redisServer() {
+  static RedisServer server;
+  return server;
+}
+
 void BM_LookupRedis(benchmark::State& state) {
-  static RedisServer* redis = new RedisServer();
+  RedisServer* redis = &redisServer();
   if (!redis->running() && !redis->start()) {
     state.SkipWithError(redis->error().c_str());
     return;
@@ -87,5 +94,6 @@ int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();
+  redisServer().stop();
   return 0;
 }
