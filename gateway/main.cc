@@ -37,6 +37,7 @@
 #include "login_op.h"
 #include "session_store.h"
 #include "remote_backend.h"
+#include "command_line.h"
 #include "sim_backend.h"
 
 extern const char kNoxOpenApiText[];  // docs/openapi.json, embedded by the build
@@ -48,33 +49,6 @@ const char kVersion[] = "nox-gateway 1.0.0";
 constexpr int kHealthProbeMs = 1000;
 
 void fail(const std::string& text) { fprintf(stderr, "nox-gateway: %s\n", text.c_str()); }
-
-std::string dirName(const std::string& path) {
-  const size_t slash = path.rfind('/');
-  if (slash == std::string::npos) return ".";
-  if (slash == 0) return "/";
-  return path.substr(0, slash);
-}
-
-std::string currentDir() {
-  char buffer[PATH_MAX];
-  return getcwd(buffer, sizeof(buffer)) != nullptr ? std::string(buffer) : std::string(".");
-}
-
-// `path` made absolute against `base`; "" stays "".
-std::string absoluteFrom(const std::string& base, const std::string& path) {
-  if (path.empty() || path[0] == '/') return path;
-  return base + "/" + path;
-}
-
-// The folder of the running executable.
-std::string executableDir() {
-  char buffer[PATH_MAX];
-  const ssize_t n = readlink("/proc/self/exe", buffer, sizeof(buffer) - 1);
-  if (n <= 0) return currentDir();
-  buffer[n] = '\0';
-  return dirName(buffer);
-}
 
 // Operations running at once by default: enough to keep every core busy
 // while some of them wait for the disk, few enough that each runs quickly.

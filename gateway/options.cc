@@ -1,51 +1,15 @@
 #include "options.h"
 
-#include <cerrno>
-#include <cstdlib>
-
 #include "metrics.h"
 #include "remote_backend.h"
 
 namespace gw {
 
-namespace {
-
-bool parseNumber(const std::string& text, long long low, long long high, long long* value) {
-  if (text.empty()) return false;
-  errno = 0;
-  char* end = nullptr;
-  const long long parsed = std::strtoll(text.c_str(), &end, 10);
-  if (errno != 0 || end == nullptr || *end != '\0' || parsed < low || parsed > high) return false;
-  *value = parsed;
-  return true;
-}
-
-}  // namespace
-
-bool parseHostPort(const std::string& text, std::string* host, int* port) {
-  size_t colon = text.rfind(':');
-  if (colon == std::string::npos || colon == 0) return false;
-  std::string h = text.substr(0, colon);
-  if (h.size() >= 2 && h.front() == '[' && h.back() == ']') h = h.substr(1, h.size() - 2);
-  long long p = 0;
-  if (h.empty() || !parseNumber(text.substr(colon + 1), 0, 65535, &p)) return false;
-  *host = h;
-  *port = static_cast<int>(p);
-  return true;
-}
-
 bool parseOptions(const std::vector<std::string>& args, GatewayOptions* options,
                   std::string* error) {
   for (size_t i = 0; i < args.size(); ++i) {
-    std::string name = args[i];
-    std::string value;
-    bool hasValue = false;
-    const size_t eq = name.find('=');
-    if (name.compare(0, 2, "--") == 0 && eq != std::string::npos) {
-      value = name.substr(eq + 1);
-      name.resize(eq);
-      hasValue = true;
-    }
+    CommandOption option = splitOption(args[i]);
+    const std::string& name = option.name;
     // Switches without a value.
     if (name == "--help" || name == "-h") {
       options->help = true;
@@ -63,13 +27,8 @@ bool parseOptions(const std::vector<std::string>& args, GatewayOptions* options,
       options->exposeVerifyCode = true;
       continue;
     }
-    if (!hasValue) {
-      if (i + 1 >= args.size()) {
-        *error = "option " + name + " needs a value (see --help)";
-        return false;
-      }
-      value = args[++i];
-    }
+    if (!takeOptionValue(args, &i, &option, error)) return false;
+    const std::string& value = option.value;
     long long number = 0;
     if (name == "--listen") {
       if (!parseHostPort(value, &options->listenHost, &options->listenPort)) {

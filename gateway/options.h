@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "command_line.h"
+
 namespace gw {
 
 struct GatewayOptions {
@@ -51,8 +53,8 @@ bool parseOptions(const std::vector<std::string>& args, GatewayOptions* options,
 // The usage text printed by --help.
 std::string usageText();
 
-// Splits "HOST:PORT" ("[::1]:8443" for IPv6). Returns false when malformed.
-bool parseHostPort(const std::string& text, std::string* host, int* port);
+// "HOST:PORT" ("[::1]:8443" for IPv6), as nox-backend reads it too.
+using ::parseHostPort;
 
 }  // namespace gw
 

@@ -16,6 +16,7 @@
 
 #include "backend_server.h"
 #include "service_options.h"
+#include "command_line.h"
 #include "sim_backend.h"
 #include "trace_sink.h"
 
@@ -29,31 +30,6 @@ std::string errnoText(int error) {
 }
 
 void fail(const std::string& text) { fprintf(stderr, "nox-backend: %s\n", text.c_str()); }
-
-std::string dirName(const std::string& path) {
-  const size_t slash = path.rfind('/');
-  if (slash == std::string::npos) return ".";
-  if (slash == 0) return "/";
-  return path.substr(0, slash);
-}
-
-std::string currentDir() {
-  char buffer[PATH_MAX];
-  return getcwd(buffer, sizeof(buffer)) != nullptr ? std::string(buffer) : std::string(".");
-}
-
-std::string absoluteFrom(const std::string& base, const std::string& path) {
-  if (path.empty() || path[0] == '/') return path;
-  return base + "/" + path;
-}
-
-std::string executableDir() {
-  char buffer[PATH_MAX];
-  const ssize_t n = readlink("/proc/self/exe", buffer, sizeof(buffer) - 1);
-  if (n <= 0) return currentDir();
-  buffer[n] = '\0';
-  return dirName(buffer);
-}
 
 }  // namespace
 

@@ -114,21 +114,8 @@ bool GatewayProcess::start(const std::vector<std::string>& extra) {
                                    "--threads",
                                    "4"};
   args.insert(args.end(), extra.begin(), extra.end());
-  int pipeFds[2];
-  if (pipe2(pipeFds, O_CLOEXEC) != 0) return false;
-  pid_ = fork();
+  pid_ = spawn(args, &outFd_);
   if (pid_ < 0) return false;
-  if (pid_ == 0) {
-    dup2(pipeFds[1], STDOUT_FILENO);
-    dup2(pipeFds[1], STDERR_FILENO);
-    std::vector<char*> argv;
-    for (std::string& arg : args) argv.push_back(&arg[0]);
-    argv.push_back(nullptr);
-    execv(argv[0], argv.data());
-    _exit(127);
-  }
-  close(pipeFds[1]);
-  outFd_ = pipeFds[0];
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
   const std::string marker = "listening on 127.0.0.1:";
   while (std::chrono::steady_clock::now() < deadline) {
@@ -149,23 +136,10 @@ bool GatewayProcess::start(const std::vector<std::string>& extra) {
 }
 
 int GatewayProcess::runToExit(const std::vector<std::string>& args) {
-  int pipeFds[2];
-  if (pipe2(pipeFds, O_CLOEXEC) != 0) return -1;
-  pid_ = fork();
+  std::vector<std::string> command = args;
+  command.insert(command.begin(), NOX_GATEWAY_BIN);
+  pid_ = spawn(command, &outFd_);
   if (pid_ < 0) return -1;
-  if (pid_ == 0) {
-    dup2(pipeFds[1], STDOUT_FILENO);
-    dup2(pipeFds[1], STDERR_FILENO);
-    std::vector<std::string> copy = args;
-    copy.insert(copy.begin(), NOX_GATEWAY_BIN);
-    std::vector<char*> argv;
-    for (std::string& arg : copy) argv.push_back(&arg[0]);
-    argv.push_back(nullptr);
-    execv(argv[0], argv.data());
-    _exit(127);
-  }
-  close(pipeFds[1]);
-  outFd_ = pipeFds[0];
   int status = 0;
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
   while (std::chrono::steady_clock::now() < deadline) {
