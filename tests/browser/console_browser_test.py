@@ -613,9 +613,13 @@ class ConsoleBrowserTest(ConsoleTestBase):
 
 
 class ConsoleSessionExpiryTest(ConsoleTestBase):
+    # Long enough that a busy machine never lets the session lapse between
+    # the sign-in and the requests of the first page (two seconds once did).
+    IDLE = 6
+
     @classmethod
     def gateway_options(cls):
-        return ["--session-idle", "2"]
+        return ["--session-idle", str(cls.IDLE)]
 
     def test_expired_session_goes_back_to_sign_in(self):
         self.open_console()
@@ -623,7 +627,7 @@ class ConsoleSessionExpiryTest(ConsoleTestBase):
         self.driver.find_element(By.CSS_SELECTOR, "#nav a[data-page=storage]").click()
         self.visible("page-storage")
         self.wait_text("storage-name", r"\w")
-        time.sleep(3.5)
+        time.sleep(self.IDLE + 1.5)
         self.el("storage-reload").click()
         self.visible("page-signin")
         self.wait_text("notice", "Your session has expired")
