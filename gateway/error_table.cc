@@ -35,6 +35,8 @@ constexpr CodeRow kCodes[] = {
     {kErrCsrfHeaderMissing, 403,
      "A request that changes data with the session cookie must carry X-Requested-With: "
      "nox-console."},
+    {kErrRequestTimeout, 408, "The request did not arrive in time."},
+    {kErrBusy, 503, "The gateway is busy. Try again shortly."},
     {0x60E01D01, 422, "The certificate is neither PEM nor DER."},
     {0x60E01D02, 422, "The certificate is outside its validity dates."},
     {0x60E01D03, 422, "The certificate is not a CA certificate."},

@@ -25,6 +25,10 @@ constexpr long long kErrInternal = 0x03000204;          // 500: an uncoded excep
 // 403: a state-changing request with the session cookie lacks the console's
 // header (kCsrfHeader in http_mapping.h).
 constexpr long long kErrCsrfHeaderMissing = 0x03000205;
+// 408: the request's header or body did not arrive within its time-out.
+constexpr long long kErrRequestTimeout = 0x03000206;
+// 503: every worker is busy and the line of waiting requests is full.
+constexpr long long kErrBusy = 0x03000207;
 constexpr long long kErrBadRequest = 0x03000003;        // 400: unreadable body or arguments
 constexpr long long kErrSessionRequired = 0x03000011;   // 401: no valid session
 

@@ -318,8 +318,7 @@ HttpOutput renderResponse(const CRequestMsg& request, const CResponseMsg& respon
 Dispatcher::Dispatcher(const CSpecifyProc& registry, SessionLookup lookup, DispatchOptions options)
     : registry_(registry),
       lookup_(std::move(lookup)),
-      options_(std::move(options)),
-      gate_(options_.maxActive > 0 ? new AdmissionGate(options_.maxActive) : nullptr) {}
+      options_(std::move(options)) {}
 
 std::vector<std::string> routeLabels(const CSpecifyProc& registry) {
   std::vector<std::string> labels = {"/healthz", "/openapi.json", "/metrics", "/console"};
@@ -399,10 +398,6 @@ HttpOutput Dispatcher::dispatch(const HttpInput& in, std::string* route) const {
     if (match.route == nullptr)
       return errorOutput(kErrRouteNotFound, describeCode(kErrRouteNotFound));
     *route = (match.interfaceVersion.empty() ? "" : "/" + match.interfaceVersion) + match.route->url;
-    // Only operations wait in line: a health check answers at once even
-    // when every slot is taken.
-    std::optional<AdmissionGate::Pass> pass;
-    if (gate_) pass.emplace(*gate_);
     return serveRoute(in, match, path, query);
   } catch (const std::exception&) {
     return errorOutput(kErrInternal, describeCode(kErrInternal));

@@ -25,7 +25,6 @@
 #include <utility>
 #include <vector>
 
-#include "admission_gate.h"
 #include "metrics.h"
 #include "request_msg.h"
 #include "operation_base.h"
@@ -78,7 +77,6 @@ using SessionLookup = std::function<bool(const std::string& token, CSessionInfo&
 struct DispatchOptions {
   size_t maxBody = size_t{2} * 1024 * 1024;  // bytes of JSON body or of all file parts together
   std::string openApi;                       // the text served at GET /openapi.json
-  size_t maxActive = 0;  // operations running at once (others wait in line); 0: no limit
   // Adds the health of what the gateway depends on to the /healthz answer
   // (its "status" member is "ok"); returns false when the gateway cannot
   // serve now, which answers 503.
@@ -174,9 +172,6 @@ class Dispatcher {
 
   Metrics* metrics() const { return options_.metrics; }
 
-  // The gate operations pass through (DispatchOptions::maxActive), or null.
-  AdmissionGate* gate() const { return gate_.get(); }
-
  private:
   HttpOutput dispatch(const HttpInput& in, std::string* route) const;
   HttpOutput serveRoute(const HttpInput& in, const RouteMatch& match, const std::string& path,
@@ -186,7 +181,6 @@ class Dispatcher {
   const CSpecifyProc& registry_;
   SessionLookup lookup_;
   DispatchOptions options_;
-  std::unique_ptr<AdmissionGate> gate_;  // null: no limit
 };
 
 // An error answer: the status for `code` and the envelope.

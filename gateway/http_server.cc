@@ -1,205 +1,59 @@
 #include "http_server.h"
 
-#include <httplib.h>
-
-#include <arpa/inet.h>
-#include <dirent.h>
-#include <netinet/in.h>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/ssl.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/asio/strand.hpp>
+#include <boost/beast/core.hpp>
+#include <boost/beast/http.hpp>
+#include <boost/beast/ssl.hpp>
+#include <pthread.h>
 #include <strings.h>
-#include <sys/socket.h>
 
-#include <cctype>
+#include <atomic>
 #include <chrono>
-#include <cstdlib>
-#include <memory>
+#include <mutex>
+#include <optional>
+#include <thread>
+#include <unordered_map>
+#include <vector>
 
 #include "error_table.h"
+#include "http_answer.h"
 #include "qpn_debug_kit.h"
-#include "secure_random.h"
-#include "trace_sink.h"
+#include "request_body.h"
 #include "tls.h"
+#include "trace_sink.h"
+#include "worker_pool.h"
 
 namespace gw {
 
-namespace {
-
+namespace net = boost::asio;
+namespace beast = boost::beast;
+namespace http = beast::http;
+using tcp = net::ip::tcp;
 using Clock = std::chrono::steady_clock;
 
+namespace {
+
 constexpr int kTraceModule = 4;  // the gateway's records in the trace log
+// Threads of the pool for the built-in paths, and their line.
+constexpr size_t kServiceThreads = 2;
+constexpr size_t kServiceLine = 256;
+// After a refusal the connection is closed once the client has stopped
+// sending or after this long: closing with unread bytes would reset the
+// connection and could destroy the answer before the client reads it.
+constexpr auto kLingerTime = std::chrono::seconds(2);
+constexpr size_t kLingerBytes = size_t{1} << 20;
 
-// One connection is served by one worker from the request's headers to the
-// access log line, so the per-request values the logger needs travel in
-// thread-locals.
-thread_local Clock::time_point t_started;
-thread_local std::string t_user;
-thread_local std::string t_session;
-// The request's identifier: the client's X-Request-Id when it is sane, else
-// a new one; sent back with the answer and carried by the trace records.
-thread_local std::string t_requestId;
-// The answer's route label for the metrics; empty: the dispatcher never saw the request.
-thread_local std::string t_route;
-// The connection is to be closed after this answer, which has no body.
-thread_local bool t_stopReading = false;
-
-// Header lines a request may carry (cpp-httplib adds four of its own).
-constexpr size_t kMaxHeaderCount = 100;
-constexpr size_t kLibraryHeaders = 4;
-
-HttpInput toInput(const httplib::Request& req) {
-  HttpInput in;
-  in.method = req.method;
-  in.target = req.target;
-  in.clientAddress = req.remote_addr;
-  for (const auto& header : req.headers) in.headers.emplace_back(header.first, header.second);
-  return in;
+int defaultWorkers() {
+  const unsigned cores = std::thread::hardware_concurrency();
+  return cores * 8 > 8 ? static_cast<int>(cores * 8) : 8;
 }
 
-// Over HTTPS the session cookie is marked Secure, so that a browser never
-// sends it over plain HTTP.
-void writeOutput(const HttpOutput& out, httplib::Response& res, bool secure) {
-  res.status = out.status;
-  for (const auto& header : out.headers) {
-    std::string value = header.second;
-    if (secure && strcasecmp(header.first.c_str(), "Set-Cookie") == 0 &&
-        value.find("; Secure") == std::string::npos) {
-      value += "; Secure";
-    }
-    res.headers.emplace(header.first, value);
-  }
-  const std::string type = out.contentType.empty() ? "application/json" : out.contentType;
-  if (out.compressible) {
-    res.set_content(out.body, type);
-  } else {
-    // cpp-httplib compresses a body set with set_content when the client
-    // accepts it, but never one that a content provider of known length
-    // writes: the bytes go out as they are.
-    auto body = std::make_shared<std::string>(out.body);
-    res.set_content_provider(
-        body->size(), type, [body](size_t offset, size_t length, httplib::DataSink& sink) {
-          return sink.write(body->data() + offset, length);
-        });
-  }
-  t_user = out.user;
-  t_session = out.session;
-  t_route = out.route;
-}
-
-// The client's X-Request-Id when it is 1 to 64 characters of letters,
-// digits, '.', '_' and '-' (safe in every log); else 128 new random bits.
-std::string requestIdOf(const httplib::Request& req) {
-  const std::string given = req.get_header_value("X-Request-Id");
-  bool sane = !given.empty() && given.size() <= 64;
-  for (char c : given) {
-    if (!std::isalnum(static_cast<unsigned char>(c)) && c != '.' && c != '_' && c != '-') sane = false;
-  }
-  return sane ? given : secureRandomHex(16);
-}
-
-bool isChunked(const httplib::Request& req) {
-  return strcasecmp(req.get_header_value("Transfer-Encoding").c_str(), "chunked") == 0;
-}
-
-// The Content-Length of `req`, 0 without one; a value that is not a number
-// counts as endless.
-unsigned long long declaredLength(const httplib::Request& req) {
-  if (!req.has_header("Content-Length")) return 0;
-  const std::string value = req.get_header_value("Content-Length");
-  if (value.empty() || value.find_first_not_of("0123456789") != std::string::npos ||
-      value.size() > 19) {
-    return ~0ULL;
-  }
-  return std::stoull(value);
-}
-
-// Sends the body of `res` (already set) and then ends the connection. Used
-// when the bytes after this request cannot be trusted to start a new one: a
-// body left unread, a framing the gateway refuses. cpp-httplib keeps a
-// connection while its handlers succeed, so the body goes out through a
-// content provider that reports failure once everything is written.
-void closeAfter(httplib::Response& res) {
-  auto body = std::make_shared<std::string>(std::move(res.body));
-  res.body.clear();
-  std::string type = res.get_header_value("Content-Type");
-  if (type.empty()) type = "application/json";
-  res.headers.erase("Content-Type");
-  res.headers.erase("Connection");
-  res.set_header("Connection", "close");
-  res.set_content_provider(
-      body->size(), type, [body](size_t offset, size_t length, httplib::DataSink& sink) {
-        if (offset < body->size()) sink.write(body->data() + offset, length);
-        return false;
-      });
-}
-
-// Answers with the error envelope of `code` under `status` and closes.
-void refuse(httplib::Response& res, int status, long long code, const std::string& description) {
-  res.status = status;
-  res.set_content(toCompactJson(errorEnvelope(code, description)), "application/json");
-  closeAfter(res);
-}
-
-// Framing the gateway does not accept: Content-Length given twice, both a
-// length and chunks (a front proxy and the gateway could then disagree on
-// where the request ends), or a transfer coding other than plain chunks.
-bool ambiguousFraming(const httplib::Request& req) {
-  const size_t lengths = req.get_header_value_count("Content-Length");
-  const bool coded = req.has_header("Transfer-Encoding");
-  return lengths > 1 || (lengths == 1 && coded) || (coded && !isChunked(req));
-}
-
-// Whether cpp-httplib reads a request body for `method` (it does for these
-// only).
-bool expectsBody(const std::string& method) {
-  return method == "POST" || method == "PUT" || method == "PATCH" || method == "DELETE";
-}
-
-// The address text of a socket address, as cpp-httplib writes it.
-std::string addressText(const sockaddr_storage& address, int* port) {
-  char text[INET6_ADDRSTRLEN] = "";
-  if (address.ss_family == AF_INET) {
-    const auto* in = reinterpret_cast<const sockaddr_in*>(&address);
-    inet_ntop(AF_INET, &in->sin_addr, text, sizeof(text));
-    *port = ntohs(in->sin_port);
-  } else if (address.ss_family == AF_INET6) {
-    const auto* in6 = reinterpret_cast<const sockaddr_in6*>(&address);
-    inet_ntop(AF_INET6, &in6->sin6_addr, text, sizeof(text));
-    *port = ntohs(in6->sin6_port);
-  }
-  return text;
-}
-
-// Ends reading on the connection `req` came on, so that cpp-httplib closes it
-// instead of waiting for another request. Only once the answer is out:
-// cpp-httplib writes nothing more to a socket it cannot read. For answers
-// without a body (HEAD), which closeAfter cannot use. The socket is found by
-// its address pair, which only this connection has, and which cannot be
-// closed while its request is served.
-void stopReading(const httplib::Request& req) {
-  if (req.local_port <= 0 || req.remote_port <= 0) return;
-  DIR* fds = opendir("/proc/self/fd");
-  if (fds == nullptr) return;
-  while (const dirent* entry = readdir(fds)) {  // NOLINT(concurrency-mt-unsafe): own stream
-    const int fd = atoi(entry->d_name);
-    if (fd <= 2 || fd == dirfd(fds)) continue;
-    sockaddr_storage local{};
-    sockaddr_storage peer{};
-    socklen_t localSize = sizeof(local);
-    socklen_t peerSize = sizeof(peer);
-    if (getsockname(fd, reinterpret_cast<sockaddr*>(&local), &localSize) != 0 ||
-        getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &peerSize) != 0) {
-      continue;
-    }
-    int localPort = -1;
-    int peerPort = -1;
-    const std::string localText = addressText(local, &localPort);
-    const std::string peerText = addressText(peer, &peerPort);
-    if (localPort == req.local_port && peerPort == req.remote_port &&
-        localText == req.local_addr && peerText == req.remote_addr) {
-      shutdown(fd, SHUT_RD);
-      break;
-    }
-  }
-  closedir(fds);
+int defaultIoThreads() {
+  const unsigned cores = std::thread::hardware_concurrency();
+  return cores > 0 ? static_cast<int>(cores) : 1;
 }
 
 // The methods the gateway serves; TRACE, CONNECT and others are refused
@@ -213,278 +67,682 @@ bool servedMethod(const std::string& method) {
   return false;
 }
 
-// The envelope for answers cpp-httplib makes itself (body too large,
-// malformed request).
-long long codeForLibraryStatus(int status) {
-  switch (status) {
-    case 413:
-      return kErrBodyTooLarge;
-    case 404:
-      return kErrRouteNotFound;
-    case 405:
-      return kErrMethodNotAllowed;
-    case 500:
-      return kErrInternal;
-    default:
-      return kErrBadRequest;
-  }
+bool takesNoBody(const std::string& method) {
+  return method == "GET" || method == "HEAD" || method == "OPTIONS";
+}
+
+// Whether `path` is one the gateway answers itself, without the plug-in.
+bool builtInPath(const std::string& target) {
+  const std::string path = target.substr(0, target.find('?'));
+  return path == "/healthz" || path == "/metrics" || path == "/openapi.json" ||
+         path == "/console" || path.compare(0, 9, "/console/") == 0;
 }
 
 }  // namespace
 
+// What every connection shares: the settings, the pools, the counters and
+// the list of open connections (for stop()).
+struct HttpServer::Impl {
+  Impl(ServerConfig c, const Dispatcher& d, AccessLog& log)
+      : config(std::move(c)),
+        dispatcher(d),
+        accessLog(log),
+        transportLimit(config.maxBody + kMultipartOverhead),
+        operations("operations",
+                   static_cast<size_t>(config.workers > 0 ? config.workers : defaultWorkers()),
+                   config.queueLimit),
+        service("service", kServiceThreads, kServiceLine),
+        ioc(config.ioThreads > 0 ? config.ioThreads : defaultIoThreads()),
+        acceptor(net::make_strand(ioc)) {}
+
+  class Connection;  // what stop() reaches on every open connection
+
+  void accept();
+  void onAccept(beast::error_code ec, tcp::socket socket);
+  void beginStop();
+  void checkDrained();
+
+  size_t track(const std::shared_ptr<Connection>& connection);
+  void untrack(size_t id) {
+    std::lock_guard<std::mutex> lock(connectionsMutex);
+    connections.erase(id);
+  }
+
+  const ServerConfig config;
+  const Dispatcher& dispatcher;
+  AccessLog& accessLog;
+  const size_t transportLimit;
+  std::optional<net::ssl::context> tls;
+  std::string hsts;
+  int port = -1;
+
+  WorkerPool operations;
+  WorkerPool service;
+
+  std::atomic<size_t> open{0};
+  std::atomic<uint64_t> refused{0};
+  std::atomic<bool> stopping{false};
+  std::atomic<bool> serving{false};
+  std::atomic<bool> stopBegun{false};
+  std::atomic<bool> failed{false};
+
+  std::mutex connectionsMutex;
+  std::unordered_map<size_t, std::weak_ptr<Connection>> connections;
+  size_t nextId = 0;
+
+  // Last: destroyed first, with every handler (and connection) it holds,
+  // while the rest is still there.
+  net::io_context ioc;
+  tcp::acceptor acceptor;
+  std::optional<net::executor_work_guard<net::io_context::executor_type>> work;
+  std::optional<net::steady_timer> drainTimer;
+  Clock::time_point drainDeadline;
+};
+
+class HttpServer::Impl::Connection : public std::enable_shared_from_this<Connection> {
+ public:
+  virtual ~Connection() = default;
+  // Closes the connection if it waits for a request; one being served is
+  // closed after its answer.
+  virtual void closeIfIdle() = 0;
+};
+
+namespace {
+
+using Impl = HttpServer::Impl;
+
+// One client connection over `Stream` (a TCP stream, or TLS over one).
+template <class Stream>
+class Connection final : public Impl::Connection {
+ public:
+  Connection(Impl& server, Stream stream, std::string client)
+      : server_(server),
+        stream_(std::move(stream)),
+        timer_(stream_.get_executor()),
+        client_(std::move(client)) {
+    ++server_.open;
+  }
+  ~Connection() override {
+    server_.untrack(id_);
+    --server_.open;
+  }
+
+  void begin(size_t id) {
+    id_ = id;
+    if constexpr (std::is_same_v<Stream, beast::tcp_stream>) {
+      waitForRequest(true);
+    } else {
+      arm(server_.config.headerTimeout, Expiry::kClose);
+      stream_.async_handshake(net::ssl::stream_base::server,
+                              [self = self()](beast::error_code ec) {
+                                self->timer_.cancel();
+                                if (ec) return self->closeNow();
+                                self->waitForRequest(true);
+                              });
+    }
+  }
+
+  void closeIfIdle() override {
+    net::post(stream_.get_executor(), [self = self()] {
+      if (self->state_ == State::kIdle) self->socket().cancel();
+    });
+  }
+
+ private:
+  enum class State { kStarting, kIdle, kHeader, kBody, kWorking, kWriting, kClosing };
+  // What the deadline timer does when it fires.
+  enum class Expiry { kClose, kTimeOut };
+
+  std::shared_ptr<Connection> self() {
+    return std::static_pointer_cast<Connection>(shared_from_this());
+  }
+  tcp::socket& socket() { return beast::get_lowest_layer(stream_).socket(); }
+
+  // Starts the deadline: when it passes, the pending read is cancelled and
+  // `timedOut_` tells its handler why.
+  void arm(int seconds, Expiry expiry) {
+    timedOut_ = false;
+    timer_.expires_after(std::chrono::seconds(seconds));
+    timer_.async_wait([self = self(), expiry](beast::error_code ec) {
+      if (ec) return;  // cancelled: the read finished first
+      self->timedOut_ = true;
+      beast::error_code ignored;
+      if (expiry == Expiry::kClose) {
+        self->socket().shutdown(tcp::socket::shutdown_both, ignored);
+      }
+      self->socket().cancel(ignored);
+    });
+  }
+
+  // Waits for the first byte of the next request: the header time-out on a
+  // new connection, the keep-alive time-out between requests. A connection
+  // that sends nothing is closed without an answer.
+  void waitForRequest(bool first) {
+    if (server_.stopping) return closeNow();
+    state_ = State::kIdle;
+    if (buffer_.size() > 0) return readHeader();
+    arm(first ? server_.config.headerTimeout : server_.config.keepAliveTimeout, Expiry::kClose);
+    stream_.async_read_some(buffer_.prepare(4096),
+                            [self = self()](beast::error_code ec, size_t n) {
+                              self->timer_.cancel();
+                              if (ec) return self->closeNow();
+                              self->buffer_.commit(n);
+                              self->readHeader();
+                            });
+  }
+
+  // Reads the header piece by piece, counting what the parser takes: the
+  // limit holds for the whole header, however it is cut into packets.
+  void readHeader() {
+    state_ = State::kHeader;
+    parser_.emplace();
+    parser_->header_limit(static_cast<std::uint32_t>(server_.config.maxHeaderBytes));
+    parser_->body_limit(server_.transportLimit);
+    headerBytes_ = 0;
+    started_ = Clock::now();
+    arm(server_.config.headerTimeout, Expiry::kTimeOut);
+    readHeaderSome();
+  }
+
+  void readHeaderSome() {
+    http::async_read_some(stream_, buffer_, *parser_,
+                          [self = self()](beast::error_code ec, size_t n) {
+                            self->headerBytes_ += n;
+                            if (!ec && self->headerBytes_ > self->server_.config.maxHeaderBytes) {
+                              ec = http::error::header_limit;
+                            }
+                            if (!ec && !self->parser_->is_header_done()) {
+                              return self->readHeaderSome();
+                            }
+                            self->timer_.cancel();
+                            self->onHeader(ec);
+                          });
+  }
+
+  void onHeader(beast::error_code ec) {
+    if (timedOut_) {
+      return refuse(408, kErrRequestTimeout, "The request header did not arrive in time.");
+    }
+    if (ec == http::error::end_of_stream || ec == net::error::eof ||
+        ec == net::error::connection_reset || ec == net::error::operation_aborted ||
+        ec == net::ssl::error::stream_truncated) {
+      return closeNow();
+    }
+    if (ec == http::error::header_limit) {
+      // The parser takes the request line first: without it, the request
+      // line alone is over the limit, which is a target too long.
+      if (parser_->get().method_string().empty()) {
+        return refuse(414, kErrBadRequest, "The request target is too long.");
+      }
+      return refuse(431, kErrBadRequest, "The request header is too large.");
+    }
+    if (ec == http::error::body_limit) {
+      return refuse(413, kErrBodyTooLarge, describeCode(kErrBodyTooLarge));
+    }
+    if (ec) return refuse(400, kErrBadRequest, "The request could not be read.");
+
+    const auto& req = parser_->get();
+    method_ = std::string(req.method_string());
+    target_ = std::string(req.target());
+    size_t headers = 0;
+    for (auto it = req.begin(); it != req.end(); ++it) ++headers;
+    // Each refusal here closes the connection: a body may follow that was
+    // never read.
+    if (!servedMethod(method_)) {
+      return refuse(405, kErrMethodNotAllowed, describeCode(kErrMethodNotAllowed));
+    }
+    if (headers > server_.config.maxHeaders) {
+      return refuse(431, kErrBadRequest, "The request carries too many headers.");
+    }
+    // Transfer codings other than plain chunks, or the length given twice
+    // (even twice the same): a front proxy and the gateway could disagree
+    // on where the body ends.
+    const auto coding = req.find(http::field::transfer_encoding);
+    if ((coding != req.end() && !beast::iequals(coding->value(), "chunked")) ||
+        req.count(http::field::content_length) > 1) {
+      return refuse(400, kErrBadRequest, "The request body is framed ambiguously.");
+    }
+    if (takesNoBody(method_) && (req.has_content_length() || parser_->chunked())) {
+      return refuse(400, kErrBadRequest, "This method takes no request body.");
+    }
+    if (parser_->is_done()) return dispatch();
+    received_ = 0;
+    bodyStarted_ = Clock::now();
+    if (req.version() >= 11 && beast::iequals(req[http::field::expect], "100-continue")) {
+      // The client waits for this before it sends the body.
+      auto go = std::make_shared<http::response<http::empty_body>>(http::status::continue_, 11);
+      beast::get_lowest_layer(stream_).expires_after(
+          std::chrono::seconds(server_.config.writeTimeout));
+      http::async_write(stream_, *go, [self = self(), go](beast::error_code ec, size_t) {
+        beast::get_lowest_layer(self->stream_).expires_never();
+        if (ec) return self->closeNow();
+        self->readBody();
+      });
+      return;
+    }
+    readBody();
+  }
+
+  void readBody() {
+    state_ = State::kBody;
+    arm(server_.config.readTimeout, Expiry::kTimeOut);
+    http::async_read_some(stream_, buffer_, *parser_,
+                          [self = self()](beast::error_code ec, size_t) {
+                            self->timer_.cancel();
+                            self->onBody(ec);
+                          });
+  }
+
+  void onBody(beast::error_code ec) {
+    received_ = parser_->get().body().size();
+    if (ec == http::error::body_limit) {
+      return refuse(413, kErrBodyTooLarge, describeCode(kErrBodyTooLarge));
+    }
+    const double seconds = std::chrono::duration<double>(Clock::now() - bodyStarted_).count();
+    const bool tooSlow = !ec && !parser_->is_done() && seconds > server_.config.readTimeout &&
+                         static_cast<double>(received_) <
+                             seconds * static_cast<double>(server_.config.minBodyRate);
+    if (timedOut_ || tooSlow || ec) {
+      // The client went away, stopped sending or sends too slowly: nothing
+      // of the body reaches an operation, so nothing is imported or written.
+      const auto& req = parser_->get();
+      const auto length = req.find(http::field::content_length);
+      CQPNDebugKitGuard guard(kTraceModule, "readBody");
+      guard.warn(0, "readBody", __LINE__,
+                 "request body of %s %s from %s cut off after %zu of %s bytes", method_.c_str(),
+                 target_.substr(0, target_.find('?')).c_str(), client_.c_str(), received_,
+                 length != req.end() ? std::string(length->value()).c_str() : "(chunked)");
+      if (timedOut_ || tooSlow) {
+        return refuse(408, kErrRequestTimeout,
+                      tooSlow ? "The request body arrives too slowly."
+                              : "The request body did not arrive in time.");
+      }
+      if (ec == http::error::partial_message || ec == net::error::eof ||
+          ec == http::error::end_of_stream || ec == net::error::connection_reset) {
+        return closeNow();
+      }
+      return refuse(400, kErrBadRequest, "The request body could not be read.");
+    }
+    if (!parser_->is_done()) return readBody();
+    dispatch();
+  }
+
+  // The request is whole: it goes to a worker; the answer comes back here.
+  void dispatch() {
+    state_ = State::kWorking;
+    auto& req = parser_->get();
+    HttpInput in;
+    in.method = method_;
+    in.target = target_;
+    in.clientAddress = client_;
+    for (const auto& field : req) {
+      in.headers.emplace_back(std::string(field.name_string()), std::string(field.value()));
+    }
+    in.body = std::move(req.body());
+    keepAlive_ = req.keep_alive();
+    version_ = req.version();
+    head_ = method_ == "HEAD";
+    context_.secure = !std::is_same_v<Stream, beast::tcp_stream>;
+    context_.hstsMaxAge = server_.config.hstsMaxAge;
+    context_.requestId = requestIdFor(headerValue(in.headers, "X-Request-Id"));
+    context_.acceptEncoding = headerValue(in.headers, "Accept-Encoding");
+
+    // Bodies are counted after inflating, so that a small body cannot
+    // unpack into a large one.
+    switch (decodeContent(headerValue(in.headers, "Content-Encoding"), &in.body,
+                          server_.transportLimit)) {
+      case BodyStatus::kOk:
+        break;
+      case BodyStatus::kTooLarge:
+        return refuse(413, kErrBodyTooLarge, describeCode(kErrBodyTooLarge));
+      case BodyStatus::kUnsupported:
+        return refuse(415, kErrBadRequest, "The request body's Content-Encoding is not supported.");
+      case BodyStatus::kMalformed:
+        return refuse(400, kErrBadRequest, "The request body could not be read.");
+    }
+    const std::string type = headerValue(in.headers, "Content-Type");
+    if (strncasecmp(type.c_str(), "multipart/form-data", 19) == 0) {
+      const std::string boundary = multipartBoundary(type);
+      if (boundary.empty() || !parseMultipart(in.body, boundary, &in.parts)) {
+        return refuse(400, kErrBadRequest, "The request body could not be read.");
+      }
+      in.multipart = true;
+      in.body.clear();
+    }
+    WorkerPool& pool = builtInPath(target_) ? server_.service : server_.operations;
+    const bool queued = pool.submit([self = self(), in = std::move(in)] {
+      setTraceRequestId(self->context_.requestId);
+      HttpOutput out = self->server_.dispatcher.handle(in);
+      setTraceRequestId(std::string());
+      net::post(self->stream_.get_executor(),
+                [self, out = std::move(out)]() mutable { self->answer(std::move(out)); });
+    });
+    if (!queued) {
+      HttpOutput busy = refusal(503, kErrBusy, describeCode(kErrBusy));
+      busy.headers.emplace_back("Retry-After", "1");
+      answer(std::move(busy));
+    }
+  }
+
+  // Refuses the request in hand and closes the connection after the answer.
+  void refuse(int status, long long code, const std::string& description) {
+    // What the parser took of the request line, for the access log.
+    if (parser_ && !parser_->get().method_string().empty()) {
+      if (method_.empty()) method_ = std::string(parser_->get().method_string());
+      if (target_.empty()) target_ = std::string(parser_->get().target());
+      version_ = parser_->get().version();
+    }
+    if (context_.requestId.empty()) context_.requestId = requestIdFor(std::string());
+    context_.secure = !std::is_same_v<Stream, beast::tcp_stream>;
+    context_.hstsMaxAge = server_.config.hstsMaxAge;
+    keepAlive_ = false;
+    head_ = method_ == "HEAD";
+    HttpOutput out = refusal(status, code, description);
+    out.route = std::string();  // no route saw it
+    answer(std::move(out));
+  }
+
+  void answer(HttpOutput out) {
+    state_ = State::kWriting;
+    finishAnswer(&out, context_);
+    res_.emplace();
+    res_->version(version_ == 10 ? 10 : 11);
+    res_->result(static_cast<unsigned>(out.status));
+    res_->set(http::field::content_type, out.contentType);
+    for (const auto& header : out.headers) res_->insert(header.first, header.second);
+    const size_t bytes = out.body.size();
+    res_->keep_alive(keepAlive_ && !server_.stopping);
+    if (head_) {
+      // The length of the body a GET would have had, and no body.
+      res_->content_length(bytes);
+    } else {
+      res_->body() = std::move(out.body);
+      res_->prepare_payload();
+    }
+    record_ = AccessRecord();
+    record_.client = client_;
+    record_.method = method_.empty() ? "-" : method_;
+    record_.path = target_.empty() ? "-" : target_.substr(0, target_.find('?'));
+    record_.status = out.status;
+    record_.bytes = bytes;
+    record_.user = out.user;
+    record_.session = out.session;
+    record_.requestId = context_.requestId;
+    route_ = out.route;
+    beast::get_lowest_layer(stream_).expires_after(
+        std::chrono::seconds(server_.config.writeTimeout));
+    if (head_) {
+      serializer_.emplace(*res_);
+      http::async_write_header(stream_, *serializer_,
+                               [self = self()](beast::error_code ec, size_t) { self->onWritten(ec); });
+    } else {
+      http::async_write(stream_, *res_,
+                        [self = self()](beast::error_code ec, size_t) { self->onWritten(ec); });
+    }
+  }
+
+  void onWritten(beast::error_code ec) {
+    beast::get_lowest_layer(stream_).expires_never();
+    const Clock::time_point now = Clock::now();
+    record_.milliseconds =
+        std::chrono::duration_cast<std::chrono::milliseconds>(now - started_).count();
+    server_.accessLog.write(record_);
+    if (Metrics* metrics = server_.dispatcher.metrics()) {
+      // Refused by the transport before any route saw it: counted under
+      // "other", and an upload refused for its size counted as such.
+      if (route_.empty() && record_.status == 413 &&
+          record_.path.find("/import_") != std::string::npos) {
+        metrics->uploadRefused("too_large");
+      }
+      metrics->observe(route_.empty() ? kOtherRoute : route_, record_.status,
+                       std::chrono::duration<double>(now - started_).count());
+    }
+    const bool keep = !ec && res_->keep_alive();
+    serializer_.reset();
+    res_.reset();
+    parser_.reset();
+    method_.clear();
+    target_.clear();
+    context_ = AnswerContext();
+    if (ec) return closeNow();
+    if (!keep) return closeGently();
+    waitForRequest(false);
+  }
+
+  // Ends the connection after an answer: no more from this side, then what
+  // the client still sends is read and dropped until it closes too (or a
+  // short while passes), so that the answer is not lost to a reset.
+  void closeGently() {
+    state_ = State::kClosing;
+    if constexpr (!std::is_same_v<Stream, beast::tcp_stream>) {
+      beast::get_lowest_layer(stream_).expires_after(kLingerTime);
+      stream_.async_shutdown([self = self()](beast::error_code) { self->closeNow(); });
+    } else {
+      beast::error_code ignored;
+      socket().shutdown(tcp::socket::shutdown_send, ignored);
+      lingered_ = 0;
+      beast::get_lowest_layer(stream_).expires_after(kLingerTime);
+      drain();
+    }
+  }
+
+  void drain() {
+    buffer_.clear();
+    stream_.async_read_some(buffer_.prepare(16384), [self = self()](beast::error_code ec, size_t n) {
+      self->lingered_ += n;
+      if (ec || self->lingered_ > kLingerBytes) return self->closeNow();
+      self->drain();
+    });
+  }
+
+  void closeNow() {
+    state_ = State::kClosing;
+    timer_.cancel();
+    beast::error_code ignored;
+    socket().shutdown(tcp::socket::shutdown_both, ignored);
+    socket().close(ignored);
+  }
+
+  Impl& server_;
+  Stream stream_;
+  net::steady_timer timer_;
+  const std::string client_;
+  size_t id_ = 0;
+  State state_ = State::kStarting;
+  bool timedOut_ = false;
+  beast::flat_buffer buffer_;
+  std::optional<http::request_parser<http::string_body>> parser_;
+  std::optional<http::response<http::string_body>> res_;
+  std::optional<http::response_serializer<http::string_body>> serializer_;
+  std::string method_;
+  std::string target_;
+  unsigned version_ = 11;
+  bool keepAlive_ = false;
+  bool head_ = false;
+  AnswerContext context_;
+  Clock::time_point started_ = Clock::now();
+  Clock::time_point bodyStarted_;
+  size_t headerBytes_ = 0;
+  size_t received_ = 0;
+  size_t lingered_ = 0;
+  AccessRecord record_;
+  std::string route_;
+};
+
+}  // namespace
+
+size_t HttpServer::Impl::track(const std::shared_ptr<Connection>& connection) {
+  std::lock_guard<std::mutex> lock(connectionsMutex);
+  const size_t id = ++nextId;
+  connections.emplace(id, connection);
+  return id;
+}
+
+void HttpServer::Impl::accept() {
+  acceptor.async_accept(net::make_strand(ioc), [this](beast::error_code ec, tcp::socket socket) {
+    onAccept(ec, std::move(socket));
+  });
+}
+
+void HttpServer::Impl::onAccept(beast::error_code ec, tcp::socket socket) {
+  if (stopping || !acceptor.is_open()) return;
+  if (ec) {
+    // Out of file descriptors and the like: wait a moment rather than spin.
+    auto pause = std::make_shared<net::steady_timer>(acceptor.get_executor(),
+                                                     std::chrono::milliseconds(50));
+    pause->async_wait([this, pause](beast::error_code) {
+      if (!stopping) accept();
+    });
+    return;
+  }
+  if (open.load() >= config.maxConnections) {
+    ++refused;
+    beast::error_code ignored;
+    socket.close(ignored);
+    return accept();
+  }
+  beast::error_code addressError;
+  const tcp::endpoint peer = socket.remote_endpoint(addressError);
+  std::string client = addressError ? std::string("-") : peer.address().to_string();
+  socket.set_option(tcp::no_delay(true), addressError);
+  if (tls) {
+    auto connection = std::make_shared<::gw::Connection<beast::ssl_stream<beast::tcp_stream>>>(
+        *this, beast::ssl_stream<beast::tcp_stream>(beast::tcp_stream(std::move(socket)), *tls),
+        std::move(client));
+    connection->begin(track(connection));
+  } else {
+    auto connection = std::make_shared<::gw::Connection<beast::tcp_stream>>(
+        *this, beast::tcp_stream(std::move(socket)), std::move(client));
+    connection->begin(track(connection));
+  }
+  accept();
+}
+
+void HttpServer::Impl::beginStop() {
+  if (stopBegun.exchange(true)) return;
+  net::post(acceptor.get_executor(), [this] {
+    beast::error_code ignored;
+    acceptor.close(ignored);
+  });
+  std::vector<std::shared_ptr<Connection>> live;
+  {
+    std::lock_guard<std::mutex> lock(connectionsMutex);
+    for (auto& entry : connections) {
+      if (auto connection = entry.second.lock()) live.push_back(std::move(connection));
+    }
+  }
+  for (auto& connection : live) connection->closeIfIdle();
+  live.clear();
+  drainDeadline = Clock::now() + std::chrono::seconds(config.drainTimeout);
+  net::post(ioc, [this] {
+    drainTimer.emplace(ioc);
+    checkDrained();
+  });
+}
+
+// Once no connection is left (or the drain time-out passed), lets run()
+// return.
+void HttpServer::Impl::checkDrained() {
+  if (open.load() == 0) {
+    work.reset();
+    return;
+  }
+  if (Clock::now() >= drainDeadline) {
+    ioc.stop();
+    return;
+  }
+  drainTimer->expires_after(std::chrono::milliseconds(20));
+  drainTimer->async_wait([this](beast::error_code) { checkDrained(); });
+}
+
 HttpServer::HttpServer(ServerConfig config, const Dispatcher& dispatcher, AccessLog& accessLog)
-    : config_(std::move(config)), dispatcher_(dispatcher), accessLog_(accessLog) {}
+    : impl_(std::make_unique<Impl>(std::move(config), dispatcher, accessLog)) {}
 
 HttpServer::~HttpServer() = default;
 
 bool HttpServer::start(std::string* error) {
-  if (!config_.tlsCert.empty()) {
+  Impl& s = *impl_;
+  if (!s.config.tlsCert.empty()) {
+    s.tls.emplace(net::ssl::context::tls_server);
     std::string tlsError;
-    const std::string cert = config_.tlsCert;
-    const std::string key = config_.tlsKey;
-    auto tls = std::make_unique<httplib::SSLServer>(
-        [&](SSL_CTX& ctx) { return configureTlsContext(&ctx, cert, key, &tlsError); });
-    if (!tls->is_valid()) {
+    if (!configureTlsContext(s.tls->native_handle(), s.config.tlsCert, s.config.tlsKey,
+                             &tlsError)) {
       *error = tlsError.empty() ? "cannot set up TLS" : tlsError;
       return false;
     }
-    server_ = std::move(tls);
-  } else {
-    server_ = std::make_unique<httplib::Server>();
   }
-  install();
-  if (config_.port == 0) {
-    port_ = server_->bind_to_any_port(config_.host);
-  } else {
-    port_ = server_->bind_to_port(config_.host, config_.port) ? config_.port : -1;
-  }
-  // cpp-httplib listens with a backlog of five; under many connecting
-  // clients the kernel then drops SYNs and each retry costs a second. A second
-  // listen() on the bound socket widens the queue.
-  if (port_ >= 0 && listenSocket_ >= 0) ::listen(listenSocket_, SOMAXCONN);
-  if (port_ < 0) {
-    *error = "cannot listen on " + config_.host + ":" + std::to_string(config_.port) +
-             " (address in use or not local?)";
+  beast::error_code ec;
+  const net::ip::address address = net::ip::make_address(s.config.host, ec);
+  const std::string where = s.config.host + ":" + std::to_string(s.config.port);
+  if (ec) {
+    *error = "cannot listen on " + where + ": not an IP address";
     return false;
   }
+  const tcp::endpoint endpoint(address, static_cast<unsigned short>(s.config.port));
+  s.acceptor.open(endpoint.protocol(), ec);
+  if (!ec) s.acceptor.set_option(net::socket_base::reuse_address(true), ec);
+  if (!ec) s.acceptor.bind(endpoint, ec);
+  if (!ec) s.acceptor.listen(net::socket_base::max_listen_connections, ec);
+  if (ec) {
+    *error = "cannot listen on " + where + " (address in use or not local?)";
+    return false;
+  }
+  s.port = s.acceptor.local_endpoint().port();
   return true;
 }
 
-void HttpServer::install() {
-  httplib::Server& svr = *server_;
-  const int threads = config_.threads;
-  svr.new_task_queue = [threads] { return new httplib::ThreadPool(static_cast<size_t>(threads)); };
-  svr.set_tcp_nodelay(true);
-  svr.set_socket_options([this](socket_t sock) {
-    int yes = 1;
-    setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes));
-    listenSocket_ = sock;
-  });
-  svr.set_payload_max_length(config_.maxBody + kMultipartOverhead);
-  svr.set_keep_alive_max_count(1000);
-  svr.set_keep_alive_timeout(5);
-  svr.set_read_timeout(config_.readTimeout);
-  svr.set_write_timeout(config_.readTimeout);
+int HttpServer::port() const { return impl_->port; }
 
-  svr.set_pre_routing_handler([](const httplib::Request& req, httplib::Response& res) {
-    t_started = Clock::now();
-    t_user.clear();
-    t_session.clear();
-    t_route.clear();
-    t_requestId = requestIdOf(req);
-    setTraceRequestId(t_requestId);
-    t_stopReading = false;
-    // Each refusal here closes the connection: a body may follow that was
-    // never read.
-    if (!servedMethod(req.method)) {
-      refuse(res, 405, kErrMethodNotAllowed, describeCode(kErrMethodNotAllowed));
-    } else if (req.headers.size() > kMaxHeaderCount + kLibraryHeaders) {
-      refuse(res, 431, kErrBadRequest, "The request carries too many headers.");
-    } else if (ambiguousFraming(req)) {
-      refuse(res, 400, kErrBadRequest, "The request body is framed ambiguously.");
-    } else if (!expectsBody(req.method) &&
-               (declaredLength(req) > 0 || req.has_header("Transfer-Encoding"))) {
-      // cpp-httplib does not read a body of these methods; what the client
-      // sent as one would be read as the next request.
-      refuse(res, 400, kErrBadRequest, "This method takes no request body.");
-    } else {
-      return httplib::Server::HandlerResponse::Unhandled;
+bool HttpServer::run() {
+  Impl& s = *impl_;
+  s.work.emplace(s.ioc.get_executor());
+  s.accept();
+  s.serving = true;
+  // stop() may have come before run() started: it is carried out now.
+  if (s.stopping) s.beginStop();
+  const int count = s.config.ioThreads > 0 ? s.config.ioThreads : defaultIoThreads();
+  auto loop = [&s] {
+    try {
+      s.ioc.run();
+    } catch (const std::exception& e) {
+      CQPNDebugKitGuard guard(kTraceModule, "run");
+      guard.error(0, "run", __LINE__, "the HTTP server failed: %s", e.what());
+      s.failed = true;
+      s.ioc.stop();
     }
-    // A HEAD answer has no body to carry the close; the logger, which runs
-    // once the answer is out, ends reading instead.
-    t_stopReading = req.method == "HEAD";
-    return httplib::Server::HandlerResponse::Handled;
-  });
-  // Headers every answer carries: API answers hold session data and are
-  // never to be cached or sniffed as another type (the console's files say
-  // "no-cache" instead: they hold no session data). Over HTTPS, browsers are
-  // told to use nothing else for hstsMaxAge seconds.
-  const std::string hsts = !config_.tlsCert.empty() && config_.hstsMaxAge > 0
-                               ? "max-age=" + std::to_string(config_.hstsMaxAge)
-                               : std::string();
-  svr.set_post_routing_handler([hsts](const httplib::Request& req, httplib::Response& res) {
-    if (t_requestId.empty()) t_requestId = requestIdOf(req);
-    res.set_header("X-Request-Id", t_requestId);
-    if (!hsts.empty()) res.set_header("Strict-Transport-Security", hsts);
-    if (!res.has_header("Cache-Control")) res.set_header("Cache-Control", "no-store");
-    res.set_header("X-Content-Type-Options", "nosniff");
-    // The console's pages bring their own, wider policy; API answers load
-    // nothing.
-    if (!res.has_header("Content-Security-Policy")) {
-      res.set_header("Content-Security-Policy", "default-src 'none'; frame-ancestors 'none'");
-    }
-    if (res.get_header_value("Connection") == "close") res.headers.erase("Keep-Alive");
-  });
-
-  const bool secure = !config_.tlsCert.empty();
-  const Dispatcher& dispatcher = dispatcher_;
-  httplib::Server::Handler plain = [&dispatcher, secure](const httplib::Request& req,
-                                                         httplib::Response& res) {
-    HttpInput in = toInput(req);
-    in.body = req.body;
-    writeOutput(dispatcher.handle(in), res, secure);
   };
-  // Chunked bodies carry no length for cpp-httplib to check, so the
-  // receivers count too.
-  const size_t limit = config_.maxBody + kMultipartOverhead;
-  httplib::Server::HandlerWithContentReader reading =
-      [&dispatcher, limit, secure](const httplib::Request& req, httplib::Response& res,
-                                   const httplib::ContentReader& reader) {
-        // A declared length over the limit is refused before a byte of the
-        // body is read (cpp-httplib would otherwise read and drop all of it).
-        if (declaredLength(req) > limit) {
-          refuse(res, 413, kErrBodyTooLarge, describeCode(kErrBodyTooLarge));
-          return;
-        }
-        HttpInput in = toInput(req);
-        size_t received = 0;
-        bool tooLarge = false;
-        auto count = [&](size_t length) {
-          received += length;
-          tooLarge = received > limit;
-          return !tooLarge;
-        };
-        bool complete = false;
-        if (!req.has_header("Content-Length") && !isChunked(req)) {
-          // No length and no chunks: the body is empty (cpp-httplib would
-          // otherwise wait for the client to close).
-          complete = true;
-        } else if (req.is_multipart_form_data()) {
-          in.multipart = true;
-          complete = reader(
-              [&in](const httplib::MultipartFormData& part) {
-                in.parts.push_back(FormPart{part.name, part.filename, part.content_type, ""});
-                return true;
-              },
-              [&in, &count](const char* data, size_t length) {
-                if (!count(length)) return false;
-                if (!in.parts.empty()) in.parts.back().content.append(data, length);
-                return true;
-              });
-        } else {
-          complete = reader([&in, &count](const char* data, size_t length) {
-            if (!count(length)) return false;
-            in.body.append(data, length);
-            return true;
-          });
-        }
-        if (!complete) {
-          // cpp-httplib refuses a declared length over the limit itself.
-          if (res.status == 413) tooLarge = true;
-          if (!tooLarge) {
-            // The client went away or stopped sending: nothing of the body
-            // reaches an operation, so nothing is imported or written.
-            CQPNDebugKitGuard guard(kTraceModule, "readBody");
-            guard.warn(0, "readBody", __LINE__,
-                       "request body of %s %s from %s cut off after %zu of %s bytes",
-                       req.method.c_str(), req.path.c_str(), req.remote_addr.c_str(), received,
-                       req.has_header("Content-Length")
-                           ? req.get_header_value("Content-Length").c_str()
-                           : "(chunked)");
-          }
-          const long long code = tooLarge ? kErrBodyTooLarge : kErrBadRequest;
-          // The rest of the body may still be on the wire: this connection
-          // cannot carry another request.
-          refuse(res, httpStatusForCode(code), code,
-                 tooLarge ? describeCode(code) : "The request body could not be read.");
-          return;
-        }
-        writeOutput(dispatcher.handle(in), res, secure);
-      };
-  const char* const kAll = ".*";
-  svr.Get(kAll, plain);
-  svr.Options(kAll, plain);
-  svr.Delete(kAll, plain);  // a DELETE without a body
-  svr.Post(kAll, reading);
-  svr.Put(kAll, reading);
-  svr.Patch(kAll, reading);
-  svr.Delete(kAll, reading);
-
-  svr.set_error_handler(
-      httplib::Server::HandlerWithResponse([](const httplib::Request&, httplib::Response& res) {
-        if (!res.body.empty() || res.content_provider_) {
-          return httplib::Server::HandlerResponse::Unhandled;
-        }
-        // cpp-httplib's own refusals (a request line or header it could not
-        // read, a body over its limit) leave the connection at an unknown
-        // place in the stream: the answer ends it.
-        const long long code = codeForLibraryStatus(res.status);
-        refuse(res, res.status, code, describeCode(code));
-        return httplib::Server::HandlerResponse::Handled;
-      }));
-  svr.set_exception_handler(
-      [](const httplib::Request&, httplib::Response& res, const std::exception_ptr&) {
-        res.status = 500;
-        res.set_content(toCompactJson(errorEnvelope(kErrInternal, describeCode(kErrInternal))),
-                        "application/json");
-      });
-
-  AccessLog& accessLog = accessLog_;
-  Metrics* metrics = dispatcher_.metrics();
-  svr.set_logger([&accessLog, metrics](const httplib::Request& req, const httplib::Response& res) {
-    AccessRecord record;
-    record.client = req.remote_addr;
-    record.method = req.method;
-    const size_t mark = req.target.find('?');
-    record.path = req.target.substr(0, mark);
-    record.status = res.status;
-    record.bytes = res.body.empty() ? res.content_length_ : res.body.size();
-    // Requests cpp-httplib refuses before routing never set the start time.
-    const Clock::time_point started = t_started == Clock::time_point() ? Clock::now() : t_started;
-    t_started = Clock::time_point();
-    record.milliseconds =
-        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - started).count();
-    record.user = t_user;
-    record.session = t_session;
-    record.requestId = t_requestId;
-    accessLog.write(record);
-    if (metrics != nullptr) {
-      const double seconds =
-          std::chrono::duration<double>(Clock::now() - started).count();
-      // Refused by the transport before any route saw it (a body over the
-      // limit, a malformed request): counted under "other", and an upload
-      // refused for its size counted as such.
-      if (t_route.empty() && res.status == 413 && record.path.find("/import_") != std::string::npos) {
-        metrics->uploadRefused("too_large");
-      }
-      metrics->observe(t_route.empty() ? kOtherRoute : t_route, res.status, seconds);
-    }
-    t_route.clear();
-    t_requestId.clear();
-    setTraceRequestId(std::string());
-    if (t_stopReading) {
-      t_stopReading = false;
-      stopReading(req);
-    }
-  });
+  std::vector<std::thread> threads;
+  for (int i = 1; i < count; ++i) {
+    threads.emplace_back([&loop] {
+      pthread_setname_np(pthread_self(), "nox-io");
+      loop();
+    });
+  }
+  loop();
+  for (std::thread& t : threads) t.join();
+  // What the workers still do posts its answer to a stopped loop: finish it
+  // before anything it refers to goes.
+  s.operations.stop();
+  s.service.stop();
+  s.serving = false;
+  return !s.failed;
 }
 
-bool HttpServer::run() { return server_->listen_after_bind(); }
-
-bool HttpServer::running() const { return server_ && server_->is_running(); }
-
 void HttpServer::stop() {
-  if (server_) server_->stop();
+  Impl& s = *impl_;
+  if (s.stopping.exchange(true)) return;
+  if (s.serving) s.beginStop();
+}
+
+bool HttpServer::running() const { return impl_->serving; }
+
+TransportCounts HttpServer::counts() const {
+  TransportCounts counts;
+  counts.openConnections = impl_->open.load();
+  counts.refusedConnections = impl_->refused.load();
+  counts.waitingForWorker = impl_->operations.waiting() + impl_->service.waiting();
+  counts.busyWorkers = impl_->operations.busy();
+  return counts;
 }
 
 }  // namespace gw

@@ -1,35 +1,50 @@
-// The HTTP(S) side of the gateway: a cpp-httplib server with a fixed pool of
-// worker threads that turns each request into an HttpInput, hands it to the
-// Dispatcher and writes the HttpOutput back, logging one access line.
+// The HTTP(S) side of the gateway: an event-driven HTTP/1.1 server on
+// Boost.Beast. A few I/O threads (one per core by default) read and write
+// every connection; a request, once whole, goes to a worker pool, where the
+// dispatcher (and through it the plug-in) may block on the backend without
+// delaying any other connection. Built-in paths (/healthz, /metrics,
+// /openapi.json, the console) have a small pool of their own, so they never
+// wait behind operations.
 //
 //   HttpServer server(config, dispatcher, accessLog);
 //   if (!server.start(&error)) ...      // binds; server.port() is the port taken
-//   server.run();                       // serves until stop()
+//   server.run();                       // serves until stop(), then drains
 //
-// Thread-safety: stop() may be called from any thread (a signal thread);
-// everything else from the main thread.
+// Limits are time and bytes per connection (ServerConfig); each refusal is
+// an answer with the error envelope (408, 413, 414, 431, 503) in the access
+// log, then the connection is closed.
+//
+// Thread-safety: stop() and the counters may be called from any thread (a
+// signal thread, the metrics); everything else from the main thread.
 #ifndef NOX_GATEWAY_HTTP_SERVER_H_
 #define NOX_GATEWAY_HTTP_SERVER_H_
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 
 #include "access_log.h"
 #include "http_mapping.h"
 
-namespace httplib {
-class Server;
-}
-
 namespace gw {
 
 struct ServerConfig {
   std::string host = "127.0.0.1";
   int port = 8080;  // 0: any free port
-  int threads = 8;
+  int ioThreads = 0;             // threads reading and writing; 0: one per core
+  int workers = 0;               // operations running at once; 0: eight per core, at least 8
+  size_t queueLimit = 1024;      // requests waiting for a worker; beyond it 503
   size_t maxBody = size_t{2} * 1024 * 1024;
-  int readTimeout = 30;  // seconds to wait for more of a request, and to write an answer
+  int headerTimeout = 10;        // seconds for a whole request header
+  int readTimeout = 30;          // seconds of silence while a body arrives
+  size_t minBodyRate = 1024;     // bytes per second a body must average after readTimeout
+  int keepAliveTimeout = 5;      // seconds a connection may wait idle between requests
+  int writeTimeout = 30;         // seconds a client may take to read an answer
+  size_t maxConnections = 10000;  // open connections; beyond it new ones are closed at once
+  size_t maxHeaderBytes = 8192;  // request line and header lines together
+  size_t maxHeaders = 100;       // header lines
+  int drainTimeout = 30;         // seconds stop() lets requests in flight finish
   std::string tlsCert;  // both set: HTTPS
   std::string tlsKey;
   long long hstsMaxAge = 31536000;  // Strict-Transport-Security max-age over HTTPS; 0: none
@@ -46,28 +61,26 @@ class HttpServer {
   HttpServer(const HttpServer&) = delete;
   HttpServer& operator=(const HttpServer&) = delete;
 
-  // Creates the server and binds the address. Returns false with *error set
-  // when TLS cannot be set up or the address cannot be bound.
+  // Sets up TLS and binds the address. Returns false with *error set when
+  // TLS cannot be set up or the address cannot be bound.
   bool start(std::string* error);
   // The bound port (after start).
-  int port() const { return port_; }
-  // Serves until stop(); returns after in-flight requests have finished.
-  // Returns false when the server failed while listening.
+  int port() const;
+  // Serves until stop(); returns once the requests in flight are answered
+  // (or the drain time-out passed). Returns false when serving failed.
   bool run();
-  // Stops accepting; run() returns once the workers are done.
+  // Stops accepting, closes idle connections and lets run() return once the
+  // requests in flight are answered. Any thread; before run() too.
   void stop();
-  // Whether run() has started accepting (and not yet ended). Thread-safe.
+  // Whether run() has started serving (and not yet ended).
   bool running() const;
 
- private:
-  void install();
+  TransportCounts counts() const;
 
-  ServerConfig config_;
-  const Dispatcher& dispatcher_;
-  AccessLog& accessLog_;
-  std::unique_ptr<httplib::Server> server_;
-  int listenSocket_ = -1;  // the bound socket, to widen its backlog
-  int port_ = -1;
+  struct Impl;
+
+ private:
+  std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace gw

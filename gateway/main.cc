@@ -5,6 +5,7 @@
 #include <malloc.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -50,21 +51,12 @@ constexpr int kHealthProbeMs = 1000;
 
 void fail(const std::string& text) { fprintf(stderr, "nox-gateway: %s\n", text.c_str()); }
 
-// Operations running at once by default: enough to keep every core busy
-// while some of them wait for the disk, few enough that each runs quickly.
-// Measured on two cores with the load script's mix (64 connections): 16
-// gave p99 12.5 ms at 11.9k requests/s; no limit 34 ms at 15.8k; 4 gave
-// 8.7 ms at 10.9k.
-int defaultMaxActive() {
-  const unsigned cores = std::thread::hardware_concurrency();
-  return cores * 8 > 8 ? static_cast<int>(cores * 8) : 8;
-}
-
 // Caps glibc's malloc arenas at one per core (two at least), unless the
 // environment chose (MALLOC_ARENA_MAX). By default glibc makes up to eight
-// per core as the 64 workers contend, each keeping the memory it once held:
-// resident memory then creeps up for minutes under steady load. With one per
-// core the mix ran as fast and 3 MiB smaller, and levelled off sooner.
+// per core as the I/O threads and workers contend, each keeping the memory it
+// once held: resident memory then creeps up for minutes under steady load.
+// With one per core the mix ran as fast and 3 MiB smaller, and levelled off
+// sooner.
 void capMallocArenas() {
   if (std::getenv("MALLOC_ARENA_MAX") != nullptr) return;  // NOLINT(concurrency-mt-unsafe)
   const unsigned cores = std::thread::hardware_concurrency();
@@ -72,10 +64,22 @@ void capMallocArenas() {
   mallopt(M_ARENA_MAX, cores > 2 ? static_cast<int>(cores) : 2);  // NOLINT(concurrency-mt-unsafe)
 }
 
+// Lifts the soft limit of open files to the hard one: every client
+// connection is a file, and the usual soft limit (1024) is far below the
+// connections the server holds (--max-connections).
+void raiseOpenFileLimit() {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   capMallocArenas();
+  raiseOpenFileLimit();
   gw::GatewayOptions options;
   std::string error;
   if (!gw::parseOptions(std::vector<std::string>(argv + 1, argv + argc), &options, &error)) {
@@ -144,7 +148,7 @@ int main(int argc, char** argv) {
   }
 
   // Signals are taken by one thread with sigwait; every other thread,
-  // including cpp-httplib's workers, inherits the blocked mask.
+  // including the server's I/O threads and workers, inherits the blocked mask.
   signal(SIGPIPE, SIG_IGN);
   // A shell without job control starts background commands with SIGINT
   // ignored; the gateway still wants it.
@@ -240,9 +244,19 @@ int main(int argc, char** argv) {
   gw::ServerConfig config;
   config.host = options.listenHost;
   config.port = options.listenPort;
-  config.threads = options.threads;
+  config.ioThreads = options.ioThreads;
+  config.workers = options.threads;
+  config.queueLimit = options.queueLimit;
   config.maxBody = options.maxBody;
+  config.headerTimeout = options.headerTimeout;
   config.readTimeout = options.readTimeout;
+  config.minBodyRate = options.minBodyRate;
+  config.keepAliveTimeout = options.keepAliveTimeout;
+  config.writeTimeout = options.writeTimeout;
+  config.maxConnections = options.maxConnections;
+  config.maxHeaderBytes = options.maxHeaderBytes;
+  config.maxHeaders = options.maxHeaders;
+  config.drainTimeout = options.drainTimeout;
   if (options.tlsSelfSigned) {
     if (!gw::ensureSelfSignedPair(dataDir + "/tls", &tlsCert, &tlsKey, &error)) {
       fail(error);
@@ -258,8 +272,6 @@ int main(int argc, char** argv) {
   dispatchOptions.openApi = kNoxOpenApiText;
   dispatchOptions.console = gw::embeddedConsoleFiles();
   dispatchOptions.backendReachable = backendReachable;
-  dispatchOptions.maxActive = static_cast<size_t>(
-      options.maxActive > 0 ? options.maxActive : defaultMaxActive());
   dispatchOptions.health = [](Json::Value& health) {
     std::shared_ptr<StateStore> store = stateStore();
     std::string why;
@@ -275,26 +287,25 @@ int main(int argc, char** argv) {
   gw::Metrics metrics(gw::routeLabels(registry));
   std::vector<gw::AddressRange> metricsAllowed;
   gw::parseAddressRanges(options.metricsAllow, &metricsAllowed, &error);  // checked by the parser
-  const gw::Dispatcher* dispatcherSeen = nullptr;
-  std::atomic<int> listenPort{0};
+  // The server is made after the dispatcher, which serves /metrics.
+  std::atomic<const gw::HttpServer*> serverSeen{nullptr};
   dispatchOptions.metrics = &metrics;
   dispatchOptions.metricsAllowed = [&metricsAllowed](const std::string& address) {
     return gw::addressAllowed(metricsAllowed, address);
   };
-  dispatchOptions.metricsText = [&metrics, &dispatcherSeen, &listenPort]() {
-    gw::AdmissionGate* gate = dispatcherSeen != nullptr ? dispatcherSeen->gate() : nullptr;
+  dispatchOptions.metricsText = [&metrics, &serverSeen]() {
+    const gw::HttpServer* server = serverSeen.load();
     return metrics.render() +
-           gw::hostMetricsText(gate != nullptr ? gate->waiting() : 0, listenPort.load());
+           gw::hostMetricsText(server != nullptr ? server->counts() : gw::TransportCounts());
   };
   gw::Dispatcher dispatcher(registry, lookup, dispatchOptions);
-  dispatcherSeen = &dispatcher;
   gw::HttpServer server(config, dispatcher, *accessLog);
+  serverSeen = &server;
   if (!server.start(&error)) {
     fail(error);
     registry.releaseAll();
     return 1;
   }
-  listenPort = server.port();
   printf("listening on %s:%d\n", config.host.c_str(), server.port());
   fflush(stdout);
 
@@ -302,14 +313,9 @@ int main(int argc, char** argv) {
   std::thread signalThread([&] {
     int signal = 0;
     while (sigwait(&stopSignals, &signal) == 0) {
-      // A signal right after the "listening on" line can come before run()
-      // accepts; a stop() then would be forgotten and the gateway would
-      // serve on. Wait for run() to start (or to have ended) first.
-      while (!finished.load() && !server.running()) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-      }
-      if (finished.load()) return;
-      server.stop();
+      // Stops accepting and lets the requests in flight finish; a stop
+      // before run() has started is kept and carried out when it does.
+      if (!finished.load()) server.stop();
       return;
     }
   });

@@ -248,32 +248,17 @@ long long openFiles() {
 
 // Established TCP connections whose local port is `port` (the clients'),
 // from /proc/net/tcp and tcp6.
-long long connectionsOn(int port) {
-  long long n = 0;
-  for (const char* table : {"/proc/net/tcp", "/proc/net/tcp6"}) {
-    std::ifstream in(table);
-    std::string line;
-    std::getline(in, line);  // the heading
-    while (std::getline(in, line)) {
-      std::istringstream fields(line);
-      std::string slot, local, remote, state;
-      fields >> slot >> local >> remote >> state;
-      const size_t colon = local.rfind(':');
-      if (colon == std::string::npos || state != "01") continue;  // 01: ESTABLISHED
-      if (std::strtol(local.c_str() + colon + 1, nullptr, 16) == port) ++n;
-    }
-  }
-  return n;
-}
-
 }  // namespace
 
-std::string hostMetricsText(size_t waiting, int listenPort) {
+std::string hostMetricsText(const TransportCounts& counts) {
   std::string out;
   out +=
-      "# HELP nox_operations_waiting Operations waiting for a free operation slot.\n"
+      "# HELP nox_operations_waiting Requests waiting in line for a free worker.\n"
       "# TYPE nox_operations_waiting gauge\n"
-      "nox_operations_waiting " + std::to_string(waiting) + "\n";
+      "nox_operations_waiting " + std::to_string(counts.waitingForWorker) + "\n"
+      "# HELP nox_workers_busy Workers running an operation.\n"
+      "# TYPE nox_workers_busy gauge\n"
+      "nox_workers_busy " + std::to_string(counts.busyWorkers) + "\n";
   out +=
       "# HELP nox_backend_calls_total Packages sent to the backend, by command.\n"
       "# TYPE nox_backend_calls_total counter\n";
@@ -326,9 +311,13 @@ std::string hostMetricsText(size_t waiting, int listenPort) {
         "process_open_fds " + std::to_string(files) + "\n";
   }
   out +=
-      "# HELP nox_open_connections Client connections open on the gateway's port.\n"
+      "# HELP nox_open_connections Client connections open on the gateway.\n"
       "# TYPE nox_open_connections gauge\n"
-      "nox_open_connections " + std::to_string(connectionsOn(listenPort)) + "\n";
+      "nox_open_connections " + std::to_string(counts.openConnections) + "\n"
+      "# HELP nox_connections_refused_total Connections closed at once because --max-connections "
+      "were open.\n"
+      "# TYPE nox_connections_refused_total counter\n"
+      "nox_connections_refused_total " + std::to_string(counts.refusedConnections) + "\n";
   return out;
 }
 

@@ -75,11 +75,19 @@ bool parseAddressRanges(const std::string& text, std::vector<AddressRange>* rang
 // "::ffff:127.0.0.1") lies in one of `ranges`.
 bool addressAllowed(const std::vector<AddressRange>& ranges, const std::string& address);
 
+// What the HTTP server counts of its connections and workers.
+struct TransportCounts {
+  size_t openConnections = 0;
+  uint64_t refusedConnections = 0;  // closed at once: over --max-connections
+  size_t waitingForWorker = 0;      // whole requests in line for a worker
+  size_t busyWorkers = 0;           // workers running an operation
+};
+
 // What the reference host counts (backend calls and failures by command,
-// failed and throttled logins, open sessions) and the process's own numbers
-// (resident memory, open files, client connections on `listenPort`), in the
-// text format, with `waiting` operations waiting for a slot.
-std::string hostMetricsText(size_t waiting, int listenPort);
+// failed and throttled logins, open sessions), the transport's `counts` and
+// the process's own numbers (resident memory, open files), in the text
+// format.
+std::string hostMetricsText(const TransportCounts& counts);
 
 // Formats `value` as the text format wants a label value (backslash, quote
 // and line feed escaped).

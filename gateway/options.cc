@@ -5,6 +5,43 @@
 
 namespace gw {
 
+namespace {
+
+// The server's numeric settings: threads, time-outs and limits.
+struct TransportNumber {
+  const char* name;
+  long long min;
+  long long max;
+  const char* unit;  // "... wants <unit> from <min> to <max>"
+  void (*set)(GatewayOptions*, long long);
+};
+
+#define NOX_SETTER(member) [](GatewayOptions* o, long long v) { o->member = static_cast<decltype(o->member)>(v); }
+const TransportNumber kTransportNumbers[] = {
+    {"--io-threads", 1, 256, "a number", NOX_SETTER(ioThreads)},
+    {"--threads", 1, 1024, "a number", NOX_SETTER(threads)},
+    {"--queue", 0, 1000000, "a number", NOX_SETTER(queueLimit)},
+    {"--header-timeout", 1, 3600, "seconds", NOX_SETTER(headerTimeout)},
+    {"--read-timeout", 1, 3600, "seconds", NOX_SETTER(readTimeout)},
+    {"--min-body-rate", 0, 1LL << 30, "bytes per second", NOX_SETTER(minBodyRate)},
+    {"--keep-alive-timeout", 1, 3600, "seconds", NOX_SETTER(keepAliveTimeout)},
+    {"--write-timeout", 1, 3600, "seconds", NOX_SETTER(writeTimeout)},
+    {"--max-connections", 1, 1000000, "a number", NOX_SETTER(maxConnections)},
+    {"--max-header-bytes", 1024, 1LL << 20, "a number of bytes", NOX_SETTER(maxHeaderBytes)},
+    {"--max-headers", 1, 10000, "a number", NOX_SETTER(maxHeaders)},
+    {"--drain-timeout", 0, 3600, "seconds", NOX_SETTER(drainTimeout)},
+};
+#undef NOX_SETTER
+
+const TransportNumber* findTransportNumber(const std::string& name) {
+  for (const TransportNumber& row : kTransportNumbers) {
+    if (name == row.name) return &row;
+  }
+  return nullptr;
+}
+
+}  // namespace
+
 bool parseOptions(const std::vector<std::string>& args, GatewayOptions* options,
                   std::string* error) {
   for (size_t i = 0; i < args.size(); ++i) {
@@ -30,7 +67,14 @@ bool parseOptions(const std::vector<std::string>& args, GatewayOptions* options,
     if (!takeOptionValue(args, &i, &option, error)) return false;
     const std::string& value = option.value;
     long long number = 0;
-    if (name == "--listen") {
+    if (const TransportNumber* row = findTransportNumber(name)) {
+      if (!parseNumber(value, row->min, row->max, &number)) {
+        *error = name + " wants " + row->unit + " from " + std::to_string(row->min) + " to " +
+                 std::to_string(row->max) + ", not '" + value + "'";
+        return false;
+      }
+      row->set(options, number);
+    } else if (name == "--listen") {
       if (!parseHostPort(value, &options->listenHost, &options->listenPort)) {
         *error = "--listen wants HOST:PORT, e.g. 127.0.0.1:8080, not '" + value + "'";
         return false;
@@ -56,18 +100,6 @@ bool parseOptions(const std::vector<std::string>& args, GatewayOptions* options,
       options->logLevel = value;
     } else if (name == "--access-log") {
       options->accessLog = value;
-    } else if (name == "--threads") {
-      if (!parseNumber(value, 1, 1024, &number)) {
-        *error = "--threads wants a number from 1 to 1024, not '" + value + "'";
-        return false;
-      }
-      options->threads = static_cast<int>(number);
-    } else if (name == "--max-active") {
-      if (!parseNumber(value, 1, 1024, &number)) {
-        *error = "--max-active wants a number from 1 to 1024, not '" + value + "'";
-        return false;
-      }
-      options->maxActive = static_cast<int>(number);
     } else if (name == "--max-body") {
       if (!parseNumber(value, 1024, 1LL << 32, &number)) {
         *error = "--max-body wants a number of bytes from 1024 to 4294967296, not '" + value + "'";
@@ -113,12 +145,6 @@ bool parseOptions(const std::vector<std::string>& args, GatewayOptions* options,
         return false;
       }
       options->backendTimeout = static_cast<int>(number);
-    } else if (name == "--read-timeout") {
-      if (!parseNumber(value, 1, 3600, &number)) {
-        *error = "--read-timeout wants seconds from 1 to 3600, not '" + value + "'";
-        return false;
-      }
-      options->readTimeout = static_cast<int>(number);
     } else if (name == "--hsts-max-age") {
       if (!parseNumber(value, 0, 10LL * 365 * 24 * 3600, &number)) {
         *error = "--hsts-max-age wants seconds from 0 to 315360000, not '" + value + "'";
@@ -161,9 +187,23 @@ std::string usageText() {
          "  --log-level LEVEL       trace, debug, info, warn, error, off (default info)\n"
          "  --access-log FILE       access log (default stderr)\n"
          "  --log-format text|json  the access log's lines: text (default) or one JSON object each\n"
-         "  --threads N             worker threads (default 64)\n"
-         "  --max-active N          operations running at once, the others wait in line\n"
-         "                          (default eight per core, at least 8)\n"
+         "  --io-threads N          threads reading and writing connections (default: one\n"
+         "                          per core)\n"
+         "  --threads N             worker threads running operations; the requests beyond\n"
+         "                          them wait in line (default eight per core, at least 8)\n"
+         "  --queue N               requests that may wait for a worker; beyond it 503\n"
+         "                          (default 1024)\n"
+         "  --max-connections N     open connections; new ones beyond it are closed at once\n"
+         "                          (default 10000)\n"
+         "  --header-timeout SECONDS  time for a whole request header (default 10)\n"
+         "  --read-timeout SECONDS  longest silence while a request body arrives (default 30)\n"
+         "  --min-body-rate BYTES   bytes per second a body must average once it has taken\n"
+         "                          --read-timeout seconds (default 1024)\n"
+         "  --keep-alive-timeout SECONDS  idle time between requests on a connection (default 5)\n"
+         "  --write-timeout SECONDS time a client may take to read an answer (default 30)\n"
+         "  --max-header-bytes BYTES  request line and header lines together (default 8192)\n"
+         "  --max-headers N         header lines of a request (default 100)\n"
+         "  --drain-timeout SECONDS on SIGTERM, time for requests in flight (default 30)\n"
          "  --max-body BYTES        largest JSON body or upload (default 2097152)\n"
          "  --session-idle SECONDS  idle time after which a session ends\n"
          "  --state memory|redis://[[USER]:PASSWORD@]HOST[:PORT][/DB]\n"
@@ -174,7 +214,6 @@ std::string usageText() {
          "  --metrics-allow LIST    client addresses that may read GET /metrics, as addresses\n"
          "                          and ranges (default 127.0.0.0/8,::1; others get 404)\n"
          "  --backend-timeout SECONDS  time-out of backend requests\n"
-         "  --read-timeout SECONDS  longest wait for more of a request (default 30)\n"
          "  --tls-cert FILE --tls-key FILE   serve HTTPS with this certificate and key (PEM)\n"
          "  --tls-self-signed       serve HTTPS with a key pair made in <data>/tls/ (trial runs)\n"
          "  --hsts-max-age SECONDS  over HTTPS, the max-age of Strict-Transport-Security\n"

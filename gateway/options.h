@@ -26,15 +26,24 @@ struct GatewayOptions {
   std::string logLevel = "info";
   std::string accessLog;  // access log file; "": stderr
   bool accessLogJson = false;  // --log-format json
-  int threads = 64;  // a kept-alive connection holds its worker: size for the clients
-  int maxActive = 0;  // operations running at once; 0: eight per core (at least 8)
+  int ioThreads = 0;  // threads reading and writing connections; 0: one per core
+  int threads = 0;    // workers running operations; 0: eight per core (at least 8)
+  size_t queueLimit = 1024;  // requests waiting for a worker
+  int headerTimeout = 10;
+  size_t minBodyRate = 1024;
+  int keepAliveTimeout = 5;
+  int writeTimeout = 30;
+  size_t maxConnections = 10000;
+  size_t maxHeaderBytes = 8192;
+  size_t maxHeaders = 100;
+  int drainTimeout = 30;
   size_t maxBody = size_t{2} * 1024 * 1024;
   int sessionIdle = 0;     // seconds; 0: the session store's default
   std::string state;       // "": sessions in this process; "redis://...": shared
   int stateTimeoutMs = 500;  // per Redis command and connection attempt
   std::string metricsAllow = "127.0.0.0/8,::1";  // client addresses that may read /metrics
   int backendTimeout = 0;  // seconds; 0: the host's default
-  int readTimeout = 30;    // seconds the server waits for more of a request
+  int readTimeout = 30;    // seconds of silence while a request body arrives
   std::string tlsCert;
   std::string tlsKey;
   bool tlsSelfSigned = false;

@@ -12,7 +12,7 @@ PACKAGES=(
   build-essential cmake pkg-config clang libclang-rt-14-dev
   libjsoncpp-dev libtinyxml2-dev libpcre2-dev libace-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev
-  libcpp-httplib-dev libssl-dev libsqlite3-dev zlib1g-dev libbrotli-dev
+  libboost-dev libcpp-httplib-dev libssl-dev libsqlite3-dev zlib1g-dev libbrotli-dev
   openssl curl python3 binutils clang-tidy cppcheck valgrind
   libhiredis-dev redis-server nginx-light prometheus
   chromium chromium-driver python3-selenium fonts-wqy-microhei

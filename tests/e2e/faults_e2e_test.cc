@@ -26,81 +26,16 @@
 #include <vector>
 
 #include "e2e_support.h"
+#include "raw_client.h"
+#include "error_table.h"
 #include "test_pki.h"
 
 namespace {
 
-constexpr long long kErrBadRequest = 0x03000003;
+using gw::kErrBadRequest;
 
 const char kImported[] =
     "{\"data\":{\"CERT\":\"certPath\"},\"error\":{\"code\":0,\"description\":\"0\"}}";
-
-// A raw TCP connection to the gateway, for clients that misbehave.
-class RawClient {
- public:
-  explicit RawClient(int port) {
-    fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(static_cast<uint16_t>(port));
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    connected_ = fd_ >= 0 && connect(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
-  }
-  ~RawClient() { close(); }
-  RawClient(const RawClient&) = delete;
-  RawClient& operator=(const RawClient&) = delete;
-
-  bool connected() const { return connected_; }
-  bool send(const std::string& bytes) {
-    // The answer read next is recorded against the request begun last.
-    if (bytes.find(" HTTP/1.1\r\n") != std::string::npos) request_ = bytes;
-    size_t done = 0;
-    while (done < bytes.size()) {
-      const ssize_t n = ::send(fd_, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
-      if (n <= 0) return false;
-      done += static_cast<size_t>(n);
-    }
-    return true;
-  }
-  // Whether something (an answer, or the end) is waiting to be read now.
-  bool readable() const {
-    struct pollfd pfd = {fd_, POLLIN, 0};
-    return poll(&pfd, 1, 0) > 0;
-  }
-  // One answer: its head and the Content-Length bytes of body that follow
-  // (at most 60 s; what came when the server closed or time ran out).
-  std::string readAnswer() {
-    std::string text;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (std::chrono::steady_clock::now() < deadline && !complete(text)) {
-      struct pollfd pfd = {fd_, POLLIN, 0};
-      if (poll(&pfd, 1, 200) <= 0) continue;
-      char buffer[4096];
-      const ssize_t n = recv(fd_, buffer, sizeof(buffer), 0);
-      if (n <= 0) break;
-      text.append(buffer, static_cast<size_t>(n));
-    }
-    recordRawAnswer(request_, text);
-    return text;
-  }
-  void close() {
-    if (fd_ >= 0) ::close(fd_);
-    fd_ = -1;
-  }
-
- private:
-  static bool complete(const std::string& text) {
-    const size_t head = text.find("\r\n\r\n");
-    if (head == std::string::npos) return false;
-    const size_t at = text.find("Content-Length: ");
-    if (at == std::string::npos || at > head) return true;
-    return text.size() - head - 4 >= std::stoul(text.substr(at + 16));
-  }
-
-  int fd_ = -1;
-  bool connected_ = false;
-  std::string request_;
-};
 
 std::vector<std::string> folderEntries(const std::string& dir) {
   std::vector<std::string> names;
@@ -216,7 +151,7 @@ TEST_F(FaultsE2E, UploadCutOffByAClosingClient) {
 
 // A client that stops sending but holds its socket open: others are
 // answered meanwhile, and the read time-out (--read-timeout) ends the
-// stalled request with a 400 envelope.
+// stalled request with a 408 envelope.
 TEST(FaultsStalledE2E, StalledUploadEndsAtTheReadTimeout) {
   GatewayProcess gateway;
   ASSERT_TRUE(gateway.start({"--read-timeout", "1"})) << gateway.output();
@@ -238,12 +173,12 @@ TEST(FaultsStalledE2E, StalledUploadEndsAtTheReadTimeout) {
   EXPECT_FALSE(stalled.readable()) << "the stalled upload was answered before its time-out";
 
   const std::string answer = stalled.readAnswer();
-  EXPECT_EQ(answer.compare(0, 24, "HTTP/1.1 400 Bad Request"), 0) << answer;
+  EXPECT_EQ(answer.compare(0, 30, "HTTP/1.1 408 Request Timeout\r\n"), 0) << answer;
   const size_t bodyAt = answer.find("\r\n\r\n");
   ASSERT_NE(bodyAt, std::string::npos);
   const Json::Value body = parseJson(answer.substr(bodyAt + 4));
-  EXPECT_EQ(body["error"]["code"].asInt64(), kErrBadRequest);
-  EXPECT_EQ(body["error"]["description"].asString(), "The request body could not be read.");
+  EXPECT_EQ(body["error"]["code"].asInt64(), gw::kErrRequestTimeout);
+  EXPECT_EQ(body["error"]["description"].asString(), "The request body did not arrive in time.");
   stalled.close();
   EXPECT_TRUE(waitForLog(gateway,
                          "request body of POST /kestrel_cert/import_cert from 127.0.0.1 "

@@ -154,6 +154,10 @@ int GatewayProcess::runToExit(const std::vector<std::string>& args) {
   return -1;
 }
 
+void GatewayProcess::terminate() {
+  if (pid_ > 0) kill(pid_, SIGTERM);
+}
+
 int GatewayProcess::stop() {
   if (pid_ <= 0) return exitStatus_;
   kill(pid_, SIGTERM);

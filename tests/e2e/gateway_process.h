@@ -35,6 +35,9 @@ class GatewayProcess {
   // killed by a signal or had to be killed after 60 s. Once stopped, returns
   // the same status again.
   int stop();
+  // Sends SIGTERM and returns at once: the gateway drains while the test
+  // goes on; stop() then waits for its end.
+  void terminate();
 
   int port() const { return port_; }
   const std::string& dataDir() const { return dataDir_; }

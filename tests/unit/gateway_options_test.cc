@@ -15,7 +15,7 @@ TEST(GatewayOptionsTest, Defaults) {
   ASSERT_TRUE(gw::parseOptions({}, &options, &error));
   EXPECT_EQ(options.listenHost, "127.0.0.1");
   EXPECT_EQ(options.listenPort, 8080);
-  EXPECT_EQ(options.threads, 64);
+  EXPECT_EQ(options.threads, 0);  // eight per core
   EXPECT_EQ(options.maxBody, 2u * 1024 * 1024);
   EXPECT_FALSE(options.exposeVerifyCode);  // off unless asked for
   EXPECT_FALSE(options.tlsSelfSigned);
@@ -110,18 +110,54 @@ TEST(GatewayOptionsTest, HstsMaxAge) {
   }
 }
 
-// --max-active bounds the operations running at once; 0 leaves the choice
-// to the gateway (eight per core).
-TEST(GatewayOptionsTest, MaxActive) {
+// The server's threads, time-outs and limits: their defaults, both
+// spellings, and one refusal text each with its range.
+TEST(GatewayOptionsTest, TransportSettings) {
   gw::GatewayOptions options;
   std::string error;
   ASSERT_TRUE(gw::parseOptions({}, &options, &error));
-  EXPECT_EQ(options.maxActive, 0);
-  ASSERT_TRUE(gw::parseOptions({"--max-active=16"}, &options, &error)) << error;
-  EXPECT_EQ(options.maxActive, 16);
-  for (const char* bad : {"0", "1025", "many"}) {
-    EXPECT_FALSE(gw::parseOptions({"--max-active", bad}, &options, &error)) << bad;
-    EXPECT_EQ(error, std::string("--max-active wants a number from 1 to 1024, not '") + bad + "'");
+  EXPECT_EQ(options.ioThreads, 0);  // one per core
+  EXPECT_EQ(options.threads, 0);    // eight per core
+  EXPECT_EQ(options.queueLimit, 1024u);
+  EXPECT_EQ(options.headerTimeout, 10);
+  EXPECT_EQ(options.minBodyRate, 1024u);
+  EXPECT_EQ(options.keepAliveTimeout, 5);
+  EXPECT_EQ(options.writeTimeout, 30);
+  EXPECT_EQ(options.maxConnections, 10000u);
+  EXPECT_EQ(options.maxHeaderBytes, 8192u);
+  EXPECT_EQ(options.maxHeaders, 100u);
+  EXPECT_EQ(options.drainTimeout, 30);
+  ASSERT_TRUE(gw::parseOptions({"--io-threads=2", "--threads", "16", "--queue", "0",
+                                "--header-timeout", "3", "--min-body-rate", "0",
+                                "--keep-alive-timeout=60", "--write-timeout", "7",
+                                "--max-connections", "20000", "--max-header-bytes", "16384",
+                                "--max-headers", "50", "--drain-timeout", "0"},
+                               &options, &error))
+      << error;
+  EXPECT_EQ(options.ioThreads, 2);
+  EXPECT_EQ(options.threads, 16);
+  EXPECT_EQ(options.queueLimit, 0u);
+  EXPECT_EQ(options.headerTimeout, 3);
+  EXPECT_EQ(options.minBodyRate, 0u);
+  EXPECT_EQ(options.keepAliveTimeout, 60);
+  EXPECT_EQ(options.writeTimeout, 7);
+  EXPECT_EQ(options.maxConnections, 20000u);
+  EXPECT_EQ(options.maxHeaderBytes, 16384u);
+  EXPECT_EQ(options.maxHeaders, 50u);
+  EXPECT_EQ(options.drainTimeout, 0);
+  const std::vector<std::pair<std::vector<std::string>, std::string>> refused = {
+      {{"--io-threads", "0"}, "--io-threads wants a number from 1 to 256, not '0'"},
+      {{"--threads", "1025"}, "--threads wants a number from 1 to 1024, not '1025'"},
+      {{"--header-timeout", "0"}, "--header-timeout wants seconds from 1 to 3600, not '0'"},
+      {{"--max-header-bytes", "100"},
+       "--max-header-bytes wants a number of bytes from 1024 to 1048576, not '100'"},
+      {{"--min-body-rate", "fast"},
+       "--min-body-rate wants bytes per second from 0 to 1073741824, not 'fast'"},
+      {{"--max-active", "16"}, "unknown option --max-active (see --help)"},
+  };
+  for (const auto& row : refused) {
+    EXPECT_FALSE(gw::parseOptions(row.first, &options, &error)) << row.first[0];
+    EXPECT_EQ(error, row.second);
   }
 }
 

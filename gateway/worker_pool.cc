@@ -1,0 +1,80 @@
+#include "worker_pool.h"
+
+#include <pthread.h>
+
+#include <utility>
+
+namespace gw {
+
+WorkerPool::WorkerPool(std::string name, size_t threads, size_t lineLimit)
+    : name_(std::move(name)), lineLimit_(lineLimit) {
+  if (threads == 0) threads = 1;
+  threads_.reserve(threads);
+  for (size_t i = 0; i < threads; ++i) threads_.emplace_back([this] { work(); });
+}
+
+WorkerPool::~WorkerPool() { stop(); }
+
+bool WorkerPool::submit(std::function<void()> job) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (stopping_) return false;
+    // A free thread takes the job at once; otherwise it joins the line if
+    // there is room.
+    const size_t free = idle_ > line_.size() ? idle_ - line_.size() : 0;
+    if (free == 0 && line_.size() >= lineLimit_) return false;
+    line_.push_back(std::move(job));
+  }
+  wake_.notify_one();
+  return true;
+}
+
+void WorkerPool::stop() {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    stopping_ = true;
+  }
+  wake_.notify_all();
+  for (std::thread& t : threads_) {
+    if (t.joinable()) t.join();
+  }
+}
+
+size_t WorkerPool::waiting() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  const size_t free = idle_ > line_.size() ? idle_ - line_.size() : 0;
+  return line_.size() - (line_.size() > free ? free : line_.size());
+}
+
+size_t WorkerPool::busy() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return running_;
+}
+
+void WorkerPool::work() {
+  // Names the thread for debuggers and top -H ("nox-operations" is cut to
+  // the kernel's fifteen characters).
+  pthread_setname_np(pthread_self(), ("nox-" + name_).substr(0, 15).c_str());
+  std::unique_lock<std::mutex> lock(mutex_);
+  for (;;) {
+    ++idle_;
+    wake_.wait(lock, [this] { return stopping_ || !line_.empty(); });
+    --idle_;
+    if (line_.empty()) return;  // stopping, and nothing left to run
+    std::function<void()> job = std::move(line_.front());
+    line_.pop_front();
+    ++running_;
+    lock.unlock();
+    try {
+      job();
+    } catch (...) {
+      // A job answers its own failures; one that throws still frees its
+      // thread for the next.
+    }
+    job = nullptr;  // what the job holds goes before the next one starts
+    lock.lock();
+    --running_;
+  }
+}
+
+}  // namespace gw
