@@ -7,10 +7,9 @@
 namespace gw {
 
 WorkerPool::WorkerPool(std::string name, size_t threads, size_t lineLimit)
-    : name_(std::move(name)), lineLimit_(lineLimit) {
-  if (threads == 0) threads = 1;
-  threads_.reserve(threads);
-  for (size_t i = 0; i < threads; ++i) threads_.emplace_back([this] { work(); });
+    : name_(std::move(name)), threadCount_(threads > 0 ? threads : 1), lineLimit_(lineLimit) {
+  threads_.reserve(threadCount_);
+  for (size_t i = 0; i < threadCount_; ++i) threads_.emplace_back([this] { work(); });
 }
 
 WorkerPool::~WorkerPool() { stop(); }
@@ -19,10 +18,10 @@ bool WorkerPool::submit(std::function<void()> job) {
   {
     std::lock_guard<std::mutex> lock(mutex_);
     if (stopping_) return false;
-    // A free thread takes the job at once; otherwise it joins the line if
-    // there is room.
-    const size_t free = idle_ > line_.size() ? idle_ - line_.size() : 0;
-    if (free == 0 && line_.size() >= lineLimit_) return false;
+    // A thread not running a job takes this one (even one that has not yet
+    // come round to wait for it); otherwise it joins the line if there is
+    // room.
+    if (running_ + line_.size() >= threadCount_ + lineLimit_) return false;
     line_.push_back(std::move(job));
   }
   wake_.notify_one();
@@ -42,8 +41,8 @@ void WorkerPool::stop() {
 
 size_t WorkerPool::waiting() {
   std::lock_guard<std::mutex> lock(mutex_);
-  const size_t free = idle_ > line_.size() ? idle_ - line_.size() : 0;
-  return line_.size() - (line_.size() > free ? free : line_.size());
+  const size_t claimed = running_ + line_.size();
+  return claimed > threadCount_ ? claimed - threadCount_ : 0;
 }
 
 size_t WorkerPool::busy() {
@@ -57,9 +56,7 @@ void WorkerPool::work() {
   pthread_setname_np(pthread_self(), ("nox-" + name_).substr(0, 15).c_str());
   std::unique_lock<std::mutex> lock(mutex_);
   for (;;) {
-    ++idle_;
     wake_.wait(lock, [this] { return stopping_ || !line_.empty(); });
-    --idle_;
     if (line_.empty()) return;  // stopping, and nothing left to run
     std::function<void()> job = std::move(line_.front());
     line_.pop_front();

@@ -44,7 +44,7 @@ class WorkerPool {
   // Refuses new jobs, lets the threads finish every job in line, joins them.
   void stop();
 
-  size_t threads() const { return threads_.size(); }
+  size_t threads() const { return threadCount_; }
   // Jobs in line (not yet started), and jobs running, at this moment.
   size_t waiting();
   size_t busy();
@@ -53,11 +53,11 @@ class WorkerPool {
   void work();
 
   const std::string name_;
+  const size_t threadCount_;
   const size_t lineLimit_;
   std::mutex mutex_;
   std::condition_variable wake_;
   std::deque<std::function<void()>> line_;
-  size_t idle_ = 0;
   size_t running_ = 0;
   bool stopping_ = false;
   std::vector<std::thread> threads_;

@@ -180,7 +180,8 @@ TEST(TransportE2E, HealthNeverWaitsForOperationsAndAFullLineIsRefused) {
   // A login holds its worker for a second: the only worker is busy.
   RawClient login(gateway.port());
   ASSERT_TRUE(login.send(loginRequest(gateway.password())));
-  ASSERT_TRUE(eventually([&] { return metric(client, "nox_workers_busy") == 1; }));
+  ASSERT_TRUE(eventually([&] { return metric(client, "nox_workers_busy") == 1; }))
+      << login.readAnswer() << gateway.accessLog();
   auto health = client.Get("/healthz");
   ASSERT_TRUE(health);
   EXPECT_EQ(health->status, 200);
