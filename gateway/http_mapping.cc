@@ -133,7 +133,7 @@ long long fillBody(const HttpInput& in, size_t maxBody, CRequestMsg& request) {
   // carry nothing the operations read.
   if (!type.empty() && !startsWithNoCase(type, kJsonType)) return 0;
   // newJsonReader stops at a nesting depth no request needs, by throwing.
-  std::unique_ptr<Json::CharReader> reader(newJsonReader());
+  std::unique_ptr<Json::CharReader> reader(reply::newJsonReader());
   Json::Value json;
   std::string errors;
   try {
@@ -310,7 +310,7 @@ HttpOutput renderResponse(const CRequestMsg& request, const CResponseMsg& respon
   if (!response.getJsonBody().isNull()) {
     out.body = toCompactJson(response.getJsonBody());
   } else {
-    out.body = toCompactJson(genericReply(request, response));
+    out.body = toCompactJson(reply::genericReply(request, response));
   }
   return out;
 }

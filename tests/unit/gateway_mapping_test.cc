@@ -13,7 +13,6 @@
 #include "backend_protocol.h"
 #include "error_table.h"
 #include "http_mapping.h"
-#include "reply_json.h"
 
 namespace {
 
@@ -653,38 +652,6 @@ TEST_F(MappingTest, GenericConversionOfTheStorageConfiguration) {
             "{\"data\":{\"capacity\":5000000000,\"result\":\"\",\"resultParams\":\"a#@#b\","
             "\"storagePath\":\"/backup\",\"storageType\":1},"
             "\"error\":{\"code\":0,\"description\":\"0\"}}");
-}
-
-TEST(ReplyJsonTest, CellsByType) {
-  CTLVCell text;
-  text.setString(1, "abc");
-  EXPECT_EQ(gw::cellToJson(text), Json::Value("abc"));
-  CTLVCell none;
-  EXPECT_TRUE(gw::cellToJson(none).isNull());
-  CTLVCell bin;
-  unsigned char bytes[] = {0x00, 0xAB, 0x10};
-  bin.set_i(CTLVCell::TLV_BINARY, 2, bytes, sizeof(bytes));
-  EXPECT_EQ(gw::cellToJson(bin), Json::Value("00ab10"));
-  CTLVCell arr;
-  std::string json = "[1,2]";
-  arr.set_i(CTLVCell::TLV_JSON_ARRAY, 3, &json[0], json.size());
-  EXPECT_EQ(gw::cellToJson(arr).size(), 2u);
-  CTLVCell broken;
-  std::string notJson = "{oops";
-  broken.set_i(CTLVCell::TLV_JSON, 4, &notJson[0], notJson.size());
-  EXPECT_EQ(gw::cellToJson(broken), Json::Value("{oops"));  // kept as text
-  // Nesting beyond the reader's limit is not followed down: kept as text too.
-  CTLVCell deep;
-  std::string nested = std::string(500, '[') + std::string(500, ']');
-  deep.set_i(CTLVCell::TLV_JSON_ARRAY, 6, &nested[0], nested.size());
-  EXPECT_EQ(gw::cellToJson(deep), Json::Value(nested));
-  std::string shallow = std::string(gw::kMaxJsonDepth - 1, '[') +
-                        std::string(gw::kMaxJsonDepth - 1, ']');
-  deep.set_i(CTLVCell::TLV_JSON_ARRAY, 6, &shallow[0], shallow.size());
-  EXPECT_TRUE(gw::cellToJson(deep).isArray());
-  CTLVCell big;
-  big.setUInt64(5, 18446744073709551615ULL);
-  EXPECT_EQ(gw::cellToJson(big).asUInt64(), 18446744073709551615ULL);
 }
 
 TEST(ErrorTableTest, StatusTable) {

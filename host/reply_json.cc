@@ -9,7 +9,7 @@
 #include "backend_protocol.h"
 #include "qpn_debug_kit.h"
 
-namespace gw {
+namespace reply {
 
 namespace {
 
@@ -42,14 +42,14 @@ constexpr FieldRow kFields[] = {
     {proto::kTaskObjType, proto::kTagTaskErrorInfo, "errorInfo", Want::kAny},
     // Database-backup storage configuration. Cell 9 holds the readable
     // result: "" on success, the sentence for the failure otherwise.
-    {0x62, proto::kTagResultCode, "result", Want::kAny},
-    {0x62, proto::kTagResultParams, "resultParams", Want::kAny},
-    {0x62, proto::kTagStorageType, "storageType", Want::kNumber},
-    {0x62, proto::kTagStoragePath, "storagePath", Want::kText},
-    {0x62, proto::kTagStorageCapacity, "capacity", Want::kNumber},
-    {0x62, proto::kTagStorageUsed, "used", Want::kNumber},
-    {0x62, proto::kTagStorageRetention, "retentionDays", Want::kNumber},
-    {0x62, proto::kTagStorageName, "name", Want::kText},
+    {proto::kStorageConfObjType, proto::kTagResultCode, "result", Want::kAny},
+    {proto::kStorageConfObjType, proto::kTagResultParams, "resultParams", Want::kAny},
+    {proto::kStorageConfObjType, proto::kTagStorageType, "storageType", Want::kNumber},
+    {proto::kStorageConfObjType, proto::kTagStoragePath, "storagePath", Want::kText},
+    {proto::kStorageConfObjType, proto::kTagStorageCapacity, "capacity", Want::kNumber},
+    {proto::kStorageConfObjType, proto::kTagStorageUsed, "used", Want::kNumber},
+    {proto::kStorageConfObjType, proto::kTagStorageRetention, "retentionDays", Want::kNumber},
+    {proto::kStorageConfObjType, proto::kTagStorageName, "name", Want::kText},
 };
 
 const char kHex[] = "0123456789abcdef";
@@ -210,4 +210,4 @@ Json::Value genericReply(const CRequestMsg& request, const CResponseMsg& respons
   return answer;
 }
 
-}  // namespace gw
+}  // namespace reply

@@ -1,0 +1,216 @@
+#include "gateway_setup.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+
+#include "command_line.h"
+#include "data_folder.h"
+#include "redis_state_store.h"
+#include "remote_backend.h"
+#include "request_msg.h"
+#include "session_store.h"
+#include "sim_backend.h"
+#include "state_store.h"
+#include "tls.h"
+#include "tlv_backend.h"
+#include "trace_sink.h"
+
+namespace gw {
+
+namespace {
+
+// How long GET /healthz waits for nox-backend to answer its ping.
+constexpr int kHealthProbeMs = 1000;
+
+bool installRemoteBackend(const GatewayOptions& options, const GatewayPaths& paths,
+                          std::function<bool()>* reachable, int* exitCode, std::string* error) {
+  RemoteBackendOptions remoteOptions;
+  if (!RemoteBackend::parseAddress(options.backend, &remoteOptions, error)) {
+    *exitCode = 2;
+    return false;
+  }
+  *exitCode = 1;
+  // Uploads wait in <data>/staging until they go to the backend with the
+  // request that names them; leftovers of an earlier run are removed.
+  const std::string staging = paths.dataDir + "/staging";
+  std::string why;
+  if (!makeFolders(staging, &why)) {
+    *error = "cannot make the upload folder " + staging + ": " + why;
+    return false;
+  }
+  emptyFolder(staging);
+  char* real = realpath(staging.c_str(), nullptr);
+  if (real == nullptr) {
+    *error = "cannot resolve " + staging + ": " + errnoText(errno);
+    return false;
+  }
+  remoteOptions.localStagingDir = real;
+  free(real);  // NOLINT(cppcoreguidelines-no-malloc): realpath's own allocation
+  std::shared_ptr<RemoteBackend> remote = RemoteBackend::create(remoteOptions);
+  *reachable = [remote] { return remote->reachable(kHealthProbeMs); };
+  installTlvBackend(remote);
+  return true;
+}
+
+bool installSimulatedBackend(const GatewayOptions& options, const GatewayPaths& paths,
+                             std::function<bool()>* reachable, int* exitCode,
+                             std::string* error) {
+  SimBackendOptions backendOptions;
+  backendOptions.dataDir = paths.dataDir;
+  backendOptions.initPassword = options.initPassword;
+  std::string why;
+  std::shared_ptr<SimulatedBackend> backend = SimulatedBackend::open(backendOptions, &why);
+  if (!backend) {
+    *exitCode = 1;
+    *error = "cannot open the backend's data folder " + paths.dataDir + ": " + why;
+    return false;
+  }
+  if (backend->firstStart() && !backend->demoPassword().empty()) {
+    printf("demo users admin (scope 0), auditor (scope 1), apiuser (scope 4); password: %s\n",
+           backend->demoPassword().c_str());
+    printf("(the password is printed only at first start; remove %s to start afresh)\n",
+           paths.dataDir.c_str());
+    fflush(stdout);
+  }
+  *reachable = [] { return true; };
+  installTlvBackend(backend);
+  return true;
+}
+
+}  // namespace
+
+GatewayPaths resolvePaths(const GatewayOptions& options, const std::string& startDir) {
+  GatewayPaths paths;
+  paths.home = options.home.empty() ? dirName(executableDir())
+                                    : absoluteFrom(startDir, options.home);
+  paths.plugin = options.plugin.empty() ? paths.home + "/lib/libucore_nox.so"
+                                        : absoluteFrom(startDir, options.plugin);
+  paths.dataDir = options.dataDir.empty() ? paths.home + "/data"
+                                          : absoluteFrom(startDir, options.dataDir);
+  paths.log = options.log.empty() ? std::string() : absoluteFrom(startDir, options.log);
+  paths.accessLog = absoluteFrom(startDir, options.accessLog);
+  paths.tlsCert = absoluteFrom(startDir, options.tlsCert);
+  paths.tlsKey = absoluteFrom(startDir, options.tlsKey);
+  return paths;
+}
+
+bool openLogs(const GatewayOptions& options, const GatewayPaths& paths,
+              std::unique_ptr<AccessLog>* accessLog, int* exitCode, std::string* error) {
+  TraceLevel level = TraceLevel::kInfo;
+  if (!parseTraceLevel(options.logLevel, &level)) {
+    *exitCode = 2;
+    *error = "--log-level wants trace, debug, info, warn, error or off, not '" +
+             options.logLevel + "'";
+    return false;
+  }
+  *exitCode = 1;
+  setTraceLevel(level);
+  if (!paths.log.empty()) {
+    std::shared_ptr<StreamTraceSink> sink = StreamTraceSink::openFile(paths.log);
+    if (!sink) {
+      *error = "cannot open the log " + paths.log + ": " + errnoText(errno);
+      return false;
+    }
+    setTraceSink(sink);
+  }
+  *accessLog = AccessLog::open(paths.accessLog, options.accessLogJson);
+  if (!*accessLog) {
+    *error = "cannot open the access log " + paths.accessLog + ": " + errnoText(errno);
+    return false;
+  }
+  return true;
+}
+
+bool enterWorkDir(const GatewayPaths& paths, std::string* error) {
+  // The plug-in reads its catalogues from "../conf/" relative to the working
+  // directory. In a build tree that is <home>/conf beside <home>/bin, so the
+  // gateway works from <home>/bin; an installation (cmake --install, the
+  // package) keeps them in <home>/share/ucore_nox/conf, and the gateway works
+  // from that folder itself, whose "../conf" is itself.
+  const std::string installedConf = paths.home + "/share/ucore_nox/conf";
+  struct stat st;
+  const bool installed = stat((paths.home + "/conf").c_str(), &st) != 0 &&
+                         stat(installedConf.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+  const std::string workDir = installed ? installedConf : paths.home + "/bin";
+  if (chdir(workDir.c_str()) != 0) {
+    *error = "cannot change to " + workDir + " (" + errnoText(errno) +
+             "); --home must name the folder that holds bin/, lib/ and conf/ (or "
+             "share/ucore_nox/conf/)";
+    return false;
+  }
+  return true;
+}
+
+bool installBackend(const GatewayOptions& options, const GatewayPaths& paths,
+                    std::function<bool()>* reachable, int* exitCode, std::string* error) {
+  const bool installed =
+      options.backend.empty()
+          ? installSimulatedBackend(options, paths, reachable, exitCode, error)
+          : installRemoteBackend(options, paths, reachable, exitCode, error);
+  if (installed && options.backendTimeout > 0) CRequestUri::setCfgTimeout(options.backendTimeout);
+  return installed;
+}
+
+bool installSessionStore(const GatewayOptions& options, std::string* error) {
+  if (options.sessionIdle > 0) SessionStore::instance().setIdleTimeout(options.sessionIdle);
+  if (options.state.empty()) return true;
+  std::string why;
+  std::shared_ptr<RedisStateStore> shared =
+      RedisStateStore::open(options.state, options.stateTimeoutMs, &why);
+  if (!shared) {
+    *error = "--state " + why;
+    return false;
+  }
+  // Not fatal: the gateway answers 503 until Redis is there, then serves.
+  if (!shared->healthy(&why)) {
+    fprintf(stderr, "nox-gateway: the session store %s is not reachable yet: %s\n",
+            shared->describe().c_str(), why.c_str());
+  }
+  installStateStore(shared);
+  printf("sessions in %s\n", shared->describe().c_str());
+  fflush(stdout);
+  return true;
+}
+
+bool stateHealth(Json::Value& health) {
+  std::shared_ptr<StateStore> store = stateStore();
+  std::string why;
+  const bool reachable = store->healthy(&why);
+  Json::Value& state = health["state"];
+  state["store"] = store->kind();
+  state["reachable"] = reachable;
+  if (!reachable) state["error"] = why;
+  return reachable;
+}
+
+bool serverConfig(const GatewayOptions& options, const GatewayPaths& paths, ServerConfig* config,
+                  std::string* error) {
+  config->host = options.listenHost;
+  config->port = options.listenPort;
+  config->ioThreads = options.ioThreads;
+  config->workers = options.threads;
+  config->queueLimit = options.queueLimit;
+  config->maxBody = options.maxBody;
+  config->headerTimeout = options.headerTimeout;
+  config->readTimeout = options.readTimeout;
+  config->minBodyRate = options.minBodyRate;
+  config->keepAliveTimeout = options.keepAliveTimeout;
+  config->writeTimeout = options.writeTimeout;
+  config->maxConnections = options.maxConnections;
+  config->maxHeaderBytes = options.maxHeaderBytes;
+  config->maxHeaders = options.maxHeaders;
+  config->drainTimeout = options.drainTimeout;
+  config->hstsMaxAge = options.hstsMaxAge;
+  config->tlsCert = paths.tlsCert;
+  config->tlsKey = paths.tlsKey;
+  if (options.tlsSelfSigned) {
+    return ensureSelfSignedPair(paths.dataDir + "/tls", &config->tlsCert, &config->tlsKey, error);
+  }
+  return true;
+}
+
+}  // namespace gw

@@ -1,0 +1,73 @@
+// The steps nox-gateway takes before it serves, each on its own so that
+// main() only wires them: where it works from, its logs, the backend the
+// operations reach, where sessions live, and the server's settings.
+//
+//   const GatewayPaths paths = resolvePaths(options, currentDir());
+//   if (!openLogs(options, paths, &accessLog, &error)) ...
+//   if (!enterWorkDir(paths, &error)) ...
+//   if (!installBackend(options, paths, &backendReachable, &error)) ...
+//   if (!installSessionStore(options, &error)) ...
+//
+// Thread-safety: called once, from main, before the server starts.
+#ifndef NOX_GATEWAY_GATEWAY_SETUP_H_
+#define NOX_GATEWAY_GATEWAY_SETUP_H_
+
+#include <json/json.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "access_log.h"
+#include "http_server.h"
+#include "options.h"
+
+namespace gw {
+
+// The folders and files the command line names, made absolute against the
+// folder the gateway was started in.
+struct GatewayPaths {
+  std::string home;     // holds bin/, lib/ and conf/ (or share/ucore_nox/conf/)
+  std::string plugin;   // the plug-in library
+  std::string dataDir;  // the backend's data (or the staging folder with --backend)
+  std::string log;      // trace log; "" for stderr
+  std::string accessLog;
+  std::string tlsCert;
+  std::string tlsKey;
+};
+GatewayPaths resolvePaths(const GatewayOptions& options, const std::string& startDir);
+
+// Sets the trace level and sink and opens the access log. False with *error
+// set (and *exitCode 2 for a bad level, 1 for a file that cannot be opened).
+bool openLogs(const GatewayOptions& options, const GatewayPaths& paths,
+              std::unique_ptr<AccessLog>* accessLog, int* exitCode, std::string* error);
+
+// Changes to the folder whose "../conf/" holds the catalogues, as the
+// plug-in reads them: <home>/bin in a build tree, <home>/share/ucore_nox/conf
+// in an installation.
+bool enterWorkDir(const GatewayPaths& paths, std::string* error);
+
+// Installs the backend the operations reach: nox-backend at --backend, or
+// the simulated backend with its data in paths.dataDir (printing the demo
+// password when it makes the data). *reachable answers /healthz's "backend".
+// Also sets --backend-timeout. False with *error and *exitCode on failure.
+bool installBackend(const GatewayOptions& options, const GatewayPaths& paths,
+                    std::function<bool()>* reachable, int* exitCode, std::string* error);
+
+// Sets the session idle time and, with --state redis://..., installs the
+// shared store (an unreachable one is reported, not fatal: the gateway
+// answers 503 until it is there).
+bool installSessionStore(const GatewayOptions& options, std::string* error);
+
+// The /healthz part of the session store: "state": {"store", "reachable",
+// "error"}; false when it cannot be reached.
+bool stateHealth(Json::Value& health);
+
+// The server's settings from the command line; with --tls-self-signed the key
+// pair is made (or reused) in <data>/tls first.
+bool serverConfig(const GatewayOptions& options, const GatewayPaths& paths, ServerConfig* config,
+                  std::string* error);
+
+}  // namespace gw
+
+#endif  // NOX_GATEWAY_GATEWAY_SETUP_H_
