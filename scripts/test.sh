@@ -40,14 +40,19 @@ build build-asan -DCMAKE_BUILD_TYPE=Debug "-DNOX_SANITIZE=address;undefined" -DN
 (cd build-asan && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
   UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 ctest -j "$JOBS" --timeout 900)
 
-stage "thread sanitizer build (concurrency tests)"
+stage "thread sanitizer build (concurrency tests, and the transport end to end)"
 cmake -S . -B build-tsan -DNOX_WERROR=ON -DCMAKE_BUILD_TYPE=Debug -DNOX_SANITIZE=thread \
   -DNOX_BUILD_BENCH=OFF >/dev/null
 mapfile -t tsan_targets < <(find tests -name '*concurrency*_test.cc' -printf '%f\n' | sed 's/\.cc$//' | sort)
 [ ${#tsan_targets[@]} -gt 0 ] || { echo "no concurrency tests found"; exit 1; }
+# The HTTP server's threads (I/O threads, workers) are exercised end to end:
+# the gateway runs under the thread sanitizer for the transport tests.
+tsan_targets+=(nox-gateway ucore_nox transport_e2e_test)
 cmake --build build-tsan -j "$JOBS" --target "${tsan_targets[@]}"
 (cd build-tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
-  ctest -j "$JOBS" -L concurrency --no-tests=error --timeout 900)
+  ctest -j "$JOBS" -L concurrency --no-tests=error --timeout 900 &&
+  TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+  ctest -j "$JOBS" -R '^TransportE2E[.]' --fixture-exclude-any '.*' --no-tests=error --timeout 900)
 
 stage "fuzz smoke runs"
 scripts/fuzz.sh "${NOX_FUZZ_SECONDS:-10}"
