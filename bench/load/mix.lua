@@ -63,8 +63,9 @@ end
 done = function(summary, latency, requests)
   local errors = summary.errors.connect + summary.errors.read + summary.errors.write +
                  summary.errors.timeout + summary.errors.status
-  io.write(string.format("RESULT requests=%d seconds=%.2f rps=%.1f errors=%d p50_ms=%.3f p99_ms=%.3f p999_ms=%.3f max_ms=%.3f\n",
+  io.write(string.format("RESULT requests=%d seconds=%.2f rps=%.1f errors=%d timeouts=%d p50_ms=%.3f p99_ms=%.3f p999_ms=%.3f max_ms=%.3f\n",
     summary.requests, summary.duration / 1e6, summary.requests / (summary.duration / 1e6), errors,
+    summary.errors.timeout,
     latency:percentile(50) / 1000, latency:percentile(99) / 1000, latency:percentile(99.9) / 1000,
     latency.max / 1000))
 end
