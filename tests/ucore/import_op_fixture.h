@@ -11,8 +11,8 @@
 //
 // Includes import_interposers.h: include it in exactly one source file of a
 // test program.
-#ifndef NOX_TESTS_UNIT_IMPORT_OP_FIXTURE_H_
-#define NOX_TESTS_UNIT_IMPORT_OP_FIXTURE_H_
+#ifndef NOX_TESTS_UCORE_IMPORT_OP_FIXTURE_H_
+#define NOX_TESTS_UCORE_IMPORT_OP_FIXTURE_H_
 
 #include <gtest/gtest.h>
 #include <json/json.h>
@@ -25,8 +25,8 @@
 #include "request_msg.h"
 #include "scripted_backend.h"
 #include "trace_capture.h"
-#include "unit/import_interposers.h"
-#include "unit/import_test_util.h"
+#include "ucore/import_interposers.h"
+#include "ucore/import_test_util.h"
 
 namespace import_test {
 
@@ -102,4 +102,4 @@ class ImportOpTest : public ::testing::Test {
 
 }  // namespace import_test
 
-#endif  // NOX_TESTS_UNIT_IMPORT_OP_FIXTURE_H_
+#endif  // NOX_TESTS_UCORE_IMPORT_OP_FIXTURE_H_

@@ -7,7 +7,7 @@
 
 #include "NOXImportCrlOp.h"
 #include "qpn_exception.h"
-#include "unit/import_op_fixture.h"
+#include "ucore/import_op_fixture.h"
 
 namespace {
 
