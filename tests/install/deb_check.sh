@@ -37,7 +37,8 @@ say "installed $(dpkg-query -W -f='${Package} ${Version}, ${Installed-Size} KiB'
   "with $(grep -c '^Setting up ' "$WORK/apt.log") packages set up"
 
 getent passwd nox >/dev/null || fail "no nox user"
-[ "$(stat -c %U "/var/lib/nox-gateway")" = nox ] || fail "/var/lib/nox-gateway is not nox's"
+[ "$(stat -c %U:%a /var/lib/nox-gateway)" = nox:700 ] ||
+  fail "/var/lib/nox-gateway is $(stat -c %U:%a /var/lib/nox-gateway), not nox:700"
 for f in /usr/bin/nox-gateway /usr/bin/nox-backend /usr/bin/nox-catalog \
          /usr/lib/libucore_nox.so /usr/lib/libucore_tlv.so; do
   if ldd "$f" | grep -q 'not found'; then ldd "$f"; fail "$f misses a library"; fi

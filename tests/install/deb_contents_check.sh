@@ -74,7 +74,7 @@ dpkg-deb -x "$deb" "$WORK/root"
 unit="$WORK/root/usr/lib/systemd/system/nox-gateway.service"
 for line in 'ExecStart=/usr/bin/nox-gateway $NOX_GATEWAY_OPTIONS' \
             'EnvironmentFile=/etc/default/nox-gateway' 'User=nox' \
-            'StateDirectory=nox-gateway' 'NoNewPrivileges=yes' 'ProtectSystem=strict' \
+            'StateDirectory=nox-gateway' 'StateDirectoryMode=0700' 'NoNewPrivileges=yes' 'ProtectSystem=strict' \
             'ProtectHome=yes' 'PrivateTmp=yes' 'PrivateDevices=yes' \
             'RestrictAddressFamilies=AF_INET AF_INET6 AF_UNIX' 'CapabilityBoundingSet=' \
             'SystemCallFilter=@system-service' 'WantedBy=multi-user.target'; do
