@@ -7,7 +7,7 @@
 // hold data only; the rules (token and code generation, idle time-outs, the
 // throttle's delays) stay in SessionStore, RedirectInfoMgr, VerifyCodeStore
 // and LoginThrottle, which call the installed store. Both implementations
-// pass one conformance suite (tests/unit/state_store_conformance_test.cc).
+// pass one conformance suite (tests/host/state_store_conformance_test.cc).
 //
 // Keys:
 //   sessions      the SHA-256 of the token (hex): a copy of the store opens

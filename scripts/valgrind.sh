@@ -8,7 +8,8 @@ BUILD=${1:-build}
 command -v valgrind >/dev/null || { echo "valgrind missing (apt-get install valgrind)"; exit 1; }
 cd "$BUILD/bin"
 status=0
-for src in ../../tests/unit/*_test.cc ../../tests/abi/*_test.cc; do
+for src in ../../tests/ucore/*_test.cc ../../tests/host/*_test.cc ../../tests/gateway/*_test.cc \
+           ../../tests/abi/*_test.cc; do
   name=$(basename "$src" .cc)
   [ -x "./$name" ] || continue
   if valgrind -q --error-exitcode=1 --leak-check=full --errors-for-leak-kinds=definite \

@@ -21,8 +21,6 @@ namespace {
 
 constexpr long long kErrStorage = 0x03000020;
 constexpr long long kErrWriteFailed = 1000005;
-const char kImported[] =
-    "{\"data\":{\"CERT\":\"certPath\"},\"error\":{\"code\":0,\"description\":\"0\"}}";
 
 bool logHas(const GatewayProcess& gateway, const std::string& text) {
   return gateway.traceLog().find(text) != std::string::npos;
@@ -68,13 +66,12 @@ class DataFolderFaultsE2E : public ::testing::Test {
   }
   std::string token() { return loginToken(*client_, gateway_.password()); }
   httplib::Result upload(const std::string& token, const std::string& content) {
-    httplib::MultipartFormDataItems items = {
-        {"file", content, "ca.pem", "application/octet-stream"}};
-    return client_->Post("/kestrel_cert/import_cert", httplib::Headers{{"X-Auth-Token", token}},
-                         items);
+    return uploadFile(*client_, token, "/kestrel_cert/import_cert", "ca.pem", content);
   }
   std::string newCa(const std::string& name) {
-    return makeCertificate(TestKey::ec(), name, true, -60, 86400, nullptr, nullptr);
+    CertProfile profile(name);
+    profile.ecCurve = "P-256";
+    return makeCert(profile).pem();
   }
 
   // Fills the file system with one file until a write fails with ENOSPC.
@@ -140,7 +137,7 @@ TEST_F(DataFolderFaultsE2E, FullFolder) {
   ASSERT_FALSE(session.empty());
   auto first = upload(session, newCa("NOX Before CA"));
   ASSERT_TRUE(first);
-  ASSERT_EQ(first->body, kImported);
+  ASSERT_EQ(first->body, kImportedBody);
 
   ASSERT_TRUE(fill());
   expectEnvelope(upload(session, newCa("NOX Full CA")), 500, kErrWriteFailed);
@@ -157,7 +154,7 @@ TEST_F(DataFolderFaultsE2E, FullFolder) {
   unfill();
   auto again = upload(session, newCa("NOX After CA"));
   ASSERT_TRUE(again);
-  EXPECT_EQ(again->body, kImported);
+  EXPECT_EQ(again->body, kImportedBody);
   EXPECT_EQ(caFiles(), 2u);
   EXPECT_FALSE(token().empty());
   EXPECT_EQ(gateway_.stop(), 0) << gateway_.output();
@@ -173,7 +170,7 @@ TEST_F(DataFolderFaultsE2E, ReadOnlyUploadFolder) {
   ASSERT_FALSE(session.empty());
   auto first = upload(session, newCa("NOX Before CA"));
   ASSERT_TRUE(first);
-  ASSERT_EQ(first->body, kImported);
+  ASSERT_EQ(first->body, kImportedBody);
 
   const std::string uploads = dataDir_ + "/tmp";
   ASSERT_EQ(mount(uploads.c_str(), uploads.c_str(), nullptr, MS_BIND, nullptr), 0)
@@ -192,7 +189,7 @@ TEST_F(DataFolderFaultsE2E, ReadOnlyUploadFolder) {
       << std::strerror(errno);
   auto again = upload(session, newCa("NOX After CA"));
   ASSERT_TRUE(again);
-  EXPECT_EQ(again->body, kImported);
+  EXPECT_EQ(again->body, kImportedBody);
   EXPECT_EQ(caFiles(), 2u);
   EXPECT_EQ(gateway_.stop(), 0) << gateway_.output();
 }

@@ -39,6 +39,28 @@ inline void expectEnvelope(const httplib::Result& res, int status, long long cod
       << res->body;
 }
 
+// The answer of an accepted certificate or CRL import.
+constexpr char kImportedBody[] =
+    R"({"data":{"CERT":"certPath"},"error":{"code":0,"description":"0"}})";
+
+// Uploads `content` as the file part "file" named `fileName`
+// (multipart/form-data) to the import route `path`, with the session `token`.
+inline httplib::Result uploadFile(httplib::Client& client, const std::string& token,
+                                  const std::string& path, const std::string& fileName,
+                                  const std::string& content) {
+  httplib::MultipartFormDataItems items = {
+      {"file", content, fileName, "application/octet-stream"}};
+  return client.Post(path.c_str(), httplib::Headers{{"X-Auth-Token", token}}, items);
+}
+
+// Checks an accepted import: 200, the operation's text body.
+inline void expectImported(const httplib::Result& res) {
+  ASSERT_TRUE(res) << "no answer";
+  EXPECT_EQ(res->status, 200) << res->body;
+  EXPECT_EQ(res->get_header_value("Content-Type"), "text/plain; charset=utf-8");
+  EXPECT_EQ(res->body, kImportedBody);
+}
+
 // Logs in on "/sessions" through `client` and returns the session token
 // ("" and a test failure when the login is refused).
 inline std::string loginToken(httplib::Client& client, const std::string& password,

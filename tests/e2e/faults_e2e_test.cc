@@ -34,8 +34,6 @@ namespace {
 
 using gw::kErrBadRequest;
 
-const char kImported[] =
-    "{\"data\":{\"CERT\":\"certPath\"},\"error\":{\"code\":0,\"description\":\"0\"}}";
 
 std::vector<std::string> folderEntries(const std::string& dir) {
   std::vector<std::string> names;
@@ -79,9 +77,7 @@ class FaultsE2E : public LiveGatewayTest {
  protected:
   httplib::Result upload(const std::string& token, const std::string& fileName,
                          const std::string& content) {
-    httplib::MultipartFormDataItems items = {
-        {"file", content, fileName, "application/octet-stream"}};
-    return client_->Post("/kestrel_cert/import_cert", auth(token), items);
+    return uploadFile(*client_, token, "/kestrel_cert/import_cert", fileName, content);
   }
 };
 
@@ -141,11 +137,12 @@ TEST_F(FaultsE2E, UploadCutOffByAClosingClient) {
   EXPECT_TRUE(folderEntries(gateway_.dataDir() + "/data/tmp").empty());
   EXPECT_TRUE(folderEntries(gateway_.dataDir() + "/data/ca").empty());
   // The next upload is served as usual.
-  const TestKey key = TestKey::ec();
-  const std::string ca = makeCertificate(key, "NOX Cut CA", true, -60, 86400, nullptr, nullptr);
+  CertProfile profile("NOX Cut CA");
+  profile.ecCurve = "P-256";
+  const std::string ca = makeCert(profile).pem();
   auto res = upload(token, "ca.pem", ca);
   ASSERT_TRUE(res);
-  EXPECT_EQ(res->body, kImported);
+  EXPECT_EQ(res->body, kImportedBody);
   EXPECT_EQ(folderEntries(gateway_.dataDir() + "/data/ca").size(), 1u);
 }
 

@@ -19,24 +19,8 @@ namespace {
 
 constexpr long long kErrBackendUnavailable = 0x03000101;
 
-const char kImported[] =
-    "{\"data\":{\"CERT\":\"certPath\"},\"error\":{\"code\":0,\"description\":\"0\"}}";
-
 httplib::Headers auth(const std::string& token) {
   return httplib::Headers{{"X-Auth-Token", token}};
-}
-
-httplib::Result upload(httplib::Client& client, const std::string& token, const std::string& path,
-                       const std::string& fileName, const std::string& content) {
-  httplib::MultipartFormDataItems items = {
-      {"file", content, fileName, "application/octet-stream"}};
-  return client.Post(path.c_str(), auth(token), items);
-}
-
-void expectImported(const httplib::Result& res) {
-  ASSERT_TRUE(res) << "no answer";
-  EXPECT_EQ(res->status, 200) << res->body;
-  EXPECT_EQ(res->body, kImported);
 }
 
 // The number of entries in folder `dir` (-1 when it cannot be read).
@@ -105,10 +89,8 @@ TEST_F(RemoteBackendE2E, LoginTasksAndAnUploadThroughNoxBackend) {
 
   // The upload reaches the backend's own folders: the gateway has no copy
   // of the backend's data folder at all.
-  const TestKey caKey = TestKey::rsa(2048);
-  const std::string ca =
-      makeCertificate(caKey, "NOX Remote CA", true, -60, 30 * 86400, nullptr, nullptr);
-  expectImported(upload(*client, token, "/kestrel_cert/import_cert", "ca.pem", ca));
+  const std::string ca = makeCert(CertProfile("NOX Remote CA")).pem();
+  expectImported(uploadFile(*client, token, "/kestrel_cert/import_cert", "ca.pem", ca));
   EXPECT_NE(backend_.traceLog().find("CA CN=NOX Remote CA accepted"), std::string::npos)
       << backend_.traceLog();
   // The gateway staged the upload in its own folder and sent it on with the
@@ -127,10 +109,8 @@ TEST_F(RemoteBackendE2E, BackendKilledAndStartedAgainUnderARunningGateway) {
   const std::string token = loginToken(*client, backend_.password());
   ASSERT_FALSE(token.empty());
   // A CA accepted before the crash is kept: its CRL is accepted after it.
-  const TestKey keptKey = TestKey::rsa(2048);
-  const std::string kept =
-      makeCertificate(keptKey, "NOX Kept CA", true, -60, 30 * 86400, nullptr, nullptr);
-  expectImported(upload(*client, token, "/kestrel_cert/import_cert", "kept.pem", kept));
+  const TestCert kept = makeCert(CertProfile("NOX Kept CA"));
+  expectImported(uploadFile(*client, token, "/kestrel_cert/import_cert", "kept.pem", kept.pem()));
 
   // Requests keep coming from a second client while the backend dies: each
   // gets its answer or the clear "not available" envelope, nothing else.
@@ -169,12 +149,12 @@ TEST_F(RemoteBackendE2E, BackendKilledAndStartedAgainUnderARunningGateway) {
   ASSERT_TRUE(list);
   EXPECT_EQ(list->status, 200) << list->body;
   EXPECT_EQ(health(*client), "reachable");
-  const TestKey caKey = TestKey::ec();
-  const std::string ca =
-      makeCertificate(caKey, "NOX After Restart CA", true, -60, 30 * 86400, nullptr, nullptr);
-  expectImported(upload(*client, token, "/kestrel_cert/import_cert", "ca.pem", ca));
+  CertProfile afterRestart("NOX After Restart CA");
+  afterRestart.ecCurve = "P-256";
+  expectImported(uploadFile(*client, token, "/kestrel_cert/import_cert", "ca.pem",
+                        makeCert(afterRestart).pem()));
   expectImported(
-      upload(*client, token, "/kestrel_cert/import_crl", "kept.crl", makeCrl(keptKey, kept, 86400)));
+      uploadFile(*client, token, "/kestrel_cert/import_crl", "kept.crl", makeCrl(kept, 86400)));
 
   done.store(true);
   traffic.join();
@@ -220,14 +200,12 @@ TEST_F(RemoteBackendE2E, TwoGatewaysShareOneBackend) {
 
   // A CA uploaded through A is known through B: B accepts a CRL that only
   // that CA signed (refused as of an unknown issuer before).
-  const TestKey caKey = TestKey::rsa(2048);
-  const std::string ca =
-      makeCertificate(caKey, "NOX Shared CA", true, -60, 30 * 86400, nullptr, nullptr);
-  const std::string crl = makeCrl(caKey, ca, 7 * 86400);
-  expectEnvelope(upload(*b, tokenB, "/kestrel_cert/import_crl", "shared.crl", crl), 422,
+  const TestCert ca = makeCert(CertProfile("NOX Shared CA"));
+  const std::string crl = makeCrl(ca, 7 * 86400);
+  expectEnvelope(uploadFile(*b, tokenB, "/kestrel_cert/import_crl", "shared.crl", crl), 422,
                  0x60E01D12);
-  expectImported(upload(*a, tokenA, "/kestrel_cert/import_cert", "shared.pem", ca));
-  expectImported(upload(*b, tokenB, "/kestrel_cert/import_crl", "shared.crl", crl));
+  expectImported(uploadFile(*a, tokenA, "/kestrel_cert/import_cert", "shared.pem", ca.pem()));
+  expectImported(uploadFile(*b, tokenB, "/kestrel_cert/import_crl", "shared.crl", crl));
 
   // One task read on both gives one answer.
   for (const char* path : {"/kestrel_task/1003", "/kestrel_task?limit=5&sort=-status",

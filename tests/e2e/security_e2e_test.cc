@@ -206,8 +206,7 @@ TEST_F(SecurityE2E, UploadFileNamesNeverBecomePaths) {
   const std::string token = login();
   const std::string root = gateway_->dataDir();
   const std::string marker = "noxsec" + std::to_string(getpid());
-  const TestKey caKey = TestKey::ec();
-  const std::string ca = makeCertificate(caKey, "NOX Path CA", true, -60, 86400, nullptr, nullptr);
+  const std::string ca = makeCert(CertProfile("NOX Path CA")).pem();
   const std::vector<std::string> names = {
       "../../" + marker + ".pem",
       "../../../../../../tmp/" + marker + ".pem",

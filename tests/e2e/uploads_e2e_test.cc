@@ -16,9 +16,6 @@ constexpr long long kErrCertExpired = 0x60E01D02;
 constexpr long long kErrCertNotCa = 0x60E01D03;
 constexpr long long kErrCrlUnknownIssuer = 0x60E01D12;
 
-const char kImported[] =
-    "{\"data\":{\"CERT\":\"certPath\"},\"error\":{\"code\":0,\"description\":\"0\"}}";
-
 class UploadsE2E : public LiveGatewayTest {
  protected:
   void SetUp() override {
@@ -28,38 +25,31 @@ class UploadsE2E : public LiveGatewayTest {
 
   httplib::Result upload(const std::string& path, const std::string& fileName,
                          const std::string& content) {
-    httplib::MultipartFormDataItems items = {
-        {"file", content, fileName, "application/octet-stream"}};
-    return client_->Post(path.c_str(), auth(token_), items);
-  }
-
-  // An accepted import answers 200 with the operation's text body.
-  void expectImported(const httplib::Result& res) {
-    ASSERT_TRUE(res);
-    EXPECT_EQ(res->status, 200) << res->body;
-    EXPECT_EQ(res->get_header_value("Content-Type"), "text/plain; charset=utf-8");
-    EXPECT_EQ(res->body, kImported);
+    return uploadFile(*client_, token_, path, fileName, content);
   }
 
   std::string token_;
 };
 
 TEST_F(UploadsE2E, CertificateVerdicts) {
-  const TestKey caKey = TestKey::rsa(2048);
-  const std::string ca =
-      makeCertificate(caKey, "NOX Test CA", true, -60, 30 * 86400, nullptr, nullptr);
-  expectImported(upload("/kestrel_cert/import_cert", "ca.pem", ca));
-  expectImported(upload("/kestrel_hypervisor/import_cert", "ca.crt", ca));
+  const TestCert ca = makeCert(CertProfile("NOX Test CA"));
+  expectImported(upload("/kestrel_cert/import_cert", "ca.pem", ca.pem()));
+  expectImported(upload("/kestrel_hypervisor/import_cert", "ca.crt", ca.pem()));
 
-  const TestKey oldKey = TestKey::ec();
-  const std::string expired =
-      makeCertificate(oldKey, "NOX Old CA", true, -40 * 86400, -10 * 86400, nullptr, nullptr);
-  expectEnvelope(upload("/kestrel_cert/import_cert", "old.pem", expired), 422, kErrCertExpired);
+  CertProfile old("NOX Old CA");
+  old.ecCurve = "P-256";
+  old.notBeforeOffset = -40 * 86400;
+  old.notAfterOffset = -10 * 86400;
+  expectEnvelope(upload("/kestrel_cert/import_cert", "old.pem", makeCert(old).pem()), 422,
+                 kErrCertExpired);
 
-  const TestKey leafKey = TestKey::ec();
-  const std::string leaf =
-      makeCertificate(leafKey, "server.example", false, -60, 30 * 86400, &caKey, &ca);
-  expectEnvelope(upload("/kestrel_cert/import_cert", "leaf.pem", leaf), 422, kErrCertNotCa);
+  CertProfile leaf("server.example");
+  leaf.ecCurve = "P-256";
+  leaf.ca = false;
+  leaf.keyCertSign = false;
+  leaf.issuer = &ca;
+  expectEnvelope(upload("/kestrel_cert/import_cert", "leaf.pem", makeCert(leaf).pem()), 422,
+                 kErrCertNotCa);
 }
 
 TEST_F(UploadsE2E, CertificateFileRules) {
@@ -68,8 +58,7 @@ TEST_F(UploadsE2E, CertificateFileRules) {
                  kErrFileTooLarge);
   // A wrong suffix: the import stores a one-byte placeholder, which the
   // backend's check cannot read.
-  const TestKey caKey = TestKey::rsa(2048);
-  const std::string ca = makeCertificate(caKey, "NOX Test CA", true, -60, 86400, nullptr, nullptr);
+  const std::string ca = makeCert(CertProfile("NOX Test CA")).pem();
   expectEnvelope(upload("/kestrel_cert/import_cert", "ca.txt", ca), 422, kErrCertUnreadable);
   // No file at all.
   expectEnvelope(
@@ -87,19 +76,14 @@ TEST_F(UploadsE2E, CertificateFileRules) {
 }
 
 TEST_F(UploadsE2E, CrlVerdicts) {
-  const TestKey caKey = TestKey::rsa(2048);
-  const std::string ca =
-      makeCertificate(caKey, "NOX CRL CA", true, -60, 30 * 86400, nullptr, nullptr);
-  expectImported(upload("/kestrel_cert/import_cert", "ca.pem", ca));
-  expectImported(upload("/kestrel_cert/import_crl", "ca.crl", makeCrl(caKey, ca, 7 * 86400)));
+  const TestCert ca = makeCert(CertProfile("NOX CRL CA"));
+  expectImported(upload("/kestrel_cert/import_cert", "ca.pem", ca.pem()));
+  expectImported(upload("/kestrel_cert/import_crl", "ca.crl", makeCrl(ca, 7 * 86400)));
 
   // Signed by a CA that was never imported.
-  const TestKey strangerKey = TestKey::rsa(2048);
-  const std::string stranger =
-      makeCertificate(strangerKey, "Stranger CA", true, -60, 30 * 86400, nullptr, nullptr);
-  expectEnvelope(
-      upload("/kestrel_cert/import_crl", "stranger.crl", makeCrl(strangerKey, stranger, 7 * 86400)),
-      422, kErrCrlUnknownIssuer);
+  const TestCert stranger = makeCert(CertProfile("Stranger CA"));
+  expectEnvelope(upload("/kestrel_cert/import_crl", "stranger.crl", makeCrl(stranger, 7 * 86400)),
+                 422, kErrCrlUnknownIssuer);
   expectEnvelope(upload("/kestrel_cert/import_crl", "big.crl", std::string(1048577, 'A')), 413,
                  kErrFileTooLarge);
   expectEnvelope(client_->Post("/kestrel_cert/import_crl", auth(token_),

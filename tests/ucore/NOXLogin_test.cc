@@ -12,7 +12,7 @@
 #include "NOXLoginOpWithVerifyCode.h"
 #include "operation_base.h"
 #include "trace_capture.h"
-#include "unit/login_test_rig.h"
+#include "login_test_rig.h"
 
 extern "C" int NOXRegisterOperations(CSpecifyProc* proc);
 

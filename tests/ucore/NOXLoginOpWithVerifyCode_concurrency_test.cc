@@ -8,7 +8,7 @@
 
 #include "NOXLoginOpWithVerifyCode.h"
 #include "trace_capture.h"
-#include "unit/login_test_rig.h"
+#include "login_test_rig.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <regex>
 #include <set>
 
-#include "unit/login_test_rig.h"
+#include "login_test_rig.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include "unit/login_test_rig.h"
+#include "login_test_rig.h"
 
 namespace {
 

@@ -10,8 +10,8 @@
 //   LockModeScope tryOnly(LockMode::kTry); // a held mutex fails instead of hanging
 //
 // Thread-safety: the mode is an atomic; the tests change it between calls.
-#ifndef NOX_TESTS_UNIT_ACE_LOCK_INTERPOSER_H_
-#define NOX_TESTS_UNIT_ACE_LOCK_INTERPOSER_H_
+#ifndef NOX_TESTS_UCORE_ACE_LOCK_INTERPOSER_H_
+#define NOX_TESTS_UCORE_ACE_LOCK_INTERPOSER_H_
 
 #include <ace/OS_NS_Thread.h>
 #include <pthread.h>
@@ -60,4 +60,4 @@ int ACE_OS::mutex_lock(ACE_mutex_t* m) {
   return -1;
 }
 
-#endif  // NOX_TESTS_UNIT_ACE_LOCK_INTERPOSER_H_
+#endif  // NOX_TESTS_UCORE_ACE_LOCK_INTERPOSER_H_

@@ -12,7 +12,7 @@
 #include "abi/abi_slots.h"
 #include "scripted_backend.h"
 #include "operation_base.h"
-#include "unit/import_test_util.h"
+#include "ucore/import_test_util.h"
 
 extern "C" int NOXRegisterOperations(CSpecifyProc* proc);
 

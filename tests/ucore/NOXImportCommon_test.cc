@@ -12,9 +12,9 @@
 #include "NOXImportCommon.h"
 #include "scripted_backend.h"
 #include "trace_capture.h"
-#include "unit/import_test_util.h"
+#include "ucore/import_test_util.h"
 
-#include "unit/import_interposers.h"
+#include "ucore/import_interposers.h"
 
 namespace {
 

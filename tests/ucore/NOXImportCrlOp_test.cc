@@ -1,21 +1,13 @@
 // NOXImportCrlOp against the reference host and a scripted backend.
-#include <dlfcn.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <time.h>
 
-#include <cerrno>
-#include <optional>
 #include <string>
 #include <vector>
 
 #include "NOXImportCrlOp.h"
 #include "qpn_exception.h"
-#include "scripted_backend.h"
-#include "trace_capture.h"
-#include "unit/import_test_util.h"
-
-#include "unit/import_interposers.h"
+#include "ucore/import_op_fixture.h"
 
 namespace {
 
@@ -23,66 +15,17 @@ using import_test::cellInt;
 using import_test::commandsSent;
 using import_test::eventOutcomes;
 using import_test::expectLog;
+using import_test::kSuccessBody;
 using import_test::left;
 
 constexpr uint32_t kImportPath = 0xE000006E;
 constexpr uint32_t kSave = 0xE000006F;
 constexpr uint32_t kEvent = 0x00C9009B;
 constexpr char kSource[] = "src/ucore/NOXImportCrlOp";
-const char kSuccessBody[] = R"({"data":{"CERT":"certPath"},"error":{"code":0,"description":"0"}})";
 
-class CrlImportTest : public ::testing::Test {
+class CrlImportTest : public import_test::ImportOpTest<NOXImportCrlOp> {
  protected:
-  void SetUp() override {
-    g_chmodFailures = 0;
-    g_chmodCalls = 0;
-    g_countSleepsOnly = true;
-    g_sleeps.clear();
-    ASSERT_FALSE(dir_.path().empty());
-    path_ = dir_.file("revoked.tmp");
-    import_test::prepareRequest(request_, connection_);
-    import_test::answerPath(backend_, kImportPath, path_);
-  }
-  void TearDown() override { g_countSleepsOnly = false; }
-
-  void renew() {
-    request_ = CRequestMsg();
-    response_ = CResponseMsg();
-    import_test::prepareRequest(request_, connection_);
-    backend_.clearSent();
-    trace_.clear();
-  }
-  void upload(const std::string& name, const std::string& content) {
-    request_.getBody().addUpload(name, content);
-  }
-  int post(const std::string& method = "POST") { return op_.op(method, "", request_, response_); }
-  std::optional<QPNExceptionWithErrCode_> postFailing() {
-    try {
-      post();
-    } catch (const QPNExceptionWithErrCode_& e) {
-      return e;
-    }
-    ADD_FAILURE() << "no coded exception left op\n" << trace_.dump();
-    return std::nullopt;
-  }
-  void expectWritten(const std::string& content) {
-    EXPECT_EQ(import_test::readFile(path_), content);
-    EXPECT_EQ(import_test::fileMode(path_), 0640);
-  }
-  std::string body() const {
-    Json::FastWriter writer;
-    writer.omitEndingLineFeed();
-    return writer.write(response_.getJsonBody());
-  }
-
-  ScriptedBackend backend_;
-  TraceCapture trace_;
-  import_test::ScratchDir dir_;
-  std::string path_;
-  HttpRequest connection_;
-  CRequestMsg request_;
-  CResponseMsg response_;
-  NOXImportCrlOp op_;
+  CrlImportTest() : ImportOpTest(kImportPath, "revoked.tmp") {}
 };
 
 TEST_F(CrlImportTest, SuccessWritesFileSavesItAndAnswersTheEnvelope) {

@@ -11,7 +11,7 @@
 #include "task_catalogues.h"
 #include "trace_capture.h"
 
-#include "unit/ace_lock_interposer.h"
+#include "ucore/ace_lock_interposer.h"
 
 namespace {
 

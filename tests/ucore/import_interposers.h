@@ -5,8 +5,8 @@
 // into that program. Switches: how many chmod calls fail (-1: all) and
 // whether sleeps are only counted instead of slept. The tests run on one
 // thread.
-#ifndef NOX_TESTS_UNIT_IMPORT_INTERPOSERS_H_
-#define NOX_TESTS_UNIT_IMPORT_INTERPOSERS_H_
+#ifndef NOX_TESTS_UCORE_IMPORT_INTERPOSERS_H_
+#define NOX_TESTS_UCORE_IMPORT_INTERPOSERS_H_
 
 #include <dlfcn.h>
 #include <sys/stat.h>
@@ -44,4 +44,4 @@ extern "C" int nanosleep(const struct timespec* request, struct timespec* remain
   return real(request, remaining);
 }
 
-#endif  // NOX_TESTS_UNIT_IMPORT_INTERPOSERS_H_
+#endif  // NOX_TESTS_UCORE_IMPORT_INTERPOSERS_H_

@@ -1,8 +1,8 @@
 // Shared pieces of the login tests: a request on a fake HTTP connection, a
 // settable clock, a scripted login reply, and a fixture that resets the
 // host's session, throttle and challenge tables around each test.
-#ifndef NOX_TESTS_UNIT_LOGIN_TEST_RIG_H_
-#define NOX_TESTS_UNIT_LOGIN_TEST_RIG_H_
+#ifndef NOX_TESTS_SUPPORT_LOGIN_TEST_RIG_H_
+#define NOX_TESTS_SUPPORT_LOGIN_TEST_RIG_H_
 
 #include <gtest/gtest.h>
 #include <json/json.h>
@@ -158,4 +158,4 @@ class LoginTestBase : public ::testing::Test {
   ScriptedBackend backend_;
 };
 
-#endif  // NOX_TESTS_UNIT_LOGIN_TEST_RIG_H_
+#endif  // NOX_TESTS_SUPPORT_LOGIN_TEST_RIG_H_

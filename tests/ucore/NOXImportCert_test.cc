@@ -1,21 +1,13 @@
 // NOXImportCertOp against the reference host and a scripted backend.
-#include <dlfcn.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <time.h>
 
-#include <cerrno>
-#include <optional>
 #include <string>
 #include <vector>
 
 #include "NOXImportCert.h"
 #include "qpn_exception.h"
-#include "scripted_backend.h"
-#include "trace_capture.h"
-#include "unit/import_test_util.h"
-
-#include "unit/import_interposers.h"
+#include "ucore/import_op_fixture.h"
 
 namespace {
 
@@ -23,6 +15,7 @@ using import_test::cellInt;
 using import_test::commandsSent;
 using import_test::eventOutcomes;
 using import_test::expectLog;
+using import_test::kSuccessBody;
 using import_test::left;
 
 constexpr uint32_t kTempPath = 0xE0000052;
@@ -30,56 +23,11 @@ constexpr uint32_t kCheck = 0xE0000049;
 constexpr uint32_t kEvent = 0x00C9009B;
 constexpr char kSource[] = "src/ucore/NOXImportCert";
 
-class CertImportTest : public ::testing::Test {
+class CertImportTest : public import_test::ImportOpTest<NOXImportCertOp> {
  protected:
-  void SetUp() override {
-    g_chmodFailures = 0;
-    g_chmodCalls = 0;
-    g_countSleepsOnly = true;
-    g_sleeps.clear();
-    ASSERT_FALSE(dir_.path().empty());
-    path_ = dir_.file("upload.tmp");
-    import_test::prepareRequest(request_, connection_);
-    import_test::answerPath(backend_, kTempPath, path_);
-  }
-  void TearDown() override { g_countSleepsOnly = false; }
-
-  void upload(const std::string& name, const std::string& content) {
-    request_.getBody().addUpload(name, content);
-  }
-  int post(const std::string& method = "POST") { return op_.op(method, "", request_, response_); }
-  // Runs a POST that must leave with a coded exception and returns it.
-  std::optional<QPNExceptionWithErrCode_> postFailing() {
-    try {
-      post();
-    } catch (const QPNExceptionWithErrCode_& e) {
-      return e;
-    }
-    ADD_FAILURE() << "no coded exception left op\n" << trace_.dump();
-    return std::nullopt;
-  }
-  // Checks that the file at the path is the given content with mode 0640.
-  void expectWritten(const std::string& content) {
-    EXPECT_EQ(import_test::readFile(path_), content);
-    EXPECT_EQ(import_test::fileMode(path_), 0640);
-  }
-  std::string successBody() const {
-    Json::FastWriter writer;
-    writer.omitEndingLineFeed();
-    return writer.write(response_.getJsonBody());
-  }
-
-  ScriptedBackend backend_;
-  TraceCapture trace_;
-  import_test::ScratchDir dir_;
-  std::string path_;
-  HttpRequest connection_;
-  CRequestMsg request_;
-  CResponseMsg response_;
-  NOXImportCertOp op_;
+  CertImportTest() : ImportOpTest(kTempPath, "upload.tmp") {}
 };
 
-const char kSuccessBody[] = R"({"data":{"CERT":"certPath"},"error":{"code":0,"description":"0"}})";
 
 TEST_F(CertImportTest, SuccessWritesFileChecksItAndAnswersTheEnvelope) {
   request_.setInterfaceVersion("v1");
@@ -89,7 +37,7 @@ TEST_F(CertImportTest, SuccessWritesFileChecksItAndAnswersTheEnvelope) {
   CRequestUri::setCfgTimeout(30);
 
   expectWritten("-----BEGIN CERTIFICATE-----\n");
-  EXPECT_EQ(successBody(), kSuccessBody);
+  EXPECT_EQ(body(), kSuccessBody);
   ASSERT_EQ(response_.getReplyTemplates().count("data"), 1u);
   EXPECT_EQ(response_.getReplyTemplates().at("data"), Json::Value([] {
               Json::Value v;
@@ -186,10 +134,8 @@ TEST_F(CertImportTest, LowerCasePostImports) {
 
 TEST_F(CertImportTest, AcceptedSuffixesAreWrittenAsUploaded) {
   for (const char* name : {"a.pem", "b.der", "c.crt", "d.cer", "e.x.pem"}) {
-    request_ = CRequestMsg();
-    import_test::prepareRequest(request_, connection_);
+    renew();
     upload(name, std::string("content of ") + name);
-    trace_.clear();
     EXPECT_EQ(post(), 0) << name;
     expectWritten(std::string("content of ") + name);
     EXPECT_FALSE(trace_.hasText("Certificate file is null or suffix error.")) << name;
@@ -259,11 +205,8 @@ TEST_F(CertImportTest, RefusedNamesAreWrittenAsOneZeroByteAndStillChecked) {
       {"big.PEM", std::string(1048577, 'b')},  // refused before the size is looked at
   };
   for (const Case& c : cases) {
-    request_ = CRequestMsg();
-    import_test::prepareRequest(request_, connection_);
+    renew();
     upload(c.name, c.content);
-    backend_.clearSent();
-    trace_.clear();
     EXPECT_EQ(post(), 0) << c.name;
     expectLog(trace_, TraceLevel::kError, "WriteCertToTempPath",
               "Certificate file is null or suffix error.");
@@ -333,7 +276,7 @@ TEST_F(CertImportTest, ChmodThatNeverSucceedsWarnsThreeTimesSleepsAndTheImportGo
   EXPECT_EQ(import_test::readFile(path_), "PEM");
   EXPECT_EQ(import_test::fileMode(path_), 0600);  // as writeFile left it
   EXPECT_EQ(eventOutcomes(backend_), (std::vector<long long>{0}));
-  EXPECT_EQ(successBody(), kSuccessBody);
+  EXPECT_EQ(body(), kSuccessBody);
 }
 
 TEST_F(CertImportTest, ChmodThatSucceedsOnTheSecondTryWarnsOnce) {
@@ -442,7 +385,7 @@ TEST_F(CertImportTest, FailingEventSenderNeverChangesTheOutcome) {
   EXPECT_EQ(post(), 0);
   expectLog(trace_, TraceLevel::kWarn, "SendEvent", "Failed to send import cert event log.");
   EXPECT_TRUE(left(trace_, "SendEvent", "NOK"));
-  EXPECT_EQ(successBody(), kSuccessBody);
+  EXPECT_EQ(body(), kSuccessBody);
   EXPECT_EQ(backend_.sent(kEvent).size(), 1u);
 
   // On a failing import the original code still leaves op.

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "login_op.h"
-#include "unit/login_test_rig.h"
+#include "login_test_rig.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
 // Helpers shared by the import operation tests: a scratch folder, a request
 // with a session and an HTTP connection, reading back the written file, and
 // reading the import events a ScriptedBackend recorded.
-#ifndef NOX_TESTS_UNIT_IMPORT_TEST_UTIL_H_
-#define NOX_TESTS_UNIT_IMPORT_TEST_UTIL_H_
+#ifndef NOX_TESTS_UCORE_IMPORT_TEST_UTIL_H_
+#define NOX_TESTS_UCORE_IMPORT_TEST_UTIL_H_
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -137,4 +137,4 @@ inline bool left(const TraceCapture& trace, const std::string& name, const std::
 
 }  // namespace import_test
 
-#endif  // NOX_TESTS_UNIT_IMPORT_TEST_UTIL_H_
+#endif  // NOX_TESTS_UCORE_IMPORT_TEST_UTIL_H_

@@ -1,0 +1,93 @@
+#!/usr/bin/env bash
+# Makes the Debian package from the build tree into a scratch folder (cpack
+# -G DEB) and reads it back without installing it:
+#   - the control fields, and a Depends line with the shared libraries the
+#     executables and libraries need (computed by dpkg-shlibdeps) and passwd;
+#   - the files under /usr are exactly what `cmake --install` lays out, plus
+#     the unit, the documentation and /etc/default/nox-gateway;
+#   - the conffile and the maintainer scripts (executable, valid sh);
+#   - the unit's start line, options file, user and hardening lines;
+#   - the options in /etc/default/nox-gateway are ones nox-gateway accepts,
+#     with its data in the unit's state folder.
+# usage: deb_contents_check.sh BUILD_DIR
+set -euo pipefail
+BUILD=$(cd "$1" && pwd)
+WORK=$(mktemp -d /tmp/nox-deb-XXXXXX)
+trap 'rm -rf "$WORK"' EXIT
+fail() { echo "deb: $*" >&2; exit 1; }
+
+version=$(sed -n 's/^set(CPACK_PACKAGE_VERSION "\(.*\)")$/\1/p' "$BUILD/CPackConfig.cmake")
+[ -n "$version" ] || fail "no CPACK_PACKAGE_VERSION in $BUILD/CPackConfig.cmake"
+(cd "$WORK" && cpack --config "$BUILD/CPackConfig.cmake" -G DEB -B "$WORK/out") >"$WORK/cpack.log" 2>&1 ||
+  { cat "$WORK/cpack.log"; fail "cpack failed"; }
+deb="$WORK/out/nox-gateway_${version}_amd64.deb"
+[ -f "$deb" ] || { ls -R "$WORK/out" | head -20; fail "no $deb"; }
+echo "deb: $(basename "$deb"), $(stat -c %s "$deb") bytes"
+
+# Control fields.
+field() { dpkg-deb -f "$deb" "$1"; }
+[ "$(field Package)" = nox-gateway ] || fail "Package: $(field Package)"
+[ "$(field Version)" = "$version" ] || fail "Version: $(field Version)"
+[ "$(field Architecture)" = amd64 ] || fail "Architecture: $(field Architecture)"
+depends=$(field Depends)
+echo "deb: Depends: $depends"
+# One pattern per library the ELF files link (libucore_tlv and libucore_nox
+# are in the package itself and must not be asked for).
+for lib in 'passwd' 'libc6 ' 'libstdc\+\+6 ' 'libace-[0-9.]+ ' 'libjsoncpp[0-9]+ ' \
+           'libtinyxml2-[0-9]+ ' 'libpcre2-8-0 ' 'libssl3 ' 'libsqlite3-0 ' 'libhiredis[0-9.]+ ' \
+           'libbrotli[0-9]+ ' 'zlib1g '; do
+  echo "$depends" | grep -Eq "(^|, )$lib" || fail "Depends lacks $lib"
+done
+if echo "$depends" | grep -q ucore; then fail "Depends names the package's own libraries"; fi
+# The HTTP server is Boost.Beast, compiled in: no HTTP library is asked for.
+if echo "$depends" | grep -q httplib; then fail "Depends names an HTTP library"; fi
+
+# The files: cmake --install's layout under /usr, plus the service's files.
+cmake --install "$BUILD" --prefix "$WORK/prefix" >"$WORK/install.log"
+(cd "$WORK/prefix" && find . -type f | sed 's|^\./|/usr/|') | sort >"$WORK/expected"
+printf '%s\n' /etc/default/nox-gateway /usr/lib/systemd/system/nox-gateway.service \
+  /usr/share/doc/nox-gateway/README.md /usr/share/doc/nox-gateway/operations.md >>"$WORK/expected"
+sort -o "$WORK/expected" "$WORK/expected"
+dpkg-deb -c "$deb" | awk '$1 !~ /^d/ {print $6}' | sed 's|^\./|/|' | sort >"$WORK/packaged"
+if ! diff -u "$WORK/expected" "$WORK/packaged" >"$WORK/files.diff"; then
+  cat "$WORK/files.diff"; fail "the package's files differ from cmake --install's (- install, + package)"
+fi
+for f in /usr/bin/nox-gateway /usr/bin/nox-backend /usr/lib/libucore_nox.so \
+         /usr/share/ucore_nox/conf/task_extra_info_zh.xml /usr/include/ucore_nox/operation_base.h \
+         /usr/lib/cmake/ucore_nox/ucore_noxConfig.cmake /usr/lib/pkgconfig/ucore_nox.pc; do
+  grep -qx "$f" "$WORK/packaged" || fail "$f is not packaged"
+done
+echo "deb: $(wc -l <"$WORK/packaged") files, the install layout under /usr and the service files"
+
+# Control files.
+dpkg-deb -e "$deb" "$WORK/control"
+[ "$(cat "$WORK/control/conffiles")" = /etc/default/nox-gateway ] ||
+  fail "conffiles: $(cat "$WORK/control/conffiles")"
+for script in postinst prerm postrm; do
+  [ -x "$WORK/control/$script" ] || fail "$script is missing or not executable"
+  sh -n "$WORK/control/$script" || fail "$script is not valid sh"
+done
+grep -q 'useradd --system' "$WORK/control/postinst" || fail "postinst makes no system user"
+grep -q '/run/systemd/system' "$WORK/control/postinst" || fail "postinst starts without asking for systemd"
+echo "deb: conffiles and maintainer scripts ok"
+
+# The unit and its options.
+dpkg-deb -x "$deb" "$WORK/root"
+unit="$WORK/root/usr/lib/systemd/system/nox-gateway.service"
+for line in 'ExecStart=/usr/bin/nox-gateway $NOX_GATEWAY_OPTIONS' \
+            'EnvironmentFile=/etc/default/nox-gateway' 'User=nox' \
+            'StateDirectory=nox-gateway' 'StateDirectoryMode=0700' 'NoNewPrivileges=yes' 'ProtectSystem=strict' \
+            'ProtectHome=yes' 'PrivateTmp=yes' 'PrivateDevices=yes' \
+            'RestrictAddressFamilies=AF_INET AF_INET6 AF_UNIX' 'CapabilityBoundingSet=' \
+            'SystemCallFilter=@system-service' 'WantedBy=multi-user.target'; do
+  grep -qxF "$line" "$unit" || fail "the unit lacks the line '$line'"
+done
+echo "deb: the unit starts the gateway as nox with its hardening"
+options=$(env -i sh -c ". '$WORK/root/etc/default/nox-gateway' && printf %s \"\$NOX_GATEWAY_OPTIONS\"")
+[ -n "$options" ] || fail "/etc/default/nox-gateway sets no NOX_GATEWAY_OPTIONS"
+case " $options " in *" --data /var/lib/nox-gateway "*) ;; *) fail "options without --data /var/lib/nox-gateway: $options" ;; esac
+# shellcheck disable=SC2086
+"$BUILD/bin/nox-gateway" $options --help >/dev/null 2>"$WORK/options.err" ||
+  { cat "$WORK/options.err"; fail "nox-gateway refuses the packaged options: $options"; }
+echo "deb: the packaged options ($options) are accepted"
+echo "deb: all checks passed"
