@@ -69,8 +69,12 @@ bool parseOptions(const std::vector<std::string>& args, GatewayOptions* options,
     long long number = 0;
     if (const TransportNumber* row = findTransportNumber(name)) {
       if (!parseNumber(value, row->min, row->max, &number)) {
-        *error = name + " wants " + row->unit + " from " + std::to_string(row->min) + " to " +
-                 std::to_string(row->max) + ", not '" + value + "'";
+        *error = name;
+        *error += " wants ";
+        *error += row->unit;
+        *error += " from " + std::to_string(row->min);
+        *error += " to " + std::to_string(row->max);
+        *error += ", not '" + value + "'";
         return false;
       }
       row->set(options, number);

@@ -15,8 +15,8 @@
 namespace gw {
 
 struct GatewayOptions {
+  // Where, and with what.
   std::string listenHost = "127.0.0.1";
-  int listenPort = 8080;     // 0: any free port
   std::string plugin;        // "": <bin>/../lib/libucore_nox.so
   std::string home;          // "": the folder above the executable's bin/
   std::string dataDir;       // "": <home>/data
@@ -24,30 +24,34 @@ struct GatewayOptions {
   std::string initPassword;  // demo users' password on first start
   std::string log;           // trace log file; "": stderr
   std::string logLevel = "info";
-  std::string accessLog;  // access log file; "": stderr
-  bool accessLogJson = false;  // --log-format json
-  int ioThreads = 0;  // threads reading and writing connections; 0: one per core
-  int threads = 0;    // workers running operations; 0: eight per core (at least 8)
+  std::string accessLog;     // access log file; "": stderr
+  std::string state;         // "": sessions in this process; "redis://...": shared
+  std::string metricsAllow = "127.0.0.0/8,::1";  // client addresses that may read /metrics
+  std::string tlsCert;
+  std::string tlsKey;
+  // Sizes and limits.
+  size_t maxBody = size_t{2} * 1024 * 1024;
   size_t queueLimit = 1024;  // requests waiting for a worker
-  int headerTimeout = 10;
-  size_t minBodyRate = 1024;
-  int keepAliveTimeout = 5;
-  int writeTimeout = 30;
+  size_t minBodyRate = 1024;  // bytes per second, once a body took readTimeout
   size_t maxConnections = 10000;
   size_t maxHeaderBytes = 8192;
   size_t maxHeaders = 100;
-  int drainTimeout = 30;
-  size_t maxBody = size_t{2} * 1024 * 1024;
-  int sessionIdle = 0;     // seconds; 0: the session store's default
-  std::string state;       // "": sessions in this process; "redis://...": shared
-  int stateTimeoutMs = 500;  // per Redis command and connection attempt
-  std::string metricsAllow = "127.0.0.0/8,::1";  // client addresses that may read /metrics
-  int backendTimeout = 0;  // seconds; 0: the host's default
-  int readTimeout = 30;    // seconds of silence while a request body arrives
-  std::string tlsCert;
-  std::string tlsKey;
-  bool tlsSelfSigned = false;
   long long hstsMaxAge = 31536000;  // seconds; 0: no Strict-Transport-Security header
+  int listenPort = 8080;     // 0: any free port
+  int ioThreads = 0;         // threads reading and writing connections; 0: one per core
+  int threads = 0;           // workers running operations; 0: eight per core (at least 8)
+  // Times, in seconds unless named otherwise.
+  int headerTimeout = 10;
+  int readTimeout = 30;      // silence while a request body arrives
+  int keepAliveTimeout = 5;
+  int writeTimeout = 30;
+  int drainTimeout = 30;
+  int sessionIdle = 0;       // 0: the session store's default
+  int stateTimeoutMs = 500;  // per Redis command and connection attempt
+  int backendTimeout = 0;    // 0: the host's default
+  // Switches.
+  bool accessLogJson = false;  // --log-format json
+  bool tlsSelfSigned = false;
   bool exposeVerifyCode = false;
   bool help = false;
   bool version = false;

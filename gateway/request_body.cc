@@ -161,7 +161,7 @@ std::string multipartBoundary(const std::string& contentType) {
   const std::string type = trim(contentType.substr(0, semicolon));
   if (strcasecmp(type.c_str(), "multipart/form-data") != 0) return std::string();
   bool found = false;
-  const std::string boundary = headerParameter(contentType, "boundary", &found);
+  std::string boundary = headerParameter(contentType, "boundary", &found);
   // RFC 2046: 1 to 70 characters, not ending in a blank.
   if (!found || boundary.empty() || boundary.size() > 70 || boundary.back() == ' ') {
     return std::string();
@@ -188,16 +188,14 @@ bool parseMultipart(const std::string& body, const std::string& boundary,
     while (at < body.size() && (body[at] == ' ' || body[at] == '\t')) ++at;
     if (body.compare(at, 2, "\r\n") != 0) return false;
     at += 2;
+    // A part with no header lines at all (it starts with the blank line)
+    // has no Content-Disposition: not a form field.
+    if (body.compare(at, 2, "\r\n") == 0) return false;
     const size_t headersEnd = body.find("\r\n\r\n", at);
-    // A part with no header lines at all starts with the blank line.
-    size_t contentStart = 0;
-    FormPart part;
-    if (body.compare(at, 2, "\r\n") == 0) {
-      return false;  // no Content-Disposition: not a form field
-    }
     if (headersEnd == std::string::npos) return false;
+    FormPart part;
     if (!readPartHeaders(body.substr(at, headersEnd - at), &part)) return false;
-    contentStart = headersEnd + 4;
+    const size_t contentStart = headersEnd + 4;
     const size_t end = body.find(next, contentStart);
     if (end == std::string::npos) return false;
     part.content.assign(body, contentStart, end - contentStart);
