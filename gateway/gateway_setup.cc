@@ -3,9 +3,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <thread>
 
 #include "command_line.h"
 #include "data_folder.h"
@@ -82,6 +84,12 @@ bool installSimulatedBackend(const GatewayOptions& options, const GatewayPaths& 
 }
 
 }  // namespace
+
+int defaultWorkers(const GatewayOptions& options) {
+  const unsigned cores = std::max(1U, std::thread::hardware_concurrency());
+  const unsigned perCore = options.backend.empty() ? 2 : 8;
+  return static_cast<int>(std::max(cores * perCore, options.backend.empty() ? 4U : 8U));
+}
 
 GatewayPaths resolvePaths(const GatewayOptions& options, const std::string& startDir) {
   GatewayPaths paths;
@@ -192,7 +200,7 @@ bool serverConfig(const GatewayOptions& options, const GatewayPaths& paths, Serv
   config->host = options.listenHost;
   config->port = options.listenPort;
   config->ioThreads = options.ioThreads;
-  config->workers = options.threads;
+  config->workers = options.threads > 0 ? options.threads : defaultWorkers(options);
   config->queueLimit = options.queueLimit;
   config->maxBody = options.maxBody;
   config->headerTimeout = options.headerTimeout;
@@ -205,6 +213,7 @@ bool serverConfig(const GatewayOptions& options, const GatewayPaths& paths, Serv
   config->maxHeaders = options.maxHeaders;
   config->drainTimeout = options.drainTimeout;
   config->hstsMaxAge = options.hstsMaxAge;
+  config->inlineChecks = options.backend.empty() && options.state.empty();
   config->tlsCert = paths.tlsCert;
   config->tlsKey = paths.tlsKey;
   if (options.tlsSelfSigned) {

@@ -37,19 +37,13 @@ using Clock = std::chrono::steady_clock;
 namespace {
 
 constexpr int kTraceModule = 4;  // the gateway's records in the trace log
-// Threads of the pool for the built-in paths, and their line.
+// Threads of the pool for the built-in paths (their line is --queue too).
 constexpr size_t kServiceThreads = 2;
-constexpr size_t kServiceLine = 256;
 // After a refusal the connection is closed once the client has stopped
 // sending or after this long: closing with unread bytes would reset the
 // connection and could destroy the answer before the client reads it.
 constexpr auto kLingerTime = std::chrono::seconds(2);
 constexpr size_t kLingerBytes = size_t{1} << 20;
-
-int defaultWorkers() {
-  const unsigned cores = std::thread::hardware_concurrency();
-  return cores * 8 > 8 ? static_cast<int>(cores * 8) : 8;
-}
 
 int defaultIoThreads() {
   const unsigned cores = std::thread::hardware_concurrency();
@@ -71,6 +65,12 @@ bool takesNoBody(const std::string& method) {
   return method == "GET" || method == "HEAD" || method == "OPTIONS";
 }
 
+// Whether `target` is the health check or the metrics.
+bool checkPath(const std::string& target) {
+  const std::string path = target.substr(0, target.find('?'));
+  return path == "/healthz" || path == "/metrics";
+}
+
 // Whether `path` is one the gateway answers itself, without the plug-in.
 bool builtInPath(const std::string& target) {
   const std::string path = target.substr(0, target.find('?'));
@@ -89,9 +89,9 @@ struct HttpServer::Impl {
         accessLog(log),
         transportLimit(config.maxBody + kMultipartOverhead),
         operations("operations",
-                   static_cast<size_t>(config.workers > 0 ? config.workers : defaultWorkers()),
+                   static_cast<size_t>(config.workers > 0 ? config.workers : 1),
                    config.queueLimit),
-        service("service", kServiceThreads, kServiceLine),
+        service("service", kServiceThreads, config.queueLimit),
         ioc(config.ioThreads > 0 ? config.ioThreads : defaultIoThreads()),
         acceptor(net::make_strand(ioc)) {}
 
@@ -222,13 +222,25 @@ class Connection final : public Impl::Connection {
     state_ = State::kIdle;
     if (buffer_.size() > 0) return readHeader();
     arm(first ? server_.config.headerTimeout : server_.config.keepAliveTimeout, Expiry::kClose);
-    stream_.async_read_some(buffer_.prepare(4096),
-                            [self = self()](beast::error_code ec, size_t n) {
-                              self->timer_.cancel();
-                              if (ec) return self->closeNow();
-                              self->buffer_.commit(n);
-                              self->readHeader();
-                            });
+    // A waiting connection holds no buffer: the last request's goes, and
+    // over plain TCP the wait is for the socket to become readable. (TLS
+    // may hold decrypted bytes already, so it reads a first small piece.)
+    buffer_.shrink_to_fit();
+    if constexpr (std::is_same_v<Stream, beast::tcp_stream>) {
+      socket().async_wait(tcp::socket::wait_read, [self = self()](beast::error_code ec) {
+        self->timer_.cancel();
+        if (ec) return self->closeNow();
+        self->readHeader();
+      });
+    } else {
+      stream_.async_read_some(buffer_.prepare(512),
+                              [self = self()](beast::error_code ec, size_t n) {
+                                self->timer_.cancel();
+                                if (ec) return self->closeNow();
+                                self->buffer_.commit(n);
+                                self->readHeader();
+                              });
+    }
   }
 
   // Reads the header piece by piece, counting what the parser takes: the
@@ -409,13 +421,22 @@ class Connection final : public Impl::Connection {
       in.multipart = true;
       in.body.clear();
     }
+    // The health check and the metrics cost next to nothing when nothing
+    // they read is remote: answered here, without a hand-over to a thread.
+    if (server_.config.inlineChecks && checkPath(target_)) {
+      HttpOutput out = server_.dispatcher.handle(in);
+      return answer(std::move(out));
+    }
     WorkerPool& pool = builtInPath(target_) ? server_.service : server_.operations;
     const bool queued = pool.submit([self = self(), in = std::move(in)] {
       setTraceRequestId(self->context_.requestId);
       HttpOutput out = self->server_.dispatcher.handle(in);
       setTraceRequestId(std::string());
-      net::post(self->stream_.get_executor(),
-                [self, out = std::move(out)]() mutable { self->answer(std::move(out)); });
+      // Compressing is work too: done here, not on the I/O thread.
+      finishAnswer(&out, self->context_);
+      net::post(self->stream_.get_executor(), [self, out = std::move(out)]() mutable {
+        self->write(std::move(out));
+      });
     });
     if (!queued) {
       HttpOutput busy = refusal(503, kErrBusy, describeCode(kErrBusy));
@@ -442,9 +463,14 @@ class Connection final : public Impl::Connection {
     answer(std::move(out));
   }
 
+  // Completes `out` (see finishAnswer) and writes it.
   void answer(HttpOutput out) {
-    state_ = State::kWriting;
     finishAnswer(&out, context_);
+    write(std::move(out));
+  }
+
+  void write(HttpOutput out) {
+    state_ = State::kWriting;
     res_.emplace();
     res_->version(version_ == 10 ? 10 : 11);
     res_->result(static_cast<unsigned>(out.status));

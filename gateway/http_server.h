@@ -4,7 +4,8 @@
 // dispatcher (and through it the plug-in) may block on the backend without
 // delaying any other connection. Built-in paths (/healthz, /metrics,
 // /openapi.json, the console) have a small pool of their own, so they never
-// wait behind operations.
+// wait behind operations; the health check and the metrics are answered on
+// the I/O threads when nothing they read is remote.
 //
 //   HttpServer server(config, dispatcher, accessLog);
 //   if (!server.start(&error)) ...      // binds; server.port() is the port taken
@@ -33,7 +34,7 @@ struct ServerConfig {
   std::string host = "127.0.0.1";
   int port = 8080;  // 0: any free port
   int ioThreads = 0;             // threads reading and writing; 0: one per core
-  int workers = 0;               // operations running at once; 0: eight per core, at least 8
+  int workers = 4;               // operations running at once
   size_t queueLimit = 1024;      // requests waiting for a worker; beyond it 503
   size_t maxBody = size_t{2} * 1024 * 1024;
   int headerTimeout = 10;        // seconds for a whole request header
@@ -45,6 +46,10 @@ struct ServerConfig {
   size_t maxHeaderBytes = 8192;  // request line and header lines together
   size_t maxHeaders = 100;       // header lines
   int drainTimeout = 30;         // seconds stop() lets requests in flight finish
+  // Whether /healthz and /metrics read nothing remote (the backend in
+  // process, sessions in memory) and may be answered on the I/O threads;
+  // otherwise they wait for a remote answer on the built-in paths' pool.
+  bool inlineChecks = false;
   std::string tlsCert;  // both set: HTTPS
   std::string tlsKey;
   long long hstsMaxAge = 31536000;  // Strict-Transport-Security max-age over HTTPS; 0: none

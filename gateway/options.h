@@ -39,7 +39,7 @@ struct GatewayOptions {
   long long hstsMaxAge = 31536000;  // seconds; 0: no Strict-Transport-Security header
   int listenPort = 8080;     // 0: any free port
   int ioThreads = 0;         // threads reading and writing connections; 0: one per core
-  int threads = 0;           // workers running operations; 0: eight per core (at least 8)
+  int threads = 0;           // workers running operations; 0: see defaultWorkers()
   // Times, in seconds unless named otherwise.
   int headerTimeout = 10;
   int readTimeout = 30;      // silence while a request body arrives

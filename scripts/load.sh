@@ -153,7 +153,7 @@ echo "idle connections: $(cat "$WORK/idle.out")"
 sleep 1
 IDLE_RSS_KB=$(sed -n 's/^VmRSS:\s*\([0-9]*\).*/\1/p' "/proc/$GW_PID/status")
 BESIDE=$(run_wrk healthz-beside-idle "$URL" /healthz "$CONNECTIONS" "$SHORT"); echo "$BESIDE"
-HELD=$(curl -s "$URL/metrics" | sed -n 's/^nox_open_connections //p')
+HELD=$(curl -s --max-time 5 "$URL/metrics" | sed -n 's/^nox_open_connections //p')
 echo "gateway with $IDLE idle connections: $((IDLE_RSS_KB / 1024)) MiB resident," \
   "${HELD:-?} connections open after the run"
 exec 9>&-
