@@ -646,21 +646,21 @@ void HttpServer::Impl::onAccept(beast::error_code ec, tcp::socket socket) {
 
 void HttpServer::Impl::beginStop() {
   if (stopBegun.exchange(true)) return;
+  drainDeadline = Clock::now() + std::chrono::seconds(config.drainTimeout);
+  // On the acceptor's strand, in this order: no connection is accepted
+  // after the listener is closed, so every connection that waits for a
+  // request is among those closed next.
   net::post(acceptor.get_executor(), [this] {
     beast::error_code ignored;
     acceptor.close(ignored);
-  });
-  std::vector<std::shared_ptr<Connection>> live;
-  {
-    std::lock_guard<std::mutex> lock(connectionsMutex);
-    for (auto& entry : connections) {
-      if (auto connection = entry.second.lock()) live.push_back(std::move(connection));
+    std::vector<std::shared_ptr<Connection>> live;
+    {
+      std::lock_guard<std::mutex> lock(connectionsMutex);
+      for (auto& entry : connections) {
+        if (auto connection = entry.second.lock()) live.push_back(std::move(connection));
+      }
     }
-  }
-  for (auto& connection : live) connection->closeIfIdle();
-  live.clear();
-  drainDeadline = Clock::now() + std::chrono::seconds(config.drainTimeout);
-  net::post(ioc, [this] {
+    for (auto& connection : live) connection->closeIfIdle();
     drainTimer.emplace(ioc);
     checkDrained();
   });
