@@ -305,7 +305,9 @@ TEST_F(SecurityE2E, OversizedRequestPartsAreRefusedAndTheConnectionClosed) {
   for (int i = 0; i < 150; ++i) manyHeaders += "X-Filler-" + std::to_string(i) + ": v\r\n";
   // Twenty lines of 500 bytes: each short, together over the 8 KiB limit.
   std::string manyLongHeaders;
-  for (int i = 0; i < 20; ++i) manyLongHeaders += "X-Long-" + std::to_string(i) + ": " + std::string(500, 'l') + "\r\n";
+  for (int i = 0; i < 20; ++i) {
+    manyLongHeaders += "X-Long-" + std::to_string(i) + ": " + std::string(500, 'l') + "\r\n";
+  }
   const std::vector<Case> cases = {
       {"request line", "GET /" + std::string(9000, 'a') + " HTTP/1.1\r\nHost: x\r\n\r\n",
        "HTTP/1.1 414 URI Too Long"},
@@ -339,6 +341,8 @@ TEST_F(SecurityE2E, OversizedRequestPartsAreRefusedAndTheConnectionClosed) {
        "HTTP/1.1 400 Bad Request"},
       {"chunk size not hex", head + "Transfer-Encoding: chunked\r\n\r\n2x\r\n{}\r\n0\r\n\r\n",
        "HTTP/1.1 400 Bad Request"},
+      {"unknown content coding", head + "Content-Encoding: compress\r\nContent-Length: 2\r\n\r\n{}",
+       "HTTP/1.1 415 Unsupported Media Type"},
       {"TRACE", "TRACE /sessions HTTP/1.1\r\nHost: x\r\n\r\n", "HTTP/1.1 405 Method Not Allowed"},
       {"CONNECT", "CONNECT 127.0.0.1:22 HTTP/1.1\r\nHost: x\r\n\r\n",
        "HTTP/1.1 405 Method Not Allowed"},
@@ -350,6 +354,20 @@ TEST_F(SecurityE2E, OversizedRequestPartsAreRefusedAndTheConnectionClosed) {
     EXPECT_EQ(reply.text.find("Keep-Alive:"), std::string::npos) << c.what;
     EXPECT_TRUE(reply.closed) << c.what;
     EXPECT_NE(reply.text.find("{\"data\":null,\"error\":{\"code\":"), std::string::npos) << c.what;
+  }
+  // The refusals of sizes and codings say what was refused.
+  const std::vector<std::pair<std::string, std::string>> described = {
+      {cases[0].request, "The request target is too long."},
+      {cases[1].request, "The request header is too large."},
+      {cases[2].request, "The request header is too large."},
+      {cases[3].request, "The request carries too many headers."},
+      {head + "Content-Encoding: compress\r\nContent-Length: 2\r\n\r\n{}",
+       "The request body's Content-Encoding is not supported."},
+  };
+  for (const auto& d : described) {
+    const RawReply reply = exchange(port(), d.first);
+    EXPECT_NE(reply.text.find("\"description\":\"" + d.second + "\""), std::string::npos)
+        << reply.text;
   }
   // A header folded over two lines (obs-fold) is unfolded, as RFC 9112
   // allows, and the request served.

@@ -127,6 +127,7 @@ TEST(TransportE2E, IdleConnectionsAndASlowHeaderBlockNoOne) {
   EXPECT_LT(sent.load(), slowHeader.size());
   EXPECT_EQ(statusLine(answer), "HTTP/1.1 408 Request Timeout") << answer;
   EXPECT_EQ(codeOf(answer), gw::kErrRequestTimeout);
+  EXPECT_NE(answer.find("The request header did not arrive in time."), std::string::npos);
   EXPECT_NE(answer.find("\r\nConnection: close\r\n"), std::string::npos);
   // The idle ones, which never sent a byte, are closed without an answer.
   std::string idleAnswer;
