@@ -320,6 +320,15 @@ Dispatcher::Dispatcher(const CSpecifyProc& registry, SessionLookup lookup, Dispa
       lookup_(std::move(lookup)),
       options_(std::move(options)) {}
 
+BuiltInPath builtInPath(const std::string& target) {
+  const std::string path = target.substr(0, target.find('?'));
+  if (path == "/healthz" || path == "/metrics") return BuiltInPath::kCheck;
+  if (path == "/openapi.json" || path == "/console" || path.compare(0, 9, "/console/") == 0) {
+    return BuiltInPath::kDocument;
+  }
+  return BuiltInPath::kNone;
+}
+
 std::vector<std::string> routeLabels(const CSpecifyProc& registry) {
   std::vector<std::string> labels = {"/healthz", "/openapi.json", "/metrics", "/console"};
   for (const CSpecifyProc::Route& r : registry.routes()) {

@@ -100,6 +100,12 @@ struct DispatchOptions {
 // built-in paths.
 std::vector<std::string> routeLabels(const CSpecifyProc& registry);
 
+// What a path (with or without its query) is to the gateway: a route of
+// the registry (kNone), a check it answers from its own state (/healthz,
+// /metrics), or a fixed document (/openapi.json, the console's files).
+enum class BuiltInPath { kNone, kCheck, kDocument };
+BuiltInPath builtInPath(const std::string& target);
+
 // The name of the session cookie.
 extern const char kSessionCookie[];  // "NOX_SESSION"
 

@@ -65,19 +65,6 @@ bool takesNoBody(const std::string& method) {
   return method == "GET" || method == "HEAD" || method == "OPTIONS";
 }
 
-// Whether `target` is the health check or the metrics.
-bool checkPath(const std::string& target) {
-  const std::string path = target.substr(0, target.find('?'));
-  return path == "/healthz" || path == "/metrics";
-}
-
-// Whether `path` is one the gateway answers itself, without the plug-in.
-bool builtInPath(const std::string& target) {
-  const std::string path = target.substr(0, target.find('?'));
-  return path == "/healthz" || path == "/metrics" || path == "/openapi.json" ||
-         path == "/console" || path.compare(0, 9, "/console/") == 0;
-}
-
 }  // namespace
 
 // What every connection shares: the settings, the pools, the counters and
@@ -161,6 +148,8 @@ class Connection final : public Impl::Connection {
         timer_(stream_.get_executor()),
         client_(std::move(client)) {
     ++server_.open;
+    context_.secure = !std::is_same_v<Stream, beast::tcp_stream>;
+    context_.hstsMaxAge = server_.config.hstsMaxAge;
   }
   ~Connection() override {
     server_.untrack(id_);
@@ -184,12 +173,11 @@ class Connection final : public Impl::Connection {
 
   void closeIfIdle() override {
     net::post(stream_.get_executor(), [self = self()] {
-      if (self->state_ == State::kIdle) self->socket().cancel();
+      if (self->waiting_) self->socket().cancel();
     });
   }
 
  private:
-  enum class State { kStarting, kIdle, kHeader, kBody, kWorking, kWriting, kClosing };
   // What the deadline timer does when it fires.
   enum class Expiry { kClose, kTimeOut };
 
@@ -219,7 +207,7 @@ class Connection final : public Impl::Connection {
   // that sends nothing is closed without an answer.
   void waitForRequest(bool first) {
     if (server_.stopping) return closeNow();
-    state_ = State::kIdle;
+    waiting_ = true;
     if (buffer_.size() > 0) return readHeader();
     arm(first ? server_.config.headerTimeout : server_.config.keepAliveTimeout, Expiry::kClose);
     // A waiting connection holds no buffer: the last request's goes, and
@@ -246,7 +234,7 @@ class Connection final : public Impl::Connection {
   // Reads the header piece by piece, counting what the parser takes: the
   // limit holds for the whole header, however it is cut into packets.
   void readHeader() {
-    state_ = State::kHeader;
+    waiting_ = false;
     parser_.emplace();
     parser_->header_limit(static_cast<std::uint32_t>(server_.config.maxHeaderBytes));
     parser_->body_limit(server_.transportLimit);
@@ -318,7 +306,6 @@ class Connection final : public Impl::Connection {
       return refuse(400, kErrBadRequest, "This method takes no request body.");
     }
     if (parser_->is_done()) return dispatch();
-    received_ = 0;
     bodyStarted_ = Clock::now();
     if (req.version() >= 11 && beast::iequals(req[http::field::expect], "100-continue")) {
       // The client waits for this before it sends the body.
@@ -336,7 +323,6 @@ class Connection final : public Impl::Connection {
   }
 
   void readBody() {
-    state_ = State::kBody;
     arm(server_.config.readTimeout, Expiry::kTimeOut);
     http::async_read_some(stream_, buffer_, *parser_,
                           [self = self()](beast::error_code ec, size_t) {
@@ -346,13 +332,13 @@ class Connection final : public Impl::Connection {
   }
 
   void onBody(beast::error_code ec) {
-    received_ = parser_->get().body().size();
+    const size_t received = parser_->get().body().size();
     if (ec == http::error::body_limit) {
       return refuse(413, kErrBodyTooLarge, describeCode(kErrBodyTooLarge));
     }
     const double seconds = std::chrono::duration<double>(Clock::now() - bodyStarted_).count();
     const bool tooSlow = !ec && !parser_->is_done() && seconds > server_.config.readTimeout &&
-                         static_cast<double>(received_) <
+                         static_cast<double>(received) <
                              seconds * static_cast<double>(server_.config.minBodyRate);
     if (timedOut_ || tooSlow || ec) {
       // The client went away, stopped sending or sends too slowly: nothing
@@ -362,7 +348,7 @@ class Connection final : public Impl::Connection {
       CQPNDebugKitGuard guard(kTraceModule, "readBody");
       guard.warn(0, "readBody", __LINE__,
                  "request body of %s %s from %s cut off after %zu of %s bytes", method_.c_str(),
-                 target_.substr(0, target_.find('?')).c_str(), client_.c_str(), received_,
+                 target_.substr(0, target_.find('?')).c_str(), client_.c_str(), received,
                  length != req.end() ? std::string(length->value()).c_str() : "(chunked)");
       if (timedOut_ || tooSlow) {
         return refuse(408, kErrRequestTimeout,
@@ -381,7 +367,6 @@ class Connection final : public Impl::Connection {
 
   // The request is whole: it goes to a worker; the answer comes back here.
   void dispatch() {
-    state_ = State::kWorking;
     auto& req = parser_->get();
     HttpInput in;
     in.method = method_;
@@ -394,8 +379,6 @@ class Connection final : public Impl::Connection {
     keepAlive_ = req.keep_alive();
     version_ = req.version();
     head_ = method_ == "HEAD";
-    context_.secure = !std::is_same_v<Stream, beast::tcp_stream>;
-    context_.hstsMaxAge = server_.config.hstsMaxAge;
     context_.requestId = requestIdFor(headerValue(in.headers, "X-Request-Id"));
     context_.acceptEncoding = headerValue(in.headers, "Accept-Encoding");
 
@@ -423,11 +406,12 @@ class Connection final : public Impl::Connection {
     }
     // The health check and the metrics cost next to nothing when nothing
     // they read is remote: answered here, without a hand-over to a thread.
-    if (server_.config.inlineChecks && checkPath(target_)) {
+    const BuiltInPath builtIn = builtInPath(target_);
+    if (server_.config.inlineChecks && builtIn == BuiltInPath::kCheck) {
       HttpOutput out = server_.dispatcher.handle(in);
       return answer(std::move(out));
     }
-    WorkerPool& pool = builtInPath(target_) ? server_.service : server_.operations;
+    WorkerPool& pool = builtIn == BuiltInPath::kNone ? server_.operations : server_.service;
     const bool queued = pool.submit([self = self(), in = std::move(in)] {
       setTraceRequestId(self->context_.requestId);
       HttpOutput out = self->server_.dispatcher.handle(in);
@@ -454,8 +438,6 @@ class Connection final : public Impl::Connection {
       version_ = parser_->get().version();
     }
     if (context_.requestId.empty()) context_.requestId = requestIdFor(std::string());
-    context_.secure = !std::is_same_v<Stream, beast::tcp_stream>;
-    context_.hstsMaxAge = server_.config.hstsMaxAge;
     keepAlive_ = false;
     head_ = method_ == "HEAD";
     HttpOutput out = refusal(status, code, description);
@@ -470,7 +452,6 @@ class Connection final : public Impl::Connection {
   }
 
   void write(HttpOutput out) {
-    state_ = State::kWriting;
     res_.emplace();
     res_->version(version_ == 10 ? 10 : 11);
     res_->result(static_cast<unsigned>(out.status));
@@ -529,7 +510,8 @@ class Connection final : public Impl::Connection {
     parser_.reset();
     method_.clear();
     target_.clear();
-    context_ = AnswerContext();
+    context_.requestId.clear();
+    context_.acceptEncoding.clear();
     if (ec) return closeNow();
     if (!keep) return closeGently();
     waitForRequest(false);
@@ -539,7 +521,6 @@ class Connection final : public Impl::Connection {
   // the client still sends is read and dropped until it closes too (or a
   // short while passes), so that the answer is not lost to a reset.
   void closeGently() {
-    state_ = State::kClosing;
     if constexpr (!std::is_same_v<Stream, beast::tcp_stream>) {
       beast::get_lowest_layer(stream_).expires_after(kLingerTime);
       stream_.async_shutdown([self = self()](beast::error_code) { self->closeNow(); });
@@ -562,7 +543,6 @@ class Connection final : public Impl::Connection {
   }
 
   void closeNow() {
-    state_ = State::kClosing;
     timer_.cancel();
     beast::error_code ignored;
     socket().shutdown(tcp::socket::shutdown_both, ignored);
@@ -574,7 +554,7 @@ class Connection final : public Impl::Connection {
   net::steady_timer timer_;
   const std::string client_;
   size_t id_ = 0;
-  State state_ = State::kStarting;
+  bool waiting_ = false;  // for the first byte of a request: stop() may close it
   bool timedOut_ = false;
   beast::flat_buffer buffer_;
   std::optional<http::request_parser<http::string_body>> parser_;
@@ -589,7 +569,6 @@ class Connection final : public Impl::Connection {
   Clock::time_point started_ = Clock::now();
   Clock::time_point bodyStarted_;
   size_t headerBytes_ = 0;
-  size_t received_ = 0;
   size_t lingered_ = 0;
   AccessRecord record_;
   std::string route_;

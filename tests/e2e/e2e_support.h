@@ -61,6 +61,14 @@ inline void expectImported(const httplib::Result& res) {
   EXPECT_EQ(res->body, kImportedBody);
 }
 
+// The value of the sample `line` (metric name and labels as written) in a
+// /metrics text, or -1 when the text has none.
+inline double metricSample(const std::string& text, const std::string& line) {
+  const size_t at = text.find("\n" + line + " ");
+  if (at == std::string::npos) return -1;
+  return std::stod(text.substr(at + line.size() + 2));
+}
+
 // Logs in on "/sessions" through `client` and returns the session token
 // ("" and a test failure when the login is refused).
 inline std::string loginToken(httplib::Client& client, const std::string& password,

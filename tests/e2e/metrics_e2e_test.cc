@@ -15,13 +15,6 @@ namespace {
 
 constexpr long long kErrRouteNotFound = 0x03000201;
 
-// The value of the sample `line` (metric name and labels as written), or -1.
-double sample(const std::string& text, const std::string& line) {
-  const size_t at = text.find("\n" + line + " ");
-  if (at == std::string::npos) return -1;
-  return std::stod(text.substr(at + line.size() + 2));
-}
-
 class MetricsE2E : public LiveGatewayTest {};
 
 TEST_F(MetricsE2E, CountsWhatHappenedInTheTextFormat) {
@@ -45,21 +38,21 @@ TEST_F(MetricsE2E, CountsWhatHappenedInTheTextFormat) {
   ASSERT_EQ(res->status, 200) << res->body;
   EXPECT_EQ(res->get_header_value("Content-Type"), "text/plain; version=0.0.4; charset=utf-8");
   const std::string text = "\n" + res->body;
-  EXPECT_EQ(sample(text, "nox_http_requests_total{route=\"/kestrel_task\",status=\"200\"}"), 2) << text;
-  EXPECT_EQ(sample(text, "nox_http_requests_total{route=\"/sessions\",status=\"401\"}"), 1);
-  EXPECT_EQ(sample(text, "nox_http_requests_total{route=\"other\",status=\"404\"}"), 1);
-  EXPECT_EQ(sample(text, "nox_http_request_duration_seconds_count{route=\"/kestrel_task\"}"), 2);
-  EXPECT_EQ(sample(text, "nox_http_request_duration_seconds_bucket{route=\"/kestrel_task\",le=\"+Inf\"}"), 2);
-  EXPECT_EQ(sample(text, "nox_uploads_refused_total{reason=\"refused_by_check\"}"), 1);
-  EXPECT_EQ(sample(text, "nox_logins_failed_total"), 1);
-  EXPECT_EQ(sample(text, "nox_logins_throttled_total"), 0);
-  EXPECT_EQ(sample(text, "nox_sessions_open"), 1);
-  EXPECT_GE(sample(text, "nox_backend_calls_total{command=\"0xE012C000\"}"), 2);  // task list
-  EXPECT_EQ(sample(text, "nox_backend_failures_total{command=\"0xE0000049\"}"), 1);  // the refused check
-  EXPECT_EQ(sample(text, "nox_operations_waiting"), 0);
-  EXPECT_GE(sample(text, "nox_open_connections"), 1);  // this client's
-  EXPECT_GT(sample(text, "process_resident_memory_bytes"), 1e6);
-  EXPECT_GT(sample(text, "process_open_fds"), 3);
+  EXPECT_EQ(metricSample(text, "nox_http_requests_total{route=\"/kestrel_task\",status=\"200\"}"), 2) << text;
+  EXPECT_EQ(metricSample(text, "nox_http_requests_total{route=\"/sessions\",status=\"401\"}"), 1);
+  EXPECT_EQ(metricSample(text, "nox_http_requests_total{route=\"other\",status=\"404\"}"), 1);
+  EXPECT_EQ(metricSample(text, "nox_http_request_duration_seconds_count{route=\"/kestrel_task\"}"), 2);
+  EXPECT_EQ(metricSample(text, "nox_http_request_duration_seconds_bucket{route=\"/kestrel_task\",le=\"+Inf\"}"), 2);
+  EXPECT_EQ(metricSample(text, "nox_uploads_refused_total{reason=\"refused_by_check\"}"), 1);
+  EXPECT_EQ(metricSample(text, "nox_logins_failed_total"), 1);
+  EXPECT_EQ(metricSample(text, "nox_logins_throttled_total"), 0);
+  EXPECT_EQ(metricSample(text, "nox_sessions_open"), 1);
+  EXPECT_GE(metricSample(text, "nox_backend_calls_total{command=\"0xE012C000\"}"), 2);  // task list
+  EXPECT_EQ(metricSample(text, "nox_backend_failures_total{command=\"0xE0000049\"}"), 1);  // the refused check
+  EXPECT_EQ(metricSample(text, "nox_operations_waiting"), 0);
+  EXPECT_GE(metricSample(text, "nox_open_connections"), 1);  // this client's
+  EXPECT_GT(metricSample(text, "process_resident_memory_bytes"), 1e6);
+  EXPECT_GT(metricSample(text, "process_open_fds"), 3);
 
   // Prometheus's own checker reads it without a complaint.
   char path[] = "/tmp/nox-metrics-XXXXXX";

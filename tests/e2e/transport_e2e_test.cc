@@ -51,10 +51,7 @@ long long codeOf(const std::string& answer) {
 // The value of the sample `name` in the gateway's /metrics, or -1.
 double metric(httplib::Client& client, const std::string& name) {
   auto res = client.Get("/metrics");
-  if (!res || res->status != 200) return -1;
-  const size_t at = res->body.find("\n" + name + " ");
-  if (at == std::string::npos) return -1;
-  return std::stod(res->body.substr(at + name.size() + 2));
+  return res && res->status == 200 ? metricSample(res->body, name) : -1;
 }
 
 // Waits (at most 30 s) until `condition` holds.
