@@ -108,10 +108,10 @@ struct HttpServer::Impl {
 
   std::atomic<size_t> open{0};
   std::atomic<uint64_t> refused{0};
+  std::atomic<uint64_t> handlerFailures{0};
   std::atomic<bool> stopping{false};
   std::atomic<bool> serving{false};
   std::atomic<bool> stopBegun{false};
-  std::atomic<bool> failed{false};
 
   std::mutex connectionsMutex;
   std::unordered_map<size_t, std::weak_ptr<Connection>> connections;
@@ -173,7 +173,8 @@ class Connection final : public Impl::Connection {
 
   void closeIfIdle() override {
     net::post(stream_.get_executor(), [self = self()] {
-      if (self->waiting_) self->socket().cancel();
+      beast::error_code ignored;
+      if (self->waiting_) self->socket().cancel(ignored);
     });
   }
 
@@ -543,6 +544,7 @@ class Connection final : public Impl::Connection {
   }
 
   void closeNow() {
+    waiting_ = false;
     timer_.cancel();
     beast::error_code ignored;
     socket().shutdown(tcp::socket::shutdown_both, ignored);
@@ -698,7 +700,7 @@ bool HttpServer::start(std::string* error) {
 
 int HttpServer::port() const { return impl_->port; }
 
-bool HttpServer::run() {
+void HttpServer::run() {
   Impl& s = *impl_;
   s.work.emplace(s.ioc.get_executor());
   s.accept();
@@ -706,14 +708,19 @@ bool HttpServer::run() {
   // stop() may have come before run() started: it is carried out now.
   if (s.stopping) s.beginStop();
   const int count = s.config.ioThreads > 0 ? s.config.ioThreads : defaultIoThreads();
+  // A handler that throws loses its connection (what it held goes as the
+  // exception unwinds), never the server: the loop is logged and run again.
   auto loop = [&s] {
-    try {
-      s.ioc.run();
-    } catch (const std::exception& e) {
-      CQPNDebugKitGuard guard(kTraceModule, "run");
-      guard.error(0, "run", __LINE__, "the HTTP server failed: %s", e.what());
-      s.failed = true;
-      s.ioc.stop();
+    for (;;) {
+      try {
+        s.ioc.run();
+        return;
+      } catch (const std::exception& e) {
+        ++s.handlerFailures;
+        CQPNDebugKitGuard guard(kTraceModule, "run");
+        guard.error(0, "run", __LINE__, "a connection was dropped: its handler failed: %s",
+                    e.what());
+      }
     }
   };
   std::vector<std::thread> threads;
@@ -730,7 +737,6 @@ bool HttpServer::run() {
   s.operations.stop();
   s.service.stop();
   s.serving = false;
-  return !s.failed;
 }
 
 void HttpServer::stop() {
@@ -745,6 +751,7 @@ TransportCounts HttpServer::counts() const {
   TransportCounts counts;
   counts.openConnections = impl_->open.load();
   counts.refusedConnections = impl_->refused.load();
+  counts.droppedConnections = impl_->handlerFailures.load();
   counts.waitingForWorker = impl_->operations.waiting() + impl_->service.waiting();
   counts.busyWorkers = impl_->operations.busy();
   return counts;

@@ -72,8 +72,9 @@ class HttpServer {
   // The bound port (after start).
   int port() const;
   // Serves until stop(); returns once the requests in flight are answered
-  // (or the drain time-out passed). Returns false when serving failed.
-  bool run();
+  // (or the drain time-out passed). A connection whose handler throws is
+  // dropped, logged and counted; the others are served on.
+  void run();
   // Stops accepting, closes idle connections and lets run() return once the
   // requests in flight are answered. Any thread; before run() too.
   void stop();

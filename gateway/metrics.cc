@@ -317,7 +317,11 @@ std::string hostMetricsText(const TransportCounts& counts) {
       "# HELP nox_connections_refused_total Connections closed at once because --max-connections "
       "were open.\n"
       "# TYPE nox_connections_refused_total counter\n"
-      "nox_connections_refused_total " + std::to_string(counts.refusedConnections) + "\n";
+      "nox_connections_refused_total " + std::to_string(counts.refusedConnections) + "\n"
+      "# HELP nox_connections_dropped_total Connections dropped because serving them failed "
+      "(each is in the trace log).\n"
+      "# TYPE nox_connections_dropped_total counter\n"
+      "nox_connections_dropped_total " + std::to_string(counts.droppedConnections) + "\n";
   return out;
 }
 

@@ -79,6 +79,7 @@ bool addressAllowed(const std::vector<AddressRange>& ranges, const std::string& 
 struct TransportCounts {
   size_t openConnections = 0;
   uint64_t refusedConnections = 0;  // closed at once: over --max-connections
+  uint64_t droppedConnections = 0;  // lost to a failure while serving them
   size_t waitingForWorker = 0;      // whole requests in line for a worker
   size_t busyWorkers = 0;           // workers running an operation
 };

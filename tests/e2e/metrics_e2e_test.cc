@@ -51,6 +51,7 @@ TEST_F(MetricsE2E, CountsWhatHappenedInTheTextFormat) {
   EXPECT_EQ(metricSample(text, "nox_backend_failures_total{command=\"0xE0000049\"}"), 1);  // the refused check
   EXPECT_EQ(metricSample(text, "nox_operations_waiting"), 0);
   EXPECT_GE(metricSample(text, "nox_open_connections"), 1);  // this client's
+  EXPECT_EQ(metricSample(text, "nox_connections_dropped_total"), 0);
   EXPECT_GT(metricSample(text, "process_resident_memory_bytes"), 1e6);
   EXPECT_GT(metricSample(text, "process_open_fds"), 3);
 

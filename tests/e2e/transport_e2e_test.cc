@@ -227,6 +227,27 @@ TEST(TransportE2E, SigtermFinishesRequestsInFlightAndTakesNoNewOnes) {
   EXPECT_EQ(gateway.stop(), 0) << gateway.output();
 }
 
+// A stop that comes while idle connections are being closed for their
+// header time-out: a connection may be closed on its own between being
+// collected for the stop and being closed by it. Each round stops the
+// gateway at a different moment around the time-outs; every stop is clean.
+TEST(TransportE2E, AStopWhileIdleConnectionsTimeOutIsClean) {
+  raiseOpenFileLimit();
+  for (int round = 0; round < 6; ++round) {
+    GatewayProcess gateway;
+    ASSERT_TRUE(gateway.start({"--header-timeout", "1"})) << gateway.output();
+    std::vector<std::unique_ptr<RawClient>> idle;
+    for (int i = 0; i < 300; ++i) {
+      idle.push_back(std::make_unique<RawClient>(gateway.port()));
+      ASSERT_TRUE(idle.back()->connected()) << "connection " << i;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(900 + 40 * round));
+    EXPECT_EQ(gateway.stop(), 0) << "round " << round << "\n" << gateway.output();
+    EXPECT_EQ(gateway.traceLog().find("a connection was dropped"), std::string::npos)
+        << gateway.traceLog();
+  }
+}
+
 TEST(TransportE2E, ABodyThatArrivesTooSlowlyIsRefused) {
   GatewayProcess gateway;
   ASSERT_TRUE(gateway.start({"--read-timeout", "1", "--min-body-rate", "1000"}))

@@ -70,6 +70,22 @@ TEST(MetricsTest, ConcurrentCountsAddUp) {
   EXPECT_TRUE(has(metrics.render(), "nox_http_requests_total{route=\"/r\",status=\"200\"} 40000"));
 }
 
+TEST(MetricsTest, TheTransportsCountsAreRendered) {
+  gw::TransportCounts counts;
+  counts.openConnections = 7;
+  counts.refusedConnections = 3;
+  counts.droppedConnections = 2;
+  counts.waitingForWorker = 5;
+  counts.busyWorkers = 4;
+  const std::string text = gw::hostMetricsText(counts);
+  EXPECT_TRUE(has(text, "nox_open_connections 7")) << text;
+  EXPECT_TRUE(has(text, "nox_connections_refused_total 3"));
+  EXPECT_TRUE(has(text, "nox_connections_dropped_total 2"));
+  EXPECT_TRUE(has(text, "nox_operations_waiting 5"));
+  EXPECT_TRUE(has(text, "nox_workers_busy 4"));
+  EXPECT_NE(text.find("# TYPE nox_connections_dropped_total counter\n"), std::string::npos);
+}
+
 TEST(MetricsTest, LabelValuesAreEscaped) {
   EXPECT_EQ(gw::prometheusLabel("a\"b\\c\nd"), "a\\\"b\\\\c\\nd");
 }
