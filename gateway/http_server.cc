@@ -3,13 +3,13 @@
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/ssl.hpp>
 #include <boost/asio/steady_timer.hpp>
-#include <boost/asio/strand.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
 #include <boost/beast/ssl.hpp>
 #include <pthread.h>
 #include <strings.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <mutex>
@@ -50,6 +50,16 @@ int defaultIoThreads() {
   return cores > 0 ? static_cast<int>(cores) : 1;
 }
 
+// One event loop per I/O thread, each told it has one thread (its queue is
+// still safe to post to from the workers).
+std::vector<std::unique_ptr<boost::asio::io_context>> makeLoops(int count) {
+  std::vector<std::unique_ptr<boost::asio::io_context>> loops;
+  for (int i = 0; i < std::max(count, 1); ++i) {
+    loops.push_back(std::make_unique<boost::asio::io_context>(1));
+  }
+  return loops;
+}
+
 // The methods the gateway serves; TRACE, CONNECT and others are refused
 // before routing.
 bool servedMethod(const std::string& method) {
@@ -79,8 +89,8 @@ struct HttpServer::Impl {
                    static_cast<size_t>(config.workers > 0 ? config.workers : 1),
                    config.queueLimit),
         service("service", kServiceThreads, config.queueLimit),
-        ioc(config.ioThreads > 0 ? config.ioThreads : defaultIoThreads()),
-        acceptor(net::make_strand(ioc)) {}
+        loops(makeLoops(config.ioThreads > 0 ? config.ioThreads : defaultIoThreads())),
+        acceptor(*loops.front()) {}
 
   class Connection;  // what stop() reaches on every open connection
 
@@ -117,11 +127,18 @@ struct HttpServer::Impl {
   std::unordered_map<size_t, std::weak_ptr<Connection>> connections;
   size_t nextId = 0;
 
-  // Last: destroyed first, with every handler (and connection) it holds,
+  // Last: destroyed first, with every handler (and connection) they hold,
   // while the rest is still there.
-  net::io_context ioc;
+  //
+  // Each I/O thread runs a loop of its own, and a connection lives on one
+  // loop for its whole life: its handlers run one after another on that
+  // thread without a strand, and no loop's lock or wake-up is shared with
+  // another thread's connections. The listener is on the first loop and
+  // deals new connections out in turn.
+  std::vector<std::unique_ptr<net::io_context>> loops;
+  size_t nextLoop = 0;  // the listener's loop only
   tcp::acceptor acceptor;
-  std::optional<net::executor_work_guard<net::io_context::executor_type>> work;
+  std::vector<net::executor_work_guard<net::io_context::executor_type>> work;
   std::optional<net::steady_timer> drainTimer;
   Clock::time_point drainDeadline;
 };
@@ -156,19 +173,10 @@ class Connection final : public Impl::Connection {
     --server_.open;
   }
 
+  // Called on the listener's loop; the connection goes on on its own.
   void begin(size_t id) {
     id_ = id;
-    if constexpr (std::is_same_v<Stream, beast::tcp_stream>) {
-      waitForRequest(true);
-    } else {
-      arm(server_.config.headerTimeout, Expiry::kClose);
-      stream_.async_handshake(net::ssl::stream_base::server,
-                              [self = self()](beast::error_code ec) {
-                                self->timer_.cancel();
-                                if (ec) return self->closeNow();
-                                self->waitForRequest(true);
-                              });
-    }
+    net::post(stream_.get_executor(), [self = self()] { self->start(); });
   }
 
   void closeIfIdle() override {
@@ -181,6 +189,20 @@ class Connection final : public Impl::Connection {
  private:
   // What the deadline timer does when it fires.
   enum class Expiry { kClose, kTimeOut };
+
+  void start() {
+    if constexpr (std::is_same_v<Stream, beast::tcp_stream>) {
+      waitForRequest(true);
+    } else {
+      arm(server_.config.headerTimeout, Expiry::kClose);
+      stream_.async_handshake(net::ssl::stream_base::server,
+                              [self = self()](beast::error_code ec) {
+                                self->timer_.cancel();
+                                if (ec) return self->closeNow();
+                                self->waitForRequest(true);
+                              });
+    }
+  }
 
   std::shared_ptr<Connection> self() {
     return std::static_pointer_cast<Connection>(shared_from_this());
@@ -586,7 +608,8 @@ size_t HttpServer::Impl::track(const std::shared_ptr<Connection>& connection) {
 }
 
 void HttpServer::Impl::accept() {
-  acceptor.async_accept(net::make_strand(ioc), [this](beast::error_code ec, tcp::socket socket) {
+  net::io_context& loop = *loops[nextLoop++ % loops.size()];
+  acceptor.async_accept(loop, [this](beast::error_code ec, tcp::socket socket) {
     onAccept(ec, std::move(socket));
   });
 }
@@ -628,7 +651,7 @@ void HttpServer::Impl::onAccept(beast::error_code ec, tcp::socket socket) {
 void HttpServer::Impl::beginStop() {
   if (stopBegun.exchange(true)) return;
   drainDeadline = Clock::now() + std::chrono::seconds(config.drainTimeout);
-  // On the acceptor's strand, in this order: no connection is accepted
+  // On the listener's loop, in this order: no connection is accepted
   // after the listener is closed, so every connection that waits for a
   // request is among those closed next.
   net::post(acceptor.get_executor(), [this] {
@@ -642,7 +665,7 @@ void HttpServer::Impl::beginStop() {
       }
     }
     for (auto& connection : live) connection->closeIfIdle();
-    drainTimer.emplace(ioc);
+    drainTimer.emplace(acceptor.get_executor());
     checkDrained();
   });
 }
@@ -651,11 +674,11 @@ void HttpServer::Impl::beginStop() {
 // return.
 void HttpServer::Impl::checkDrained() {
   if (open.load() == 0) {
-    work.reset();
+    work.clear();
     return;
   }
   if (Clock::now() >= drainDeadline) {
-    ioc.stop();
+    for (auto& loop : loops) loop->stop();
     return;
   }
   drainTimer->expires_after(std::chrono::milliseconds(20));
@@ -702,18 +725,17 @@ int HttpServer::port() const { return impl_->port; }
 
 void HttpServer::run() {
   Impl& s = *impl_;
-  s.work.emplace(s.ioc.get_executor());
+  for (auto& loop : s.loops) s.work.push_back(net::make_work_guard(*loop));
   s.accept();
   s.serving = true;
   // stop() may have come before run() started: it is carried out now.
   if (s.stopping) s.beginStop();
-  const int count = s.config.ioThreads > 0 ? s.config.ioThreads : defaultIoThreads();
   // A handler that throws loses its connection (what it held goes as the
   // exception unwinds), never the server: the loop is logged and run again.
-  auto loop = [&s] {
+  auto run = [&s](net::io_context& loop) {
     for (;;) {
       try {
-        s.ioc.run();
+        loop.run();
         return;
       } catch (const std::exception& e) {
         ++s.handlerFailures;
@@ -724,13 +746,13 @@ void HttpServer::run() {
     }
   };
   std::vector<std::thread> threads;
-  for (int i = 1; i < count; ++i) {
-    threads.emplace_back([&loop] {
+  for (size_t i = 1; i < s.loops.size(); ++i) {
+    threads.emplace_back([&run, &loop = *s.loops[i]] {
       pthread_setname_np(pthread_self(), "nox-io");
-      loop();
+      run(loop);
     });
   }
-  loop();
+  run(*s.loops.front());
   for (std::thread& t : threads) t.join();
   // What the workers still do posts its answer to a stopped loop: finish it
   // before anything it refers to goes.
