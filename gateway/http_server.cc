@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "error_table.h"
+#include "event_loop.h"
 #include "http_answer.h"
 #include "qpn_debug_kit.h"
 #include "request_body.h"
@@ -730,29 +731,15 @@ void HttpServer::run() {
   s.serving = true;
   // stop() may have come before run() started: it is carried out now.
   if (s.stopping) s.beginStop();
-  // A handler that throws loses its connection (what it held goes as the
-  // exception unwinds), never the server: the loop is logged and run again.
-  auto run = [&s](net::io_context& loop) {
-    for (;;) {
-      try {
-        loop.run();
-        return;
-      } catch (const std::exception& e) {
-        ++s.handlerFailures;
-        CQPNDebugKitGuard guard(kTraceModule, "run");
-        guard.error(0, "run", __LINE__, "a connection was dropped: its handler failed: %s",
-                    e.what());
-      }
-    }
-  };
+  // A connection whose handler throws is dropped; the others are served on.
   std::vector<std::thread> threads;
   for (size_t i = 1; i < s.loops.size(); ++i) {
-    threads.emplace_back([&run, &loop = *s.loops[i]] {
+    threads.emplace_back([&s, &loop = *s.loops[i]] {
       pthread_setname_np(pthread_self(), "nox-io");
-      run(loop);
+      runEventLoop(loop, s.handlerFailures);
     });
   }
-  run(*s.loops.front());
+  runEventLoop(*s.loops.front(), s.handlerFailures);
   for (std::thread& t : threads) t.join();
   // What the workers still do posts its answer to a stopped loop: finish it
   // before anything it refers to goes.
