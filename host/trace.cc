@@ -8,6 +8,7 @@
 #include <memory>
 #include <mutex>
 
+#include "audit.h"
 #include "qpn_debug_kit.h"
 #include "trace_sink.h"
 
@@ -104,6 +105,7 @@ std::shared_ptr<TraceSink> setTraceSink(std::shared_ptr<TraceSink> sink) {
 
 void setTraceLevel(TraceLevel level) { g_level.store(static_cast<int>(level)); }
 void setTraceRequestId(const std::string& id) { t_requestId = id; }
+std::string currentRequestId() { return t_requestId; }
 TraceLevel getTraceLevel() { return static_cast<TraceLevel>(g_level.load()); }
 
 StreamTraceSink::StreamTraceSink(FILE* stream, bool owned) : stream_(stream), owned_(owned) {}
