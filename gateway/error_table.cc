@@ -10,6 +10,7 @@ struct CodeRow {
   long long code;
   int status;
   const char* description;
+  const char* chinese = nullptr;  // the description in Chinese, where the console shows it
 };
 
 // One row per code a client may see. Certificate and CRL verdicts
@@ -35,6 +36,11 @@ constexpr CodeRow kCodes[] = {
     {kErrCsrfHeaderMissing, 403,
      "A request that changes data with the session cookie must carry X-Requested-With: "
      "nox-console."},
+    {kErrScopeForbidden, 403,
+     "The signed-in user's scope does not allow this call. Ask an administrator.",
+     "当前用户的角色不允许此操作，请联系管理员。"},
+    {kErrFormLoginNeedsConsole, 403,
+     "A login sent as a form must carry X-Requested-With: nox-console."},
     {kErrRequestTimeout, 408, "The request did not arrive in time."},
     {kErrBusy, 503, "The gateway is busy. Try again shortly."},
     {0x60E01D01, 422, "The certificate is neither PEM nor DER."},
@@ -69,6 +75,12 @@ std::string describeCode(long long code) {
   if (const CodeRow* row = findRow(code)) return row->description;
   if ((code & ~0xFFLL) == 0x60E01D00LL) return "The certificate or CRL was refused.";
   return std::string();
+}
+
+std::string describeCode(long long code, const std::string& language) {
+  const CodeRow* row = findRow(code);
+  if (row != nullptr && row->chinese != nullptr && language == "zh") return row->chinese;
+  return describeCode(code);
 }
 
 Json::Value errorEnvelope(long long code, const std::string& description) {

@@ -130,6 +130,12 @@ int main(int argc, char** argv) {
   CSpecifyProc registry;
   plugin->registerOperations(&registry);
   if (registry.routes().empty()) fail("the plug-in " + paths.plugin + " registered no route");
+  std::shared_ptr<const AccessTable> access;
+  if (!gw::loadAccessTable(paths, registry, &access, &error)) {
+    fail(error);
+    registry.releaseAll();
+    return 1;
+  }
 
   gw::ServerConfig config;
   if (!gw::serverConfig(options, paths, &config, &error)) {
@@ -144,6 +150,7 @@ int main(int argc, char** argv) {
   dispatchOptions.console = gw::embeddedConsoleFiles();
   dispatchOptions.backendReachable = backendReachable;
   dispatchOptions.health = gw::stateHealth;
+  dispatchOptions.access = access;
   // Metrics: counted by the server for every answer, read at GET /metrics
   // by the addresses --metrics-allow names.
   gw::Metrics metrics(gw::routeLabels(registry));

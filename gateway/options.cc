@@ -21,6 +21,7 @@ const TransportNumber kTransportNumbers[] = {
     {"--io-threads", 1, 256, "a number", NOX_SETTER(ioThreads)},
     {"--threads", 1, 1024, "a number", NOX_SETTER(threads)},
     {"--queue", 0, 1000000, "a number", NOX_SETTER(queueLimit)},
+    {"--login-threads", 1, 1024, "a number", NOX_SETTER(loginThreads)},
     {"--header-timeout", 1, 3600, "seconds", NOX_SETTER(headerTimeout)},
     {"--read-timeout", 1, 3600, "seconds", NOX_SETTER(readTimeout)},
     {"--min-body-rate", 0, 1LL << 30, "bytes per second", NOX_SETTER(minBodyRate)},
@@ -155,6 +156,8 @@ bool parseOptions(const std::vector<std::string>& args, GatewayOptions* options,
         return false;
       }
       options->hstsMaxAge = number;
+    } else if (name == "--access") {
+      options->access = value;
     } else if (name == "--tls-cert") {
       options->tlsCert = value;
     } else if (name == "--tls-key") {
@@ -198,6 +201,8 @@ std::string usageText() {
          "                          --backend eight per core, at least 8)\n"
          "  --queue N               requests that may wait for a worker; beyond it 503\n"
          "                          (default 1024)\n"
+         "  --login-threads N       threads of their own for the logins, at a lower priority,\n"
+         "                          so that logins never hold up other requests (default 16)\n"
          "  --max-connections N     open connections; new ones beyond it are closed at once\n"
          "                          (default 10000)\n"
          "  --header-timeout SECONDS  time for a whole request header (default 10)\n"
@@ -219,6 +224,8 @@ std::string usageText() {
          "  --metrics-allow LIST    client addresses that may read GET /metrics, as addresses\n"
          "                          and ranges (default 127.0.0.0/8,::1; others get 404)\n"
          "  --backend-timeout SECONDS  time-out of backend requests\n"
+         "  --access FILE           the access table: who may call what (default\n"
+         "                          ../conf/access.json from bin/, else the built-in table)\n"
          "  --tls-cert FILE --tls-key FILE   serve HTTPS with this certificate and key (PEM)\n"
          "  --tls-self-signed       serve HTTPS with a key pair made in <data>/tls/ (trial runs)\n"
          "  --hsts-max-age SECONDS  over HTTPS, the max-age of Strict-Transport-Security\n"

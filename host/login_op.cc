@@ -12,6 +12,7 @@
 #include <map>
 #include <mutex>
 
+#include "access_table.h"
 #include "backend_protocol.h"
 #include "login_op.h"
 #include "login_throttle.h"
@@ -353,6 +354,12 @@ int CLoginOp::handleCheckCode(CRequestMsg& request, CResponseMsg& response) {
   data["expiresIn"] = store.idleTimeout();
   if (session->hasAttribute(CSessionInfo::SESS_STAT_K)) {
     data["state"] = session->getAttribute(CSessionInfo::SESS_STAT_K);
+  }
+  // What the session may call, so that a client offers only that.
+  Json::Value& permissions = data["permissions"] = Json::Value(Json::arrayValue);
+  for (const std::string& call :
+       installedAccessTable()->permissions(info.getUserContext().scope_)) {
+    permissions.append(call);
   }
   writeEnvelope(response, data);
   return 0;
