@@ -772,7 +772,8 @@ TransportCounts HttpServer::counts() const {
   counts.droppedConnections = impl_->handlerFailures.load();
   counts.waitingForWorker =
       impl_->operations.waiting() + impl_->service.waiting() + impl_->logins.waiting();
-  counts.busyWorkers = impl_->operations.busy();
+  // A login is an operation too, on threads of its own.
+  counts.busyWorkers = impl_->operations.busy() + impl_->logins.busy();
   return counts;
 }
 

@@ -3,6 +3,7 @@
 #include "access_table.h"
 
 #include <gtest/gtest.h>
+#include <json/json.h>
 
 #include <fstream>
 #include <sstream>
@@ -209,6 +210,40 @@ TEST(AccessTableTest, TheBuiltInTableIsTheShippedFile) {
     EXPECT_EQ(file.permissions(scope), builtIn.permissions(scope)) << scope;
   }
   EXPECT_EQ(file.scopeNames(), builtIn.scopeNames());
+}
+
+// docs/openapi.json tells clients who may call each operation
+// (x-nox-scopes, x-nox-public); it must say what the shipped table does.
+TEST(AccessTableTest, TheApiDocumentNamesTheTablesScopes) {
+  std::ifstream file(NOX_SOURCE_DIR "/docs/openapi.json");
+  Json::Value doc;
+  Json::CharReaderBuilder builder;
+  std::string errors;
+  ASSERT_TRUE(Json::parseFromStream(builder, file, &doc, &errors)) << errors;
+  const AccessTable table = AccessTable::defaults();
+  int checked = 0;
+  for (const std::string& path : doc["paths"].getMemberNames()) {
+    // "/kestrel_task/{id}" and "/kestrel_task/count" are the task route's.
+    const std::string route = path.compare(0, 14, "/kestrel_task/") == 0 ? "/kestrel_task" : path;
+    for (const std::string& method : doc["paths"][path].getMemberNames()) {
+      const Json::Value& operation = doc["paths"][path][method];
+      if (!operation.isObject()) continue;  // "parameters" and the like
+      if (!operation.isMember("x-nox-scopes") && !operation.isMember("x-nox-public")) continue;
+      const AccessRule& rule = table.rule(route, method);
+      EXPECT_EQ(operation["x-nox-public"].asBool(), rule.isPublic) << method << " " << path;
+      std::set<std::string> scopes;
+      for (const Json::Value& scope : operation["x-nox-scopes"]) scopes.insert(scope.asString());
+      EXPECT_EQ(scopes, rule.isPublic ? std::set<std::string>() : rule.scopes)
+          << method << " " << path;
+      if (!rule.isPublic) {
+        EXPECT_TRUE(operation["responses"].isMember("403")) << method << " " << path;
+      }
+      ++checked;
+    }
+  }
+  // Every operation of the plug-in's routes: 3 + 3 on the logins, 3 imports,
+  // 4 alarm reads, 3 task reads, the storage configuration.
+  EXPECT_EQ(checked, 17);
 }
 
 TEST(AccessTableTest, TheInstalledTableIsTheDefaultUntilReplaced) {
