@@ -612,6 +612,39 @@ class ConsoleBrowserTest(ConsoleTestBase):
         self.assertFalse(self.el("tasks-auto").is_selected())
 
 
+    def test_13_each_scope_sees_what_it_may_do(self):
+        """The auditor reads only: no certificates page, and its address
+        leads to the tasks. An API client imports but has no other
+        certificate page than the imports it may make."""
+        self.open_console()
+        self.sign_in(user="auditor", scope="1")
+        link = self.driver.find_element(By.CSS_SELECTOR, "#nav a[data-page=certificates]")
+        self.assertFalse(link.is_displayed())
+        for page in ("tasks", "alarms", "storage"):
+            self.assertTrue(self.driver.find_element(
+                By.CSS_SELECTOR, f"#nav a[data-page={page}]").is_displayed(), page)
+        self.driver.get(self.gateway.base + "/console/#/certificates")
+        self.visible("page-tasks")
+        self.assertTrue(self.driver.current_url.endswith("#/tasks"))
+        # What the page hides, the gateway refuses: the table decides.
+        status = self.driver.execute_script(
+            "const form = new FormData(); form.append('file', new Blob(['x']), 'x.pem');"
+            "return fetch('/kestrel_cert/import_crl', {method: 'POST', body: form,"
+            " credentials: 'same-origin', headers: {'X-Requested-With': 'nox-console'}})"
+            ".then(r => r.json().then(j => [r.status, j.error.code]))")
+        self.assertEqual(status, [403, 0x03000208])
+        self.el("sign-out").click()
+        self.visible("page-signin")
+        self.sign_in()
+        link = self.driver.find_element(By.CSS_SELECTOR, "#nav a[data-page=certificates]")
+        self.assertTrue(link.is_displayed())
+        link.click()
+        self.visible("page-certificates")
+        self.assertTrue(self.el("crl-form").is_displayed())
+        self.assertTrue(self.el("cert-form").is_displayed())
+        self.assert_no_page_errors()
+
+
 class ConsoleSessionExpiryTest(ConsoleTestBase):
     # Long enough that a busy machine never lets the session lapse between
     # the sign-in and the requests of the first page (two seconds once did).
