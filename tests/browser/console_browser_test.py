@@ -241,7 +241,7 @@ class ConsoleTestBase(unittest.TestCase):
         self.el("signin-password").send_keys(password)
         if scope != "4":
             self.wait.until(lambda d: d.find_element(By.ID, "signin-code-image")
-                            .get_attribute("src").startswith("data:image/svg+xml"))
+                            .get_attribute("src").startswith("data:image/png;base64,"))
             code = self.latest_challenge()
             self.el("signin-code").clear()
             self.el("signin-code").send_keys(code)
@@ -320,7 +320,7 @@ class ConsoleBrowserTest(ConsoleTestBase):
         self.visible("page-signin")
         Select(self.el("signin-scope")).select_by_value("0")
         image = self.el("signin-code-image")
-        self.wait.until(lambda d: image.get_attribute("src").startswith("data:image/svg+xml"))
+        self.wait.until(lambda d: image.get_attribute("src").startswith("data:image/png;base64,"))
         self.wait.until(lambda d: d.execute_script(
             "return arguments[0].complete && arguments[0].naturalWidth > 0", image))
         first = image.get_attribute("src")
