@@ -96,8 +96,8 @@ size_t MemoryStateStore::infoCount() {
   return info_.size();
 }
 
-time_t MemoryStateStore::putChallenge(const std::string& id, const std::string& code,
-                                      time_t now, int lifetime, int keptAfter, size_t maxLive) {
+time_t MemoryStateStore::putChallenge(const std::string& id, const std::string& code, time_t now,
+                                      int lifetime, int keptAfter, size_t maxLive) {
   std::lock_guard<std::mutex> lock(challengeMutex_);
   // Forgotten challenges go first, then the oldest while the table is full.
   while (!challengeOrder_.empty() &&

@@ -414,8 +414,8 @@ void RedisStateStore::removeInfo(const std::string& key) { command({"DEL", kInfo
 
 size_t RedisStateStore::infoCount() { return keys(std::string(kInfoPrefix) + "*").size(); }
 
-time_t RedisStateStore::putChallenge(const std::string& id, const std::string& code,
-                                     time_t now, int lifetime, int keptAfter, size_t maxLive) {
+time_t RedisStateStore::putChallenge(const std::string& id, const std::string& code, time_t now,
+                                     int lifetime, int keptAfter, size_t maxLive) {
   // Redis drops challenges by itself; memory is the site's to size.
   (void)now;
   (void)maxLive;

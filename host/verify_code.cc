@@ -103,8 +103,8 @@ GdImage newCanvas(const Rgb& ground) {
   GdImage image(gdImageCreateTrueColor(kVerifyCodeImageWidth, kVerifyCodeImageHeight),
                 &gdImageDestroy);
   if (!image) throw std::bad_alloc();
-  gdImageFilledRectangle(image.get(), 0, 0, kVerifyCodeImageWidth - 1,
-                         kVerifyCodeImageHeight - 1, gdColour(ground));
+  gdImageFilledRectangle(image.get(), 0, 0, kVerifyCodeImageWidth - 1, kVerifyCodeImageHeight - 1,
+                         gdColour(ground));
   return image;
 }
 
@@ -114,10 +114,10 @@ void blend(gdImagePtr image, int x, int y, const Rgb& ink, double alpha) {
   auto mix = [alpha](int from, int to) {
     return static_cast<int>(from + (to - from) * alpha + 0.5);
   };
-  gdImageSetPixel(image, x, y,
-                  gdTrueColor(mix(gdTrueColorGetRed(old), ink.r),
-                              mix(gdTrueColorGetGreen(old), ink.g),
-                              mix(gdTrueColorGetBlue(old), ink.b)));
+  gdImageSetPixel(
+      image, x, y,
+      gdTrueColor(mix(gdTrueColorGetRed(old), ink.r), mix(gdTrueColorGetGreen(old), ink.g),
+                  mix(gdTrueColorGetBlue(old), ink.b)));
 }
 
 // How much of the font's pixel grid is ink at (u, v) of glyph `index`
@@ -178,8 +178,9 @@ void drawGlyph(gdImagePtr image, const gdFont& font, int index, const Placement&
   const double midY = (box.top + box.bottom) / 2.0;
   const double cosA = std::cos(where.angle);
   const double sinA = std::sin(where.angle);
-  const int reach = static_cast<int>(std::hypot((box.right - box.left) * where.sx,
-                                                (box.bottom - box.top) * where.sy) / 2) + 2;
+  const double diagonal =
+      std::hypot((box.right - box.left) * where.sx, (box.bottom - box.top) * where.sy);
+  const int reach = static_cast<int>(diagonal / 2) + 2;
   const int top = std::max(0, static_cast<int>(where.cy) - reach);
   const int bottom = std::min(kVerifyCodeImageHeight - 1, static_cast<int>(where.cy) + reach);
   const int left = std::max(0, static_cast<int>(where.cx) - reach);
@@ -221,8 +222,9 @@ void drawGlyphs(gdImagePtr image, const std::string& code, Dice& dice) {
 void drawDecoys(gdImagePtr image, Dice& dice) {
   for (int k = 0; k < 4; ++k) {
     const Rgb faint = {dice.between(150, 215), dice.between(150, 215), dice.between(150, 215)};
-    gdImageArc(image, dice.between(0, kVerifyCodeImageWidth), dice.between(0, kVerifyCodeImageHeight),
-               dice.between(40, 160), dice.between(20, 80), 0, 360, gdColour(faint));
+    gdImageArc(image, dice.between(0, kVerifyCodeImageWidth),
+               dice.between(0, kVerifyCodeImageHeight), dice.between(40, 160), dice.between(20, 80),
+               0, 360, gdColour(faint));
   }
 }
 
@@ -255,8 +257,9 @@ Rgb sample(gdImagePtr image, double x, double y) {
   const int y1 = std::min(y0 + 1, kVerifyCodeImageHeight - 1);
   const double fx = x - x0;
   const double fy = y - y0;
-  const int p[4] = {gdImageGetTrueColorPixel(image, x0, y0), gdImageGetTrueColorPixel(image, x1, y0),
-                    gdImageGetTrueColorPixel(image, x0, y1), gdImageGetTrueColorPixel(image, x1, y1)};
+  const int p[4] = {
+      gdImageGetTrueColorPixel(image, x0, y0), gdImageGetTrueColorPixel(image, x1, y0),
+      gdImageGetTrueColorPixel(image, x0, y1), gdImageGetTrueColorPixel(image, x1, y1)};
   const double w[4] = {(1 - fx) * (1 - fy), fx * (1 - fy), (1 - fx) * fy, fx * fy};
   double r = 0, g = 0, b = 0;
   for (int k = 0; k < 4; ++k) {

@@ -105,8 +105,8 @@ TEST(GatewayOptionsTest, VerifyCodeLifetime) {
   EXPECT_EQ(options.verifyCodeLifetime, 3600);
   for (const char* bad : {"0", "3601", "2m"}) {
     EXPECT_FALSE(gw::parseOptions({"--verify-code-lifetime", bad}, &options, &error)) << bad;
-    EXPECT_EQ(error,
-              std::string("--verify-code-lifetime wants seconds from 1 to 3600, not '") + bad + "'");
+    EXPECT_EQ(error, std::string("--verify-code-lifetime wants seconds from 1 to 3600, not '") +
+                         bad + "'");
   }
   EXPECT_NE(gw::usageText().find("--verify-code-lifetime SECONDS  how long a GET /login "
                                  "challenge lives (default 120;"),

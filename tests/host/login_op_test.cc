@@ -487,13 +487,13 @@ TEST_F(VerifyCodeLoginTest, ExpiredChallengeIsToldApartFromAWrongOne) {
   g_testNow += 120;
   TraceCapture trace;
   EXPECT_EQ(loginWith(expired.first, expired.second), proto::kErrVerifyCodeExpired);
-  EXPECT_TRUE(trace.has(TraceLevel::kWarn, "verification code for challenge " + expired.first +
-                                               " has expired"))
+  EXPECT_TRUE(trace.has(TraceLevel::kWarn,
+                        "verification code for challenge " + expired.first + " has expired"))
       << trace.dump();
   EXPECT_EQ(LoginThrottle::instance().failures("admin", "192.0.2.10"), 0);
   EXPECT_EQ(loginWith(expired.first, expired.second), proto::kErrVerifyCode) << "used up";
-  EXPECT_TRUE(trace.has(TraceLevel::kWarn, "verification code for challenge " + expired.first +
-                                               " is wrong or used"))
+  EXPECT_TRUE(trace.has(TraceLevel::kWarn,
+                        "verification code for challenge " + expired.first + " is wrong or used"))
       << trace.dump();
   EXPECT_EQ(loginWith("0123456789abcdef0123456789abcdef", wrong.second), proto::kErrVerifyCode)
       << "never issued";

@@ -35,8 +35,8 @@ std::string unbase64(const std::string& in) {
 class DecodedPng {
  public:
   explicit DecodedPng(const std::string& png)
-      : image_(gdImageCreateFromPngPtr(static_cast<int>(png.size()),
-                                       const_cast<char*>(png.data()))) {}
+      : image_(
+            gdImageCreateFromPngPtr(static_cast<int>(png.size()), const_cast<char*>(png.data()))) {}
   ~DecodedPng() {
     if (image_ != nullptr) gdImageDestroy(image_);
   }
@@ -225,7 +225,8 @@ TEST(VerifyCodeImageTest, DrawsDarkCharactersOnALightGround) {
 
 // An empty code or characters outside the font draw a picture all the same.
 TEST(VerifyCodeImageTest, OddInputStillMakesAPicture) {
-  for (const std::string& code : {std::string(), std::string("\xff\x01<&>"), std::string(40, 'W')}) {
+  for (const std::string& code :
+       {std::string(), std::string("\xff\x01<&>"), std::string(40, 'W')}) {
     DecodedPng image(unbase64(verifyCodeImage(code).substr(22)));
     ASSERT_TRUE(image.ok()) << code;
     EXPECT_EQ(gdImageSX(image.get()), kVerifyCodeImageWidth);
