@@ -20,6 +20,7 @@
 #include "e2e_support.h"
 #include "gateway_process.h"
 #include "redis_server.h"
+#include "verify_code.h"
 
 namespace {
 
@@ -28,9 +29,6 @@ constexpr long long kErrVerifyCodeExpired = 0x03000015;
 constexpr char kWrongText[] = "The verification code is missing, wrong or already used.";
 constexpr char kExpiredText[] = "The verification code has expired. Ask for a new one.";
 constexpr char kPngPrefix[] = "data:image/png;base64,";
-// The picture's size (host/verify_code.h).
-constexpr int kPictureWidth = 180;
-constexpr int kPictureHeight = 60;
 
 std::string jsonText(const Json::Value& value) {
   Json::StreamWriterBuilder builder;
@@ -135,7 +133,7 @@ TEST_F(CaptchaE2E, ThePictureIsAPngWithoutTheCodeAndTheChallengeSaysWhenItEnds) 
   EXPECT_EQ(png.compare(0, 8, "\x89PNG\r\n\x1a\n"), 0);
   EXPECT_EQ(png.find(code), std::string::npos) << "the code's text is not in the picture";
   EXPECT_EQ(image.find(code), std::string::npos);
-  EXPECT_EQ(pngSize(png), std::make_pair(kPictureWidth, kPictureHeight));
+  EXPECT_EQ(pngSize(png), std::make_pair(kVerifyCodeImageWidth, kVerifyCodeImageHeight));
 
   EXPECT_EQ(data["expiresIn"].asInt(), 120);
   const time_t expiresAt = parseIsoUtc(data["expiresAt"].asString());
