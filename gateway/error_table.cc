@@ -24,6 +24,7 @@ constexpr CodeRow kCodes[] = {
     {0x03000012, 403, "The user may not log in with this scope."},
     {0x03000013, 429, "Too many failed logins. Try again later."},
     {0x03000014, 401, "The verification code is missing, wrong or already used."},
+    {0x03000015, 401, "The verification code has expired. Ask for a new one."},
     {0x03000020, 500, "The backend could not store the data."},
     {0x03000101, 503, "The backend is not available."},
     {0x03000102, 504, "The backend did not answer in time."},

@@ -29,6 +29,7 @@
 #include "session_store.h"
 #include "state_store.h"
 #include "tlv_backend.h"
+#include "verify_code.h"
 
 extern const char kNoxOpenApiText[];  // docs/openapi.json, embedded by the build
 
@@ -119,6 +120,7 @@ int main(int argc, char** argv) {
     return SessionStore::instance().lookup(token, info);
   };
   CLoginOpWithVerifyCode::setExposeCodeForTests(options.exposeVerifyCode);
+  VerifyCodeStore::instance().setLifetime(options.verifyCodeLifetime);
 
   std::unique_ptr<gw::PluginLibrary> plugin = gw::PluginLibrary::load(paths.plugin, &error);
   if (!plugin) {

@@ -2,6 +2,7 @@
 
 #include "metrics.h"
 #include "remote_backend.h"
+#include "verify_code.h"
 
 namespace gw {
 
@@ -117,6 +118,12 @@ bool parseOptions(const std::vector<std::string>& args, GatewayOptions* options,
         return false;
       }
       options->sessionIdle = static_cast<int>(number);
+    } else if (name == "--verify-code-lifetime") {
+      if (!parseNumber(value, 1, 3600, &number)) {
+        *error = "--verify-code-lifetime wants seconds from 1 to 3600, not '" + value + "'";
+        return false;
+      }
+      options->verifyCodeLifetime = static_cast<int>(number);
     } else if (name == "--state") {
       if (value != "memory" && value.compare(0, 8, "redis://") != 0) {
         *error = "--state wants memory or redis://[[USER]:PASSWORD@]HOST[:PORT][/DB], not '" +
@@ -179,8 +186,8 @@ bool parseOptions(const std::vector<std::string>& args, GatewayOptions* options,
 }
 
 std::string usageText() {
-  return "usage: nox-gateway [options]\n"
-         "  --listen HOST:PORT      address to serve (default 127.0.0.1:8080; port 0 picks a free\n"
+  return std::string("usage: nox-gateway [options]\n"
+             "  --listen HOST:PORT      address to serve (default 127.0.0.1:8080; port 0 picks a free\n"
          "                          port and prints 'listening on HOST:PORT')\n"
          "  --plugin PATH           the plug-in (default <home>/lib/libucore_nox.so)\n"
          "  --home DIR              installation folder holding bin/, lib/, conf/ (default: the\n"
@@ -230,6 +237,10 @@ std::string usageText() {
          "  --tls-self-signed       serve HTTPS with a key pair made in <data>/tls/ (trial runs)\n"
          "  --hsts-max-age SECONDS  over HTTPS, the max-age of Strict-Transport-Security\n"
          "                          (default 31536000, one year; 0 sends no such header)\n"
+         "  --verify-code-lifetime SECONDS  how long a GET /login challenge lives (default ") +
+         std::to_string(VerifyCodeStore::kDefaultLifetime) +
+         ";\n"
+         "                          for tests and sites that need another time)\n"
          "  --expose-verify-code    put the verification code's text into the GET /login\n"
          "                          challenge (tests only; off by default)\n"
          "  --help, --version\n";

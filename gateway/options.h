@@ -49,6 +49,7 @@ struct GatewayOptions {
   int writeTimeout = 30;
   int drainTimeout = 30;
   int sessionIdle = 0;       // 0: the session store's default
+  int verifyCodeLifetime = 0;  // 0: VerifyCodeStore::kDefaultLifetime
   int stateTimeoutMs = 500;  // per Redis command and connection attempt
   int backendTimeout = 0;    // 0: the host's default
   // Switches.

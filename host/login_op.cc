@@ -9,6 +9,7 @@
 #include <strings.h>
 
 #include <atomic>
+#include <ctime>
 #include <map>
 #include <mutex>
 
@@ -99,6 +100,15 @@ bool countsAsFailedAttempt(long long code) {
 }
 
 std::atomic<bool> g_exposeCode{false};
+
+// `when` as UTC in ISO 8601 with milliseconds: "2026-11-25T17:20:00.000Z".
+std::string isoTimeUtc(time_t when) {
+  struct tm parts;
+  gmtime_r(&when, &parts);
+  char text[32];
+  strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%S.000Z", &parts);
+  return text;
+}
 
 }  // namespace
 
@@ -320,13 +330,16 @@ int CLoginOp::handleLogout(CRequestMsg& request, CResponseMsg& response) {
 
 int CLoginOp::handleGetLoginToken(CRequestMsg& request, CResponseMsg& response) {
   CQPNDebugKitGuard guard(kModule, "CLoginOp::handleGetLoginToken");
+  VerifyCodeStore& codes = VerifyCodeStore::instance();
   std::string challengeId;
   std::string code;
-  VerifyCodeStore::instance().issue(&challengeId, &code);
+  time_t expiresAt = 0;
+  codes.issue(&challengeId, &code, &expiresAt);
   Json::Value data(Json::objectValue);
   data["challengeId"] = challengeId;
   data["image"] = verifyCodeImage(code);
-  data["expiresIn"] = VerifyCodeStore::kLifetime;
+  data["expiresIn"] = codes.lifetime();
+  data["expiresAt"] = isoTimeUtc(expiresAt);
   if (CLoginOpWithVerifyCode::exposeCodeForTests()) data["code"] = code;
   writeEnvelope(response, data);
   HttpRequest* connection = request.getSessionInfo().getHttpConnection();
@@ -432,13 +445,19 @@ int CLoginOpWithVerifyCode::checkVerifyCode(HttpSession& session, CRequestMsg& r
     guard.warn(0, "checkVerifyCode", __LINE__, "login without a verification code");
     return static_cast<int>(proto::kErrVerifyCode);
   }
-  if (!VerifyCodeStore::instance().redeem(challengeId, answer)) {
-    guard.warn(0, "checkVerifyCode", __LINE__,
-               "verification code for challenge %s is wrong, used or expired",
-               challengeId.c_str());
-    return static_cast<int>(proto::kErrVerifyCode);
+  switch (VerifyCodeStore::instance().redeem(challengeId, answer)) {
+    case CodeVerdict::kAccepted:
+      return 0;
+    case CodeVerdict::kExpired:
+      guard.warn(0, "checkVerifyCode", __LINE__, "verification code for challenge %s has expired",
+                 challengeId.c_str());
+      return static_cast<int>(proto::kErrVerifyCodeExpired);
+    case CodeVerdict::kWrongOrUsed:
+      break;
   }
-  return 0;
+  guard.warn(0, "checkVerifyCode", __LINE__, "verification code for challenge %s is wrong or used",
+             challengeId.c_str());
+  return static_cast<int>(proto::kErrVerifyCode);
 }
 
 void CLoginOpWithVerifyCode::setExposeCodeForTests(bool expose) { g_exposeCode.store(expose); }

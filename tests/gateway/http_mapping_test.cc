@@ -576,6 +576,7 @@ TEST_F(MappingTest, CodedFailures) {
       {0x03000003, true, "The user scope is invalid.", 400, "The user scope is invalid."},
       {0x03000010, true, "host/login", 401, "The user name or password is wrong."},
       {0x03000013, true, "host/login", 429, "Too many failed logins. Try again later."},
+      {0x03000015, true, "host/login", 401, "The verification code has expired. Ask for a new one."},
       {0x03000004, true, "x", 404, "The object does not exist."},
       {0x60E01D02, true, "x", 422, "The certificate is outside its validity dates."},
       {0x60E01D7F, true, "x", 422, "The certificate or CRL was refused."},
