@@ -176,7 +176,7 @@ TEST(AccessLogTest, LineFormat) {
   EXPECT_EQ(gw::formatAccess(record), "127.0.0.1 GET /healthz 200 15 0ms -");
   // A client cannot break the line or fake a field.
   gw::AccessRecord odd{"127.0.0.1", "GET", "/a b\nforged 200", 404, 0, 12, "u ser", "", ""};
-  EXPECT_EQ(gw::formatAccess(odd), "127.0.0.1 GET /a_b_forged_200 404 0 12ms u_ser");
+  EXPECT_EQ(gw::formatAccess(odd), "127.0.0.1 GET /a_b\\nforged_200 404 0 12ms u_ser");
 }
 
 // One object per line, every field present; what a client sent is escaped,
