@@ -171,6 +171,16 @@ TEST(GatewayOptionsTest, HostPort) {
   EXPECT_FALSE(gw::parseHostPort("h:", &host, &port));
 }
 
+TEST(GatewayOptionsTest, AuditLogIsOffUnlessNamed) {
+  gw::GatewayOptions options;
+  std::string error;
+  ASSERT_TRUE(gw::parseOptions({}, &options, &error));
+  EXPECT_EQ(options.auditLog, "");
+  ASSERT_TRUE(gw::parseOptions({"--audit-log", "/var/log/nox-gateway/audit.log"}, &options, &error));
+  EXPECT_EQ(options.auditLog, "/var/log/nox-gateway/audit.log");
+  EXPECT_NE(gw::usageText().find("--audit-log FILE"), std::string::npos);
+}
+
 TEST(AccessLogTest, LineFormat) {
   gw::AccessRecord record{"127.0.0.1", "GET", "/healthz", 200, 15, 0, "", "", "r1"};
   EXPECT_EQ(gw::formatAccess(record), "127.0.0.1 GET /healthz 200 15 0ms -");
