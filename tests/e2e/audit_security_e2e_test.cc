@@ -176,10 +176,16 @@ TEST_F(AuditSecurityE2E, SighupReopensTheLogsAfterARotation) {
   EXPECT_EQ(fresh[0]["user"].asString(), "rotated");
   EXPECT_EQ(fresh[0]["requestId"].asString(), "after-rotation");
 
-  // The gateway is still serving, and the access and trace logs moved on too.
+  // The gateway is still serving, and the access and trace logs moved on too
+  // (an access line is written once its answer is sent: waited for).
   auto health = client_->Get("/healthz");
   ASSERT_TRUE(health);
   EXPECT_EQ(health->status, 200);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (gateway_.accessLog().find(" /healthz ") == std::string::npos &&
+         std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
   EXPECT_NE(gateway_.accessLog().find(" /healthz "), std::string::npos) << gateway_.accessLog();
   EXPECT_EQ(readFile(folder + "/access.log.1").find(" /healthz "), std::string::npos);
   EXPECT_NE(gateway_.traceLog().find("login of user rotated"), std::string::npos)
