@@ -151,6 +151,9 @@ void reopenLogs(const GatewayPaths& paths, AccessLog* accessLog, AuditLog* audit
     fprintf(stderr, "nox-gateway: cannot reopen the %s %s: %s\n", what.c_str(), path.c_str(),
             errnoText(errno).c_str());
   };
+  // The trace log last: once its new file is there, the others are done.
+  if (auditLog != nullptr && !auditLog->reopen()) complain("audit log", paths.auditLog);
+  if (accessLog != nullptr && !accessLog->reopen()) complain("access log", paths.accessLog);
   if (!paths.log.empty()) {
     std::shared_ptr<StreamTraceSink> sink = StreamTraceSink::openFile(paths.log);
     if (sink) {
@@ -159,8 +162,6 @@ void reopenLogs(const GatewayPaths& paths, AccessLog* accessLog, AuditLog* audit
       complain("log", paths.log);
     }
   }
-  if (accessLog != nullptr && !accessLog->reopen()) complain("access log", paths.accessLog);
-  if (auditLog != nullptr && !auditLog->reopen()) complain("audit log", paths.auditLog);
 }
 
 bool enterWorkDir(const GatewayPaths& paths, std::string* error) {

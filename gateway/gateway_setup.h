@@ -52,8 +52,9 @@ bool openAuditLog(const GatewayPaths& paths, std::shared_ptr<AuditLog>* auditLog
                   std::string* error);
 
 // Opens the log files again by their names, after logrotate moved them away
-// (SIGHUP): the trace log (--log), the access log and the audit log. A file
-// that cannot be opened is reported on stderr and the old one kept.
+// (SIGHUP): the audit log, the access log and, last, the trace log (--log).
+// A file that cannot be opened is reported on stderr ("nox-gateway: cannot
+// reopen the audit log PATH: WHY") and the old one kept.
 void reopenLogs(const GatewayPaths& paths, AccessLog* accessLog, AuditLog* auditLog);
 
 // Changes to the folder whose "../conf/" holds the catalogues, as the

@@ -192,6 +192,31 @@ TEST_F(AuditSecurityE2E, SighupReopensTheLogsAfterARotation) {
       << gateway_.traceLog();
 }
 
+// A rotation that leaves a folder where the new file should be: the gateway
+// says so and keeps writing to the file it has.
+TEST_F(AuditSecurityE2E, AFileThatCannotBeReopenedIsReportedAndTheOldOneKept) {
+  start();
+  const std::string moved = auditPath() + ".1";
+  const std::string trace = gateway_.dataDir() + "/trace.log";
+  ASSERT_EQ(rename(auditPath().c_str(), moved.c_str()), 0);
+  ASSERT_EQ(mkdir(auditPath().c_str(), 0700), 0);
+  ASSERT_EQ(rename(trace.c_str(), (trace + ".1").c_str()), 0);
+  gateway_.sendSignal(SIGHUP);
+  // The trace log is reopened last: its new file says the audit log's turn
+  // has passed.
+  ASSERT_TRUE(waitForFiles({trace})) << gateway_.output();
+  const std::string complaint = "nox-gateway: cannot reopen the audit log " + auditPath() +
+                                ": Is a directory";
+  auto bad = login("apiuser", kWrongPassword);
+  expectEnvelope(bad, 401, kErrLoginFailed);
+  EXPECT_EQ(gateway_.stop(), 0);
+  EXPECT_NE(gateway_.output().find(complaint), std::string::npos) << gateway_.output();
+  const std::vector<Json::Value> lines = auditLines(moved);
+  ASSERT_EQ(lines.size(), 1u) << readFile(moved);
+  EXPECT_EQ(lines[0]["requestId"].asString(), bad->get_header_value("X-Request-Id"));
+  rmdir(auditPath().c_str());
+}
+
 TEST_F(AuditSecurityE2E, ASessionIdleTooLongIsReportedExpired) {
   start({"--session-idle", "1"});
   const std::string token = loginToken(*client_, gateway_.password());

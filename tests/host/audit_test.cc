@@ -5,6 +5,7 @@
 // the code.
 #include <gtest/gtest.h>
 
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -97,6 +98,26 @@ TEST_F(LoginAuditTest, FailuresCarryTheirCodeAndNeverThePassword) {
       EXPECT_EQ(value.find(kPassword), std::string::npos);
     }
   }
+}
+
+// A route's login that fails without a code (the gateway answers 500).
+class UncodedFailureOp : public CLoginOp {
+ public:
+  int login(const std::string&, const std::string&, const std::string&, const std::string&,
+            CDeviceID&, CR3MPackageV3&, const std::string&, const std::string&) override {
+    throw std::runtime_error("no code");
+  }
+};
+
+TEST_F(LoginAuditTest, AFailureWithoutACodeIsReportedWithMinusOne) {
+  AuditCapture audit;
+  UncodedFailureOp op;
+  LoginRequest post("POST");
+  post.credentials("admin", kPassword, "4");
+  EXPECT_THROW(op.op("POST", "", post.request, post.response), std::runtime_error);
+  ASSERT_EQ(audit.events().size(), 1u);
+  expectEvent(audit.events()[0], audit::kLogin, audit::kFailure, "admin", audit::kUncodedError);
+  EXPECT_EQ(audit::kUncodedError, -1);
 }
 
 TEST_F(LoginAuditTest, AThrottledLoginIsReportedAsSuch) {
