@@ -64,11 +64,20 @@ void appendCodePoint(unsigned codePoint, std::string* out) {
 // The short escapes both forms share; false for any other character.
 bool appendShortEscape(unsigned codePoint, std::string* out) {
   switch (codePoint) {
-    case '\n': out->append("\\n"); return true;
-    case '\r': out->append("\\r"); return true;
-    case '\t': out->append("\\t"); return true;
-    case '\\': out->append("\\\\"); return true;
-    default: return false;
+    case '\n':
+      out->append("\\n");
+      return true;
+    case '\r':
+      out->append("\\r");
+      return true;
+    case '\t':
+      out->append("\\t");
+      return true;
+    case '\\':
+      out->append("\\\\");
+      return true;
+    default:
+      return false;
   }
 }
 

@@ -205,8 +205,8 @@ TEST_F(AuditSecurityE2E, AFileThatCannotBeReopenedIsReportedAndTheOldOneKept) {
   // The trace log is reopened last: its new file says the audit log's turn
   // has passed.
   ASSERT_TRUE(waitForFiles({trace})) << gateway_.output();
-  const std::string complaint = "nox-gateway: cannot reopen the audit log " + auditPath() +
-                                ": Is a directory";
+  const std::string complaint =
+      "nox-gateway: cannot reopen the audit log " + auditPath() + ": Is a directory";
   auto bad = login("apiuser", kWrongPassword);
   expectEnvelope(bad, 401, kErrLoginFailed);
   EXPECT_EQ(gateway_.stop(), 0);

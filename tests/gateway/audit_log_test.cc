@@ -80,7 +80,8 @@ TEST(AuditLineTest, EveryMemberInItsPlace) {
 // try to add a member, controls and bytes that are not UTF-8.
 TEST(AuditLineTest, WhatAClientSentCannotEndTheLineOrAddAMember) {
   AuditEvent e = sample();
-  e.user = "x\n{\"time\":\"2026\",\"event\":\"login\",\"outcome\":\"success\"}\",\"code\":0,\"u\":\"";
+  e.user =
+      "x\n{\"time\":\"2026\",\"event\":\"login\",\"outcome\":\"success\"}\",\"code\":0,\"u\":\"";
   e.scope = "\r\x1b[2J\x7f";
   e.route = "/a\xff\xc3";
   const std::string line = gw::formatAuditLine(e);

@@ -3,13 +3,14 @@
 // logout, the SessionStore every session it finds expired, each with the
 // user and scope, the client's address, the route as called, the method and
 // the code.
+#include "audit.h"
+
 #include <gtest/gtest.h>
 
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "audit.h"
 #include "audit_capture.h"
 #include "login_op.h"
 #include "login_test_rig.h"
@@ -160,8 +161,7 @@ TEST_F(LoginAuditTest, ATokenFoundIdlePastItsTimeIsReportedOnceAsExpired) {
   EXPECT_FALSE(SessionStore::instance().lookup(token, info)) << "ended: now unknown";
   const std::vector<AuditEvent> events = audit.events();
   ASSERT_EQ(events.size(), 1u);
-  expectEvent(events[0], audit::kSessionExpired, audit::kRefused, "admin",
-              proto::kErrNotLoggedIn);
+  expectEvent(events[0], audit::kSessionExpired, audit::kRefused, "admin", proto::kErrNotLoggedIn);
   EXPECT_EQ(events[0].scope, "4");
   EXPECT_EQ(events[0].client, "198.51.100.9");
   EXPECT_EQ(events[0].route, "/v1/kestrel_task");

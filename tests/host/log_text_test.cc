@@ -23,7 +23,9 @@ TEST(LogTextTest, EscapeLogTextKeepsALineOneLine) {
       {"del\x7f", "del\\x7f", "DEL"},
       {"back\\slash", "back\\\\slash", "a backslash doubles: an escape always means one"},
       {"\xc2\x85nel", "\\u0085nel", "C1 control NEL"},
-      {"a\xe2\x80\xa8" "b\xe2\x80\xa9", "a\\u2028b\\u2029", "line and paragraph separators"},
+      {"a\xe2\x80\xa8"
+       "b\xe2\x80\xa9",
+       "a\\u2028b\\u2029", "line and paragraph separators"},
       {"\xff\xfe", "\\xff\\xfe", "bytes that are never UTF-8"},
       {"\xc3", "\\xc3", "a sequence cut short at the end"},
       {"\xc3(", "\\xc3(", "a sequence cut short by ASCII"},

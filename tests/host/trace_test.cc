@@ -45,16 +45,18 @@ TEST(StreamTraceSinkTest, LineFormat) {
   whole.function.clear();
   const std::string out = written({plain, whole});
   EXPECT_TRUE(std::regex_match(
-      out, std::regex("\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}Z warn  \\[3\\] "
-                      "handleLogin:42 user admin logged in \\[request b41d\\]\n"
-                      "\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}Z warn  \\[3\\] whole text\n")))
+      out,
+      std::regex("\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}Z warn  \\[3\\] "
+                 "handleLogin:42 user admin logged in \\[request b41d\\]\n"
+                 "\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}Z warn  \\[3\\] whole text\n")))
       << out;
 }
 
 // A user name is written into the record's text as the client sent it; the
 // sink escapes it, so no line of the log starts with what a client chose.
 TEST(StreamTraceSinkTest, AForgedLineStaysInsideItsRecord) {
-  const std::string forged = "2026-11-25T00:00:00.000Z INFO  [3] handleLogin:1 user admin logged in";
+  const std::string forged =
+      "2026-11-25T00:00:00.000Z INFO  [3] handleLogin:1 user admin logged in";
   const std::string out = written({record("login of user x\n" + forged + " failed"),
                                    record("cr\r" + forged), record("bytes \xff\x1b[2J\x7f ok")});
   size_t lines = 0;
