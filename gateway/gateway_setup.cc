@@ -102,6 +102,7 @@ GatewayPaths resolvePaths(const GatewayOptions& options, const std::string& star
   paths.log = options.log.empty() ? std::string() : absoluteFrom(startDir, options.log);
   paths.accessLog = absoluteFrom(startDir, options.accessLog);
   paths.auditLog = absoluteFrom(startDir, options.auditLog);
+  paths.access = options.access.empty() ? std::string() : absoluteFrom(startDir, options.access);
   paths.tlsCert = absoluteFrom(startDir, options.tlsCert);
   paths.tlsKey = absoluteFrom(startDir, options.tlsKey);
   return paths;
@@ -215,6 +216,38 @@ bool installSessionStore(const GatewayOptions& options, std::string* error) {
   return true;
 }
 
+bool loadAccessTable(const GatewayPaths& paths, const CSpecifyProc& registry,
+                     std::shared_ptr<const AccessTable>* table, std::string* error) {
+  // Beside the catalogues, which the gateway works next to.
+  const std::string beside = "../conf/access.json";
+  struct stat st;
+  const std::string path =
+      !paths.access.empty() ? paths.access : stat(beside.c_str(), &st) == 0 ? beside : "";
+  AccessTable loaded = AccessTable::defaults();
+  if (!path.empty() && !AccessTable::load(path, &loaded, error)) {
+    *error = "--access: " + *error;
+    return false;
+  }
+  std::vector<std::string> registered;
+  for (const CSpecifyProc::Route& route : registry.routes()) {
+    registered.push_back((route.interfaceVersion.empty() ? "" : "/" + route.interfaceVersion) +
+                         route.url);
+  }
+  for (const std::string& route : loaded.uncovered(registered)) {
+    fprintf(stderr, "nox-gateway: the access table has no rule for %s: only scope %s may call it\n",
+            route.c_str(), AccessTable::kAdministratorScope);
+  }
+  for (const std::string& route : loaded.unknown(registered)) {
+    fprintf(stderr, "nox-gateway: the access table names %s, which no operation serves\n",
+            route.c_str());
+  }
+  *table = std::make_shared<const AccessTable>(std::move(loaded));
+  installAccessTable(*table);
+  printf("access table: %s\n", path.empty() ? "built in" : path.c_str());
+  fflush(stdout);
+  return true;
+}
+
 bool stateHealth(Json::Value& health) {
   std::shared_ptr<StateStore> store = stateStore();
   std::string why;
@@ -244,6 +277,7 @@ bool serverConfig(const GatewayOptions& options, const GatewayPaths& paths, Serv
   config->maxHeaders = options.maxHeaders;
   config->drainTimeout = options.drainTimeout;
   config->hstsMaxAge = options.hstsMaxAge;
+  config->loginThreads = options.loginThreads;
   config->inlineChecks = options.backend.empty() && options.state.empty();
   config->tlsCert = paths.tlsCert;
   config->tlsKey = paths.tlsKey;

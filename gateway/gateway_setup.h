@@ -20,7 +20,9 @@
 #include <string>
 
 #include "access_log.h"
+#include "access_table.h"
 #include "audit_log.h"
+#include "operation_base.h"
 #include "http_server.h"
 #include "options.h"
 
@@ -35,6 +37,7 @@ struct GatewayPaths {
   std::string log;      // trace log; "" for stderr
   std::string accessLog;
   std::string auditLog;  // "" for none
+  std::string access;  // --access, absolute; "" when not given
   std::string tlsCert;
   std::string tlsKey;
 };
@@ -73,6 +76,15 @@ bool installBackend(const GatewayOptions& options, const GatewayPaths& paths,
 // shared store (an unreachable one is reported, not fatal: the gateway
 // answers 503 until it is there).
 bool installSessionStore(const GatewayOptions& options, std::string* error);
+
+// The access table to guard `registry` with: --access, else
+// ../conf/access.json beside the catalogues when there is one, else the
+// built-in table; installed in the host too. Warns on stderr about
+// registered routes the table does not name (they are open to the
+// administrator only) and about rules for routes nobody registered. False
+// with *error when the file cannot be read or is not a valid table.
+bool loadAccessTable(const GatewayPaths& paths, const CSpecifyProc& registry,
+                     std::shared_ptr<const AccessTable>* table, std::string* error);
 
 // The /healthz part of the session store: "state": {"store", "reachable",
 // "error"}; false when it cannot be reached.

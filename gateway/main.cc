@@ -31,6 +31,7 @@
 #include "session_store.h"
 #include "state_store.h"
 #include "tlv_backend.h"
+#include "verify_code.h"
 
 extern const char kNoxOpenApiText[];  // docs/openapi.json, embedded by the build
 
@@ -124,6 +125,7 @@ int main(int argc, char** argv) {
     return SessionStore::instance().lookup(token, info);
   };
   CLoginOpWithVerifyCode::setExposeCodeForTests(options.exposeVerifyCode);
+  VerifyCodeStore::instance().setLifetime(options.verifyCodeLifetime);
 
   std::unique_ptr<gw::PluginLibrary> plugin = gw::PluginLibrary::load(paths.plugin, &error);
   if (!plugin) {
@@ -135,6 +137,12 @@ int main(int argc, char** argv) {
   CSpecifyProc registry;
   plugin->registerOperations(&registry);
   if (registry.routes().empty()) fail("the plug-in " + paths.plugin + " registered no route");
+  std::shared_ptr<const AccessTable> access;
+  if (!gw::loadAccessTable(paths, registry, &access, &error)) {
+    fail(error);
+    registry.releaseAll();
+    return 1;
+  }
 
   gw::ServerConfig config;
   if (!gw::serverConfig(options, paths, &config, &error)) {
@@ -149,6 +157,7 @@ int main(int argc, char** argv) {
   dispatchOptions.console = gw::embeddedConsoleFiles();
   dispatchOptions.backendReachable = backendReachable;
   dispatchOptions.health = gw::stateHealth;
+  dispatchOptions.access = access;
   // Metrics: counted by the server for every answer, read at GET /metrics
   // by the addresses --metrics-allow names.
   gw::Metrics metrics(gw::routeLabels(registry));

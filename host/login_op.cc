@@ -9,9 +9,11 @@
 #include <strings.h>
 
 #include <atomic>
+#include <ctime>
 #include <map>
 #include <mutex>
 
+#include "access_table.h"
 #include "audit.h"
 #include "backend_protocol.h"
 #include "login_op.h"
@@ -132,6 +134,15 @@ void auditLogin(CRequestMsg& request, long long code) {
                         : code == proto::kErrLoginThrottled ? audit::kThrottled
                                                             : audit::kFailure;
   auditSessionEvent(request, audit::kLogin, outcome, userName, scope, code);
+}
+
+// `when` as UTC in ISO 8601 with milliseconds: "2026-11-25T17:20:00.000Z".
+std::string isoTimeUtc(time_t when) {
+  struct tm parts;
+  gmtime_r(&when, &parts);
+  char text[32];
+  strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%S.000Z", &parts);
+  return text;
 }
 
 }  // namespace
@@ -366,13 +377,16 @@ int CLoginOp::handleLogout(CRequestMsg& request, CResponseMsg& response) {
 
 int CLoginOp::handleGetLoginToken(CRequestMsg& request, CResponseMsg& response) {
   CQPNDebugKitGuard guard(kModule, "CLoginOp::handleGetLoginToken");
+  VerifyCodeStore& codes = VerifyCodeStore::instance();
   std::string challengeId;
   std::string code;
-  VerifyCodeStore::instance().issue(&challengeId, &code);
+  time_t expiresAt = 0;
+  codes.issue(&challengeId, &code, &expiresAt);
   Json::Value data(Json::objectValue);
   data["challengeId"] = challengeId;
   data["image"] = verifyCodeImage(code);
-  data["expiresIn"] = VerifyCodeStore::kLifetime;
+  data["expiresIn"] = codes.lifetime();
+  data["expiresAt"] = isoTimeUtc(expiresAt);
   if (CLoginOpWithVerifyCode::exposeCodeForTests()) data["code"] = code;
   writeEnvelope(response, data);
   HttpRequest* connection = request.getSessionInfo().getHttpConnection();
@@ -400,6 +414,12 @@ int CLoginOp::handleCheckCode(CRequestMsg& request, CResponseMsg& response) {
   data["expiresIn"] = store.idleTimeout();
   if (session->hasAttribute(CSessionInfo::SESS_STAT_K)) {
     data["state"] = session->getAttribute(CSessionInfo::SESS_STAT_K);
+  }
+  // What the session may call, so that a client offers only that.
+  Json::Value& permissions = data["permissions"] = Json::Value(Json::arrayValue);
+  for (const std::string& call :
+       installedAccessTable()->permissions(info.getUserContext().scope_)) {
+    permissions.append(call);
   }
   writeEnvelope(response, data);
   return 0;
@@ -472,13 +492,19 @@ int CLoginOpWithVerifyCode::checkVerifyCode(HttpSession& session, CRequestMsg& r
     guard.warn(0, "checkVerifyCode", __LINE__, "login without a verification code");
     return static_cast<int>(proto::kErrVerifyCode);
   }
-  if (!VerifyCodeStore::instance().redeem(challengeId, answer)) {
-    guard.warn(0, "checkVerifyCode", __LINE__,
-               "verification code for challenge %s is wrong, used or expired",
-               challengeId.c_str());
-    return static_cast<int>(proto::kErrVerifyCode);
+  switch (VerifyCodeStore::instance().redeem(challengeId, answer)) {
+    case CodeVerdict::kAccepted:
+      return 0;
+    case CodeVerdict::kExpired:
+      guard.warn(0, "checkVerifyCode", __LINE__, "verification code for challenge %s has expired",
+                 challengeId.c_str());
+      return static_cast<int>(proto::kErrVerifyCodeExpired);
+    case CodeVerdict::kWrongOrUsed:
+      break;
   }
-  return 0;
+  guard.warn(0, "checkVerifyCode", __LINE__, "verification code for challenge %s is wrong or used",
+             challengeId.c_str());
+  return static_cast<int>(proto::kErrVerifyCode);
 }
 
 void CLoginOpWithVerifyCode::setExposeCodeForTests(bool expose) { g_exposeCode.store(expose); }

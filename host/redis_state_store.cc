@@ -9,7 +9,9 @@ namespace {
 
 const char kSessionPrefix[] = "nox:s:";
 const char kInfoPrefix[] = "nox:i:";
-const char kChallengePrefix[] = "nox:c:";
+// Not "nox:c:", where earlier gateways kept a challenge as a plain string:
+// during an upgrade, neither version meets a key of the other's type.
+const char kChallengePrefix[] = "nox:ch:";
 const char kFailurePrefix[] = "nox:f:";
 
 // A session's hash holds "ends", the server time (milliseconds) at which it
@@ -89,6 +91,23 @@ const char kAddFailureScript[] =
     "redis.call('HSET', KEYS[1], 'n', n, 'last', now)\n"
     "redis.call('EXPIRE', KEYS[1], ARGV[1])\n"
     "return {n, now, now}\n";
+
+// Stores a challenge's code (ARGV[1]) and when it dies, ARGV[2] seconds from
+// the server's time; the key lives ARGV[3] seconds longer. Answers when it dies.
+const char kPutChallengeScript[] =
+    "local dies = tonumber(redis.call('TIME')[1]) + tonumber(ARGV[2])\n"
+    "redis.call('DEL', KEYS[1])\n"
+    "redis.call('HSET', KEYS[1], 'code', ARGV[1], 'dies', dies)\n"
+    "redis.call('EXPIRE', KEYS[1], tonumber(ARGV[2]) + tonumber(ARGV[3]))\n"
+    "return dies\n";
+
+// Takes a challenge away; answers its code, when it dies and the server's
+// time, or an empty list when there is none.
+const char kTakeChallengeScript[] =
+    "local f = redis.call('HMGET', KEYS[1], 'code', 'dies')\n"
+    "if not f[1] then return {} end\n"
+    "redis.call('DEL', KEYS[1])\n"
+    "return {f[1], tonumber(f[2]), tonumber(redis.call('TIME')[1])}\n";
 
 std::string jsonText(const Json::Value& value) {
   Json::StreamWriterBuilder builder;
@@ -445,22 +464,29 @@ void RedisStateStore::removeInfo(const std::string& key) { command({"DEL", kInfo
 
 size_t RedisStateStore::infoCount() { return keys(std::string(kInfoPrefix) + "*").size(); }
 
-void RedisStateStore::putChallenge(const std::string& id, const std::string& code, time_t now,
-                                   int lifetime, size_t maxLive) {
-  // Redis drops challenges at their lifetime; memory is the site's to size.
+time_t RedisStateStore::putChallenge(const std::string& id, const std::string& code, time_t now,
+                                     int lifetime, int keptAfter, size_t maxLive) {
+  // Redis drops challenges by itself; memory is the site's to size.
   (void)now;
   (void)maxLive;
-  command({"SET", kChallengePrefix + id, code, "EX", std::to_string(lifetime)});
+  Reply r = command({"EVAL", kPutChallengeScript, "1", kChallengePrefix + id, code,
+                     std::to_string(lifetime), std::to_string(keptAfter)});
+  return static_cast<time_t>(r.integer());
 }
 
-bool RedisStateStore::takeChallenge(const std::string& id, time_t now, int lifetime,
-                                    std::string* code) {
-  (void)now;
-  (void)lifetime;
-  Reply r = command({"GETDEL", kChallengePrefix + id});
-  if (r.isNil()) return false;
-  *code = r.text();
-  return true;
+ChallengeFound RedisStateStore::takeChallenge(const std::string& id, time_t now,
+                                              std::string* code) {
+  (void)now;  // the server's time decides, as it decided when the challenge dies
+  Reply r = command({"EVAL", kTakeChallengeScript, "1", kChallengePrefix + id});
+  const std::vector<const redisReply*> e = r.elements();
+  if (e.empty()) return ChallengeFound::kNone;
+  if (e.size() != 3 || e[0]->type != REDIS_REPLY_STRING || e[1]->type != REDIS_REPLY_INTEGER ||
+      e[2]->type != REDIS_REPLY_INTEGER) {
+    throw StateStoreError("unexpected answer from Redis to taking a challenge");
+  }
+  if (e[2]->integer >= e[1]->integer) return ChallengeFound::kExpired;
+  code->assign(e[0]->str, e[0]->len);
+  return ChallengeFound::kLive;
 }
 
 size_t RedisStateStore::challengeCount() {

@@ -65,6 +65,13 @@ struct FailureCount {
   time_t now = 0;          // the store's present time, to measure the window with
 };
 
+// What StateStore::takeChallenge found.
+enum class ChallengeFound {
+  kNone,     // no such challenge: never issued, already taken, or forgotten
+  kLive,     // a challenge within its lifetime
+  kExpired,  // a challenge past its lifetime, not yet forgotten
+};
+
 class HOST_API StateStore {
  public:
   virtual ~StateStore() {}
@@ -109,15 +116,18 @@ class HOST_API StateStore {
   virtual size_t infoCount() = 0;
 
   // --- Verification challenges ---
-  // Stores a challenge that dies `lifetime` seconds after `now`. At most
-  // `maxLive` live challenges are kept where the store counts them (memory);
-  // the oldest go first.
-  virtual void putChallenge(const std::string& id, const std::string& code, time_t now,
-                            int lifetime, size_t maxLive) = 0;
+  // Stores a challenge that dies `lifetime` seconds after `now` and is still
+  // known, as expired, for `keptAfter` seconds after that. At most `maxLive`
+  // challenges (live or expired) are kept where the store counts them
+  // (memory); the oldest go first. Returns when the challenge dies, on the
+  // store's clock.
+  virtual time_t putChallenge(const std::string& id, const std::string& code, time_t now,
+                              int lifetime, int keptAfter, size_t maxLive) = 0;
   // Takes the challenge away, atomically: of several callers at once only
-  // one gets it. True with its code when it was there and alive.
-  virtual bool takeChallenge(const std::string& id, time_t now, int lifetime,
-                             std::string* code) = 0;
+  // one finds it. kLive with its code in *code when it was there and alive;
+  // kExpired when it was there but dead (its code is not given); kNone
+  // otherwise (never issued, already taken, or forgotten).
+  virtual ChallengeFound takeChallenge(const std::string& id, time_t now, std::string* code) = 0;
   virtual size_t challengeCount() = 0;
   virtual void clearChallenges() = 0;
 

@@ -7,7 +7,8 @@
 # test; the font lets Chromium draw the console's Chinese texts. dpkg-dev
 # and file give cpack's Debian package its Depends (dpkg-shlibdeps, and
 # cpack's test of which files are programs); logrotate reads the package's
-# rotation rule in its test.
+# rotation rule in its test. libgd-dev draws the login verification picture
+# (its built-in fonts: no font package is needed).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -17,7 +18,7 @@ PACKAGES=(
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   libboost-dev libcpp-httplib-dev libssl-dev libsqlite3-dev zlib1g-dev libbrotli-dev
   openssl curl python3 binutils clang-tidy cppcheck valgrind dpkg-dev file logrotate
-  libhiredis-dev redis-server nginx-light prometheus
+  libhiredis-dev libgd-dev redis-server nginx-light prometheus
   chromium chromium-driver python3-selenium fonts-wqy-microhei
 )
 # Node and npm for tools/api: Debian's, unless a node is installed already

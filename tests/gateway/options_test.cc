@@ -92,6 +92,27 @@ TEST(GatewayOptionsTest, ReadTimeout) {
   }
 }
 
+// --verify-code-lifetime shortens or lengthens the GET /login challenge's
+// life (tests of its expiry, special sites); 0 keeps the store's default.
+TEST(GatewayOptionsTest, VerifyCodeLifetime) {
+  gw::GatewayOptions options;
+  std::string error;
+  ASSERT_TRUE(gw::parseOptions({}, &options, &error));
+  EXPECT_EQ(options.verifyCodeLifetime, 0);
+  ASSERT_TRUE(gw::parseOptions({"--verify-code-lifetime", "2"}, &options, &error)) << error;
+  EXPECT_EQ(options.verifyCodeLifetime, 2);
+  ASSERT_TRUE(gw::parseOptions({"--verify-code-lifetime=3600"}, &options, &error)) << error;
+  EXPECT_EQ(options.verifyCodeLifetime, 3600);
+  for (const char* bad : {"0", "3601", "2m"}) {
+    EXPECT_FALSE(gw::parseOptions({"--verify-code-lifetime", bad}, &options, &error)) << bad;
+    EXPECT_EQ(error, std::string("--verify-code-lifetime wants seconds from 1 to 3600, not '") +
+                         bad + "'");
+  }
+  EXPECT_NE(gw::usageText().find("--verify-code-lifetime SECONDS  how long a GET /login "
+                                 "challenge lives (default 120;"),
+            std::string::npos);
+}
+
 // --hsts-max-age sets the Strict-Transport-Security max-age sent over HTTPS:
 // one year unless told, 0 for no header at all.
 TEST(GatewayOptionsTest, HstsMaxAge) {

@@ -39,7 +39,7 @@ echo "deb: Depends: $depends"
 # are in the package itself and must not be asked for).
 for lib in 'passwd' 'libc6 ' 'libstdc\+\+6 ' 'libace-[0-9.]+ ' 'libjsoncpp[0-9]+ ' \
            'libtinyxml2-[0-9]+ ' 'libpcre2-8-0 ' 'libssl3 ' 'libsqlite3-0 ' 'libhiredis[0-9.]+ ' \
-           'libbrotli[0-9]+ ' 'zlib1g '; do
+           'libbrotli[0-9]+ ' 'zlib1g ' 'libgd3 '; do
   echo "$depends" | grep -Eq "(^|, )$lib" || fail "Depends lacks $lib"
 done
 if echo "$depends" | grep -q ucore; then fail "Depends names the package's own libraries"; fi
