@@ -58,7 +58,8 @@ if ! diff -u "$WORK/expected" "$WORK/packaged" >"$WORK/files.diff"; then
   cat "$WORK/files.diff"; fail "the package's files differ from cmake --install's (- install, + package)"
 fi
 for f in /usr/bin/nox-gateway /usr/bin/nox-backend /usr/lib/libucore_nox.so \
-         /usr/share/ucore_nox/conf/task_extra_info_zh.xml /usr/include/ucore_nox/operation_base.h \
+         /usr/share/ucore_nox/conf/task_extra_info_zh.xml /usr/share/ucore_nox/conf/access.json \
+         /usr/include/ucore_nox/operation_base.h \
          /usr/lib/cmake/ucore_nox/ucore_noxConfig.cmake /usr/lib/pkgconfig/ucore_nox.pc; do
   grep -qx "$f" "$WORK/packaged" || fail "$f is not packaged"
 done
