@@ -101,6 +101,7 @@ GatewayPaths resolvePaths(const GatewayOptions& options, const std::string& star
                                           : absoluteFrom(startDir, options.dataDir);
   paths.log = options.log.empty() ? std::string() : absoluteFrom(startDir, options.log);
   paths.accessLog = absoluteFrom(startDir, options.accessLog);
+  paths.auditLog = absoluteFrom(startDir, options.auditLog);
   paths.access = options.access.empty() ? std::string() : absoluteFrom(startDir, options.access);
   paths.tlsCert = absoluteFrom(startDir, options.tlsCert);
   paths.tlsKey = absoluteFrom(startDir, options.tlsKey);
@@ -132,6 +133,36 @@ bool openLogs(const GatewayOptions& options, const GatewayPaths& paths,
     return false;
   }
   return true;
+}
+
+bool openAuditLog(const GatewayPaths& paths, std::shared_ptr<AuditLog>* auditLog,
+                  std::string* error) {
+  if (paths.auditLog.empty()) return true;
+  *auditLog = AuditLog::open(paths.auditLog);
+  if (!*auditLog) {
+    *error = "cannot open the audit log " + paths.auditLog + ": " + errnoText(errno);
+    return false;
+  }
+  setAuditSink(*auditLog);
+  return true;
+}
+
+void reopenLogs(const GatewayPaths& paths, AccessLog* accessLog, AuditLog* auditLog) {
+  auto complain = [](const std::string& what, const std::string& path) {
+    fprintf(stderr, "nox-gateway: cannot reopen the %s %s: %s\n", what.c_str(), path.c_str(),
+            errnoText(errno).c_str());
+  };
+  // The trace log last: once its new file is there, the others are done.
+  if (auditLog != nullptr && !auditLog->reopen()) complain("audit log", paths.auditLog);
+  if (accessLog != nullptr && !accessLog->reopen()) complain("access log", paths.accessLog);
+  if (!paths.log.empty()) {
+    std::shared_ptr<StreamTraceSink> sink = StreamTraceSink::openFile(paths.log);
+    if (sink) {
+      setTraceSink(sink);
+    } else {
+      complain("log", paths.log);
+    }
+  }
 }
 
 bool enterWorkDir(const GatewayPaths& paths, std::string* error) {

@@ -4,6 +4,7 @@
 //
 //   const GatewayPaths paths = resolvePaths(options, currentDir());
 //   if (!openLogs(options, paths, &accessLog, &error)) ...
+//   if (!openAuditLog(paths, &auditLog, &error)) ...
 //   if (!enterWorkDir(paths, &error)) ...
 //   if (!installBackend(options, paths, &backendReachable, &error)) ...
 //   if (!installSessionStore(options, &error)) ...
@@ -20,6 +21,7 @@
 
 #include "access_log.h"
 #include "access_table.h"
+#include "audit_log.h"
 #include "operation_base.h"
 #include "http_server.h"
 #include "options.h"
@@ -34,6 +36,7 @@ struct GatewayPaths {
   std::string dataDir;  // the backend's data (or the staging folder with --backend)
   std::string log;      // trace log; "" for stderr
   std::string accessLog;
+  std::string auditLog;  // "" for none
   std::string access;  // --access, absolute; "" when not given
   std::string tlsCert;
   std::string tlsKey;
@@ -44,6 +47,18 @@ GatewayPaths resolvePaths(const GatewayOptions& options, const std::string& star
 // set (and *exitCode 2 for a bad level, 1 for a file that cannot be opened).
 bool openLogs(const GatewayOptions& options, const GatewayPaths& paths,
               std::unique_ptr<AccessLog>* accessLog, int* exitCode, std::string* error);
+
+// With --audit-log, opens the file and installs it as the host's audit sink
+// (*auditLog keeps it for reopenLogs); without, leaves *auditLog null. False
+// with *error when the file cannot be opened.
+bool openAuditLog(const GatewayPaths& paths, std::shared_ptr<AuditLog>* auditLog,
+                  std::string* error);
+
+// Opens the log files again by their names, after logrotate moved them away
+// (SIGHUP): the audit log, the access log and, last, the trace log (--log).
+// A file that cannot be opened is reported on stderr ("nox-gateway: cannot
+// reopen the audit log PATH: WHY") and the old one kept.
+void reopenLogs(const GatewayPaths& paths, AccessLog* accessLog, AuditLog* auditLog);
 
 // Changes to the folder whose "../conf/" holds the catalogues, as the
 // plug-in reads them: <home>/bin in a build tree, <home>/share/ucore_nox/conf

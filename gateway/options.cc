@@ -106,6 +106,8 @@ bool parseOptions(const std::vector<std::string>& args, GatewayOptions* options,
       options->logLevel = value;
     } else if (name == "--access-log") {
       options->accessLog = value;
+    } else if (name == "--audit-log") {
+      options->auditLog = value;
     } else if (name == "--max-body") {
       if (!parseNumber(value, 1024, 1LL << 32, &number)) {
         *error = "--max-body wants a number of bytes from 1024 to 4294967296, not '" + value + "'";
@@ -201,6 +203,8 @@ std::string usageText() {
          "  --log-level LEVEL       trace, debug, info, warn, error, off (default info)\n"
          "  --access-log FILE       access log (default stderr)\n"
          "  --log-format text|json  the access log's lines: text (default) or one JSON object each\n"
+         "  --audit-log FILE        audit trail: one JSON object per line for each security\n"
+         "                          event (default: none)\n"
          "  --io-threads N          threads reading and writing connections (default: one\n"
          "                          per core)\n"
          "  --threads N             worker threads running operations; the requests beyond\n"

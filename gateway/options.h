@@ -25,6 +25,7 @@ struct GatewayOptions {
   std::string log;           // trace log file; "": stderr
   std::string logLevel = "info";
   std::string accessLog;     // access log file; "": stderr
+  std::string auditLog;      // audit trail file; "": none
   std::string state;         // "": sessions in this process; "redis://...": shared
   std::string metricsAllow = "127.0.0.0/8,::1";  // client addresses that may read /metrics
   std::string tlsCert;

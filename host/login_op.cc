@@ -14,6 +14,7 @@
 #include <mutex>
 
 #include "access_table.h"
+#include "audit.h"
 #include "backend_protocol.h"
 #include "login_op.h"
 #include "login_throttle.h"
@@ -101,6 +102,40 @@ bool countsAsFailedAttempt(long long code) {
 
 std::atomic<bool> g_exposeCode{false};
 
+// Reports a login or logout of the request in hand to the audit trail: the
+// route as the client called it ("/v1" + the registered URL on the v1
+// interface), its method and address; the user and scope as given.
+void auditSessionEvent(const CRequestMsg& request, const char* event, const char* outcome,
+                       const std::string& userName, const std::string& scope, long long code) {
+  AuditEvent e;
+  e.event = event;
+  e.outcome = outcome;
+  e.user = userName;
+  e.scope = scope;
+  const HttpRequest* connection = request.getSessionInfo().getHttpConnection();
+  e.client = connection != nullptr ? connection->clientAddress()
+                                   : request.getSessionInfo().getUserContext().clientAddress_;
+  e.route = (request.getInterfaceVersion() == "v1" ? "/v1" : "") + request.url();
+  e.method = request.method();
+  e.code = code;
+  auditEvent(std::move(e));
+}
+
+// A login's outcome by its code: 0 success, the throttle's code throttled,
+// any other failure. The user name and scope are the ones the request gave.
+void auditLogin(CRequestMsg& request, long long code) {
+  std::map<std::string, MsgValue> args;
+  request.getAllArgs(args);
+  std::string userName;
+  std::string scope;
+  argOf(args, "username", &userName);
+  argOf(args, "scope", &scope);
+  const char* outcome = code == 0                           ? audit::kSuccess
+                        : code == proto::kErrLoginThrottled ? audit::kThrottled
+                                                            : audit::kFailure;
+  auditSessionEvent(request, audit::kLogin, outcome, userName, scope, code);
+}
+
 // `when` as UTC in ISO 8601 with milliseconds: "2026-11-25T17:20:00.000Z".
 std::string isoTimeUtc(time_t when) {
   struct tm parts;
@@ -154,7 +189,9 @@ int CLoginOp::checkVerifyCode(HttpSession& session, CRequestMsg& request) {
   return 0;
 }
 
-int CLoginOp::handleLogin(CRequestMsg& request, CResponseMsg& response) {
+// Every way out of a login is reported to the audit trail: the handlers
+// below this body's end, the success at its end.
+int CLoginOp::handleLogin(CRequestMsg& request, CResponseMsg& response) try {
   CQPNDebugKitGuard guard(kModule, "CLoginOp::handleLogin");
   std::map<std::string, MsgValue> args;
   request.getAllArgs(args);
@@ -280,7 +317,14 @@ int CLoginOp::handleLogin(CRequestMsg& request, CResponseMsg& response) {
   }
   guard.info(0, "handleLogin", __LINE__, "user %s logged in from %s with scope %s, session %s",
              userName.c_str(), clientAddress.c_str(), scope.c_str(), session->getId().c_str());
+  auditLogin(request, 0);
   return 0;
+} catch (const QPNExceptionWithErrCode_& e) {
+  auditLogin(request, e.getErrCode());
+  throw;
+} catch (...) {
+  auditLogin(request, audit::kUncodedError);
+  throw;
 }
 
 int CLoginOp::handleLogout(CRequestMsg& request, CResponseMsg& response) {
@@ -290,6 +334,8 @@ int CLoginOp::handleLogout(CRequestMsg& request, CResponseMsg& response) {
   SessionStore& store = SessionStore::instance();
   if (token.empty() || !store.lookup(token, info)) {
     guard.warn(0, "handleLogout", __LINE__, "logout without a live session");
+    auditSessionEvent(request, audit::kLogout, audit::kFailure, std::string(), std::string(),
+                      proto::kErrNotLoggedIn);
     fail(proto::kErrNotLoggedIn, __LINE__);
   }
   // The session ends here, whatever the backend says next.
@@ -325,6 +371,7 @@ int CLoginOp::handleLogout(CRequestMsg& request, CResponseMsg& response) {
   writeEnvelope(response, Json::Value());
   guard.info(0, "handleLogout", __LINE__, "user %s logged out, session %s",
              user.userName_.c_str(), id.c_str());
+  auditSessionEvent(request, audit::kLogout, audit::kSuccess, user.userName_, user.scope_, 0);
   return 0;
 }
 

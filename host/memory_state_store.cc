@@ -15,21 +15,22 @@ void MemoryStateStore::putSession(const std::string& key, const StoredSession& s
 }
 
 bool MemoryStateStore::touchSession(const std::string& key, time_t now, int idleSeconds,
-                                    const std::string& infoPrefix, StoredSession* session) {
-  std::string endedId;
+                                    const std::string& infoPrefix, StoredSession* session,
+                                    bool* expired) {
+  *expired = false;
   {
     std::lock_guard<std::mutex> lock(sessionMutex_);
     auto it = sessions_.find(key);
     if (it == sessions_.end()) return false;
+    *session = it->second.data;
     if (now - it->second.lastSeen < idleSeconds) {
       it->second.lastSeen = now;
-      *session = it->second.data;
       return true;
     }
-    endedId = it->second.data.id;
     sessions_.erase(it);
   }
-  removeInfo(infoPrefix + endedId);
+  *expired = true;
+  removeInfo(infoPrefix + session->id);
   return false;
 }
 

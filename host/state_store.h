@@ -87,9 +87,14 @@ class HOST_API StateStore {
                           int idleSeconds) = 0;
   // A live session: fills *session, restarts its idle time (and that of the
   // session information under `infoPrefix` + id) and returns true. Unknown or
-  // idle: false; an idle one is ended, its session information with it.
+  // idle: false; an idle one is ended, its session information with it, and
+  // reported: *expired true and *session what it was (false for an unknown
+  // key). A store that ends idle sessions by itself (Redis) keeps an idle
+  // session's record one more idle time, so that it can tell "expired" from
+  // "unknown" that long; the memory store keeps it until expireSessions.
   virtual bool touchSession(const std::string& key, time_t now, int idleSeconds,
-                            const std::string& infoPrefix, StoredSession* session) = 0;
+                            const std::string& infoPrefix, StoredSession* session,
+                            bool* expired) = 0;
   // Ends a session; fills *session with what it was. False when there was none.
   virtual bool removeSession(const std::string& key, StoredSession* session) = 0;
   // Sets the session's state attribute. False when there is no such session.

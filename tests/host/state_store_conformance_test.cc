@@ -15,6 +15,8 @@
 #include <thread>
 #include <vector>
 
+#include "audit.h"
+#include "audit_capture.h"
 #include "login_op.h"
 #include "login_throttle.h"
 #include "memory_state_store.h"
@@ -118,8 +120,12 @@ TEST_P(StateStoreConformance, TheStateLabelTravelsWithTheSession) {
 TEST_P(StateStoreConformance, TheTokenIsKeptOnlyAsItsHash) {
   const std::string token = open("apiuser");
   StoredSession stored;
-  EXPECT_FALSE(store_->touchSession(token, time(nullptr), 60, kSessionKeyPrefix, &stored));
-  EXPECT_TRUE(store_->touchSession(sha256Hex(token), time(nullptr), 60, kSessionKeyPrefix, &stored));
+  bool expired = true;
+  EXPECT_FALSE(
+      store_->touchSession(token, time(nullptr), 60, kSessionKeyPrefix, &stored, &expired));
+  EXPECT_FALSE(expired) << "unknown, not expired";
+  EXPECT_TRUE(store_->touchSession(sha256Hex(token), time(nullptr), 60, kSessionKeyPrefix, &stored,
+                                   &expired));
   EXPECT_EQ(stored.user.userName_, "apiuser");
   // A token that differs in its last character opens nothing.
   std::string other = token;
@@ -127,6 +133,33 @@ TEST_P(StateStoreConformance, TheTokenIsKeptOnlyAsItsHash) {
   CSessionInfo info;
   EXPECT_FALSE(SessionStore::instance().lookup(other, info));
   EXPECT_FALSE(SessionStore::instance().lookup("", info));
+}
+
+// A token that comes back after the idle time finds its session expired
+// (reported once to the audit trail, with the session's user), not merely
+// unknown; after that it is unknown. Redis ends the key by itself, so its
+// store keeps the record one more idle time to be able to tell.
+TEST_P(StateStoreConformance, AnIdleSessionIsReportedExpiredOnce) {
+  SessionStore::instance().setIdleTimeout(2);
+  std::string id;
+  const std::string token = open("auditor", &id);
+  const std::string live = open("apiuser");
+  RedirectInfoMgr::addSessionInfo(kSessionKeyPrefix + id, 7);
+  AuditCapture audit;
+  std::this_thread::sleep_for(std::chrono::milliseconds(2300));  // past 2 s, short of 4
+  CSessionInfo info;
+  EXPECT_FALSE(SessionStore::instance().lookup(token, info));
+  EXPECT_FALSE(SessionStore::instance().lookup(token, info));
+  EXPECT_EQ(RedirectInfoMgr::getSessionInfo(kSessionKeyPrefix + id), -1);
+  const std::vector<AuditEvent> events = audit.events();
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(events[0].event, audit::kSessionExpired);
+  EXPECT_EQ(events[0].user, "auditor");
+  EXPECT_EQ(events[0].scope, "4");
+  EXPECT_EQ(SessionStore::instance().size(), GetParam() == "redis" ? 0u : 1u)
+      << "Redis counts live sessions only; memory keeps the idle one until its sweep";
+  EXPECT_EQ(SessionStore::instance().expire(), GetParam() == "redis" ? 0u : 1u);
+  EXPECT_FALSE(SessionStore::instance().lookup(live, info));
 }
 
 TEST_P(StateStoreConformance, LogoutEndsTheSessionAndItsInformationAtOnce) {
