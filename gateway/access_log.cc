@@ -72,18 +72,12 @@ AccessLog::~AccessLog() {
 }
 
 void AccessLog::write(const AccessRecord& record) {
-  struct timeval now;
-  gettimeofday(&now, nullptr);
-  struct tm utc;
-  gmtime_r(&now.tv_sec, &utc);
-  char stamp[40];
-  const size_t n = strftime(stamp, sizeof(stamp), "%Y-%m-%dT%H:%M:%S", &utc);
-  snprintf(stamp + n, sizeof(stamp) - n, ".%03dZ", static_cast<int>(now.tv_usec / 1000));
+  const std::string stamp = formatUtcMillis(nowUtcMillis());
   std::lock_guard<std::mutex> lock(mutex_);
   if (json_) {
     fprintf(stream_, "%s\n", formatAccessJson(record, stamp).c_str());
   } else {
-    fprintf(stream_, "%s %s\n", stamp, formatAccess(record).c_str());
+    fprintf(stream_, "%s %s\n", stamp.c_str(), formatAccess(record).c_str());
   }
   fflush(stream_);
 }

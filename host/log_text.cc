@@ -1,5 +1,7 @@
 #include "log_text.h"
 
+#include <sys/time.h>
+
 #include <cstdio>
 #include <ctime>
 
@@ -154,6 +156,12 @@ JsonLogLine& JsonLogLine::add(const char* name, long long value) {
   appendName(name);
   text_ += std::to_string(value);
   return *this;
+}
+
+long long nowUtcMillis() {
+  struct timeval now;
+  gettimeofday(&now, nullptr);
+  return static_cast<long long>(now.tv_sec) * 1000 + now.tv_usec / 1000;
 }
 
 std::string formatUtcMillis(long long ms) {

@@ -55,5 +55,7 @@ class HOST_API JsonLogLine {
 
 // "2026-11-25T17:20:00.123Z": the UTC time `ms` milliseconds after the epoch.
 HOST_API std::string formatUtcMillis(long long ms);
+// The current time in milliseconds since the epoch, for formatUtcMillis.
+HOST_API long long nowUtcMillis();
 
 #endif  // NOX_HOST_LOG_TEXT_H_

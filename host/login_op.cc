@@ -17,6 +17,7 @@
 #include "audit.h"
 #include "backend_protocol.h"
 #include "login_op.h"
+#include "log_text.h"
 #include "login_throttle.h"
 #include "qpn_debug_kit.h"
 #include "host_counters.h"
@@ -134,15 +135,6 @@ void auditLogin(CRequestMsg& request, long long code) {
                         : code == proto::kErrLoginThrottled ? audit::kThrottled
                                                             : audit::kFailure;
   auditSessionEvent(request, audit::kLogin, outcome, userName, scope, code);
-}
-
-// `when` as UTC in ISO 8601 with milliseconds: "2026-11-25T17:20:00.000Z".
-std::string isoTimeUtc(time_t when) {
-  struct tm parts;
-  gmtime_r(&when, &parts);
-  char text[32];
-  strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%S.000Z", &parts);
-  return text;
 }
 
 }  // namespace
@@ -386,7 +378,7 @@ int CLoginOp::handleGetLoginToken(CRequestMsg& request, CResponseMsg& response) 
   data["challengeId"] = challengeId;
   data["image"] = verifyCodeImage(code);
   data["expiresIn"] = codes.lifetime();
-  data["expiresAt"] = isoTimeUtc(expiresAt);
+  data["expiresAt"] = formatUtcMillis(static_cast<long long>(expiresAt) * 1000);
   if (CLoginOpWithVerifyCode::exposeCodeForTests()) data["code"] = code;
   writeEnvelope(response, data);
   HttpRequest* connection = request.getSessionInfo().getHttpConnection();

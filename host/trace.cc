@@ -123,15 +123,9 @@ std::shared_ptr<StreamTraceSink> StreamTraceSink::openFile(const std::string& pa
 }
 
 void StreamTraceSink::write(const TraceRecord& record) {
-  struct timeval tv;
-  gettimeofday(&tv, nullptr);
-  struct tm utc;
-  gmtime_r(&tv.tv_sec, &utc);
-  char stamp[32];
-  std::strftime(stamp, sizeof(stamp), "%Y-%m-%dT%H:%M:%S", &utc);
   char head[96];
-  std::snprintf(head, sizeof(head), "%s.%03ldZ %-5s [%d] ", stamp,
-                static_cast<long>(tv.tv_usec / 1000), traceLevelName(record.level), record.module);
+  std::snprintf(head, sizeof(head), "%s %-5s [%d] ", formatUtcMillis(nowUtcMillis()).c_str(),
+                traceLevelName(record.level), record.module);
   std::string line = head;
   if (!record.function.empty()) line += record.function + ":" + std::to_string(record.line) + " ";
   line += record.text;
