@@ -35,13 +35,6 @@ struct SimulatedBackend::Impl {
   // answer takes as long as a wrong password.
   PasswordHash decoy;
 
-  struct LoginFailures {
-    int count = 0;
-    long long lockedUntil = 0;
-  };
-  std::mutex loginMutex;
-  std::map<std::string, LoginFailures> failures;
-
   bool openStore(const SimBackendOptions& options, std::string* error);
   void seed(const std::string& password);
 
@@ -60,10 +53,6 @@ struct SimulatedBackend::Impl {
   long long login(const TlvCall& call, const CR3MRecordV3& request, CR3MPackageV3& reply,
                   CQPNDebugKitGuard& guard);
   long long logout(const TlvCall& call, const CR3MRecordV3& request);
-
-  bool loginLocked(const std::string& name);
-  void loginFailed(const std::string& name);
-  void loginSucceeded(const std::string& name);
 };
 
 namespace simbackend {

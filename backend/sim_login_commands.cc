@@ -1,5 +1,6 @@
-// The simulated backend's login and logout, with the per-name lock after
-// repeated failures.
+// The simulated backend's login and logout. Refusals never say which part
+// was wrong, and throttling is the host's (LoginThrottle): the backend keeps
+// no lock of its own, so failures sent by strangers never lock a user out.
 #include <string>
 
 #include "backend_protocol.h"
@@ -8,35 +9,25 @@
 
 namespace {
 
-constexpr int kMaxFailedLogins = 5;
-constexpr long long kLoginLockSeconds = 60;
+// Whether `scope` is one of the comma-separated `scopes`.
+bool scopeAllowed(const std::string& scopes, const std::string& scope) {
+  size_t begin = 0;
+  while (begin <= scopes.size()) {
+    const size_t comma = scopes.find(',', begin);
+    const size_t stop = comma == std::string::npos ? scopes.size() : comma;
+    if (stop - begin == scope.size() && scopes.compare(begin, stop - begin, scope) == 0) {
+      return true;
+    }
+    if (comma == std::string::npos) break;
+    begin = comma + 1;
+  }
+  return false;
+}
 
 }  // namespace
 
 using simbackend::nowSeconds;
 using simbackend::storeWait;
-
-bool SimulatedBackend::Impl::loginLocked(const std::string& name) {
-  std::lock_guard<std::mutex> lock(loginMutex);
-  auto it = failures.find(name);
-  return it != failures.end() && it->second.lockedUntil > nowSeconds();
-}
-
-void SimulatedBackend::Impl::loginFailed(const std::string& name) {
-  std::lock_guard<std::mutex> lock(loginMutex);
-  // Bounded: a flood of made-up names cannot grow the table without end.
-  if (failures.size() > 10000) failures.clear();
-  LoginFailures& f = failures[name];
-  if (++f.count >= kMaxFailedLogins) {
-    f.count = 0;
-    f.lockedUntil = nowSeconds() + kLoginLockSeconds;
-  }
-}
-
-void SimulatedBackend::Impl::loginSucceeded(const std::string& name) {
-  std::lock_guard<std::mutex> lock(loginMutex);
-  failures.erase(name);
-}
 
 long long SimulatedBackend::Impl::login(const TlvCall& call, const CR3MRecordV3& request,
                                         CR3MPackageV3& reply, CQPNDebugKitGuard& guard) {
@@ -45,9 +36,6 @@ long long SimulatedBackend::Impl::login(const TlvCall& call, const CR3MRecordV3&
   const std::string scope = requireText(request, proto::kTagScope);
   std::string address;
   readText(request, proto::kTagClientAddress, &address);
-  // Throttling applies to every name, known or not, so it tells nothing.
-  if (loginLocked(name)) return proto::kErrLoginThrottled;
-
   bool known = false;
   long long userId = 0;
   std::string scopes;
@@ -74,26 +62,15 @@ long long SimulatedBackend::Impl::login(const TlvCall& call, const CR3MRecordV3&
       passwordState = row.columnInt(7);
     }
   }
-  // The hash is computed outside the store's lock: it is the slow part.
+  // The hash is computed outside the store's lock: it is the slow part. It
+  // is computed for every attempt (the decoy for unknown names), and a scope
+  // the user may not use is refused like a wrong password, so neither the
+  // answer nor its time tells whether the name or the password was right.
   const bool passwordOk = verifyPassword(password, known ? stored : decoy) && known;
-  if (!passwordOk) {
-    loginFailed(name);
+  if (!passwordOk || !scopeAllowed(scopes, scope)) {
     guard.info(0, "login", __LINE__, "login refused from %s", address.c_str());
     return proto::kErrLoginFailed;
   }
-  loginSucceeded(name);
-  bool scopeOk = false;
-  size_t begin = 0;
-  while (begin <= scopes.size()) {
-    const size_t comma = scopes.find(',', begin);
-    const size_t stop = comma == std::string::npos ? scopes.size() : comma;
-    if (scopes.compare(begin, stop - begin, scope) == 0 && stop - begin == scope.size()) {
-      scopeOk = true;
-    }
-    if (comma == std::string::npos) break;
-    begin = comma + 1;
-  }
-  if (!scopeOk) return proto::kErrScopeDenied;
   const bool written = store.write(
       [&] {
         store.statement("UPDATE users SET last_login = ?, last_login_address = ? WHERE id = ?")

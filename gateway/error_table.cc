@@ -2,6 +2,8 @@
 
 #include <cstddef>
 
+#include "backend_protocol.h"
+
 namespace gw {
 
 namespace {
@@ -25,6 +27,9 @@ constexpr CodeRow kCodes[] = {
     {0x03000013, 429, "Too many failed logins. Try again later."},
     {0x03000014, 401, "The verification code is missing, wrong or already used."},
     {0x03000015, 401, "The verification code has expired. Ask for a new one."},
+    {proto::kErrLoginBadText, 400,
+     "The user name, password or another login field holds a control character or is not "
+     "valid UTF-8."},
     {0x03000020, 500, "The backend could not store the data."},
     {0x03000101, 503, "The backend is not available."},
     {0x03000102, 504, "The backend did not answer in time."},

@@ -99,10 +99,16 @@ constexpr long long kErrNotFound = 0x03000004;
 constexpr long long kErrUnknownCommand = 0x03000005;
 constexpr long long kErrLoginFailed = 0x03000010;   // wrong user name or password
 constexpr long long kErrNotLoggedIn = 0x03000011;   // no or expired session
-constexpr long long kErrScopeDenied = 0x03000012;   // the user may not log in with this scope
+// The user may not log in with this scope. Logins never answer it (the host
+// and the simulated backend answer kErrLoginFailed instead, so that a refused
+// scope tells nothing about the password); kept for backends that send it.
+constexpr long long kErrScopeDenied = 0x03000012;
 constexpr long long kErrLoginThrottled = 0x03000013;  // too many failed logins, try later
 constexpr long long kErrVerifyCode = 0x03000014;   // verification code missing, wrong or used
 constexpr long long kErrVerifyCodeExpired = 0x03000015;  // the challenge died unanswered
+// A login's user name, password or other text holds a control character or
+// is not valid UTF-8 (the host refuses it before the backend is asked).
+constexpr long long kErrLoginBadText = 0x03000016;
 constexpr long long kErrCertNotSafe = 0x60E01D0A;  // "not safe" verdict of the check
 constexpr long long kErrCertUnreadable = 0x60E01D01;   // neither PEM nor DER
 constexpr long long kErrCertExpired = 0x60E01D02;      // outside its validity dates

@@ -101,6 +101,79 @@ bool countsAsFailedAttempt(long long code) {
          code == proto::kErrVerifyCode;
 }
 
+// Whether `text` is valid UTF-8 (shortest forms only, no surrogates, nothing
+// past U+10FFFF) and free of control characters: C0 (NUL, CR, LF, TAB ...),
+// DEL and C1 (U+0080 ... U+009F, NEL among them).
+//   isCleanText("admin")          == true
+//   isCleanText("Zhang San \xE5\xBC\xA0") == true
+//   isCleanText("a\nb")           == false   // a forged log line
+//   isCleanText("\xC0\xAF")       == false   // overlong "/"
+bool isCleanText(const std::string& text) {
+  size_t i = 0;
+  while (i < text.size()) {
+    const unsigned char lead = static_cast<unsigned char>(text[i]);
+    if (lead < 0x20 || lead == 0x7F) return false;
+    if (lead < 0x80) {
+      ++i;
+      continue;
+    }
+    int length = 0;
+    unsigned char low = 0x80;  // the second byte's range: low ... high
+    unsigned char high = 0xBF;
+    if (lead >= 0xC2 && lead <= 0xDF) {
+      length = 2;
+      if (lead == 0xC2) low = 0xA0;  // C1 controls
+    } else if (lead >= 0xE0 && lead <= 0xEF) {
+      length = 3;
+      if (lead == 0xE0) low = 0xA0;   // overlong
+      if (lead == 0xED) high = 0x9F;  // surrogates
+    } else if (lead >= 0xF0 && lead <= 0xF4) {
+      length = 4;
+      if (lead == 0xF0) low = 0x90;   // overlong
+      if (lead == 0xF4) high = 0x8F;  // past U+10FFFF
+    } else {
+      return false;  // a continuation byte, C0, C1 or F5 ... FF
+    }
+    if (text.size() - i < static_cast<size_t>(length)) return false;
+    for (int k = 1; k < length; ++k) {
+      const unsigned char next = static_cast<unsigned char>(text[i + k]);
+      if (next < (k == 1 ? low : 0x80) || next > (k == 1 ? high : 0xBF)) return false;
+    }
+    i += static_cast<size_t>(length);
+  }
+  return true;
+}
+
+// The login members whose text goes to the backend, the session or the log.
+constexpr const char* kTextMembers[] = {"username", "password", "scope",
+                                        "language", "challengeId", "verifyCode"};
+
+// Refuses (kErrLoginBadText) a login whose text members hold a control
+// character or invalid UTF-8, before anything logs, counts or forwards them.
+// The log record names the member only: its text is what must not be written.
+void refuseUncleanText(const std::map<std::string, MsgValue>& args, CQPNDebugKitGuard& guard) {
+  for (const char* name : kTextMembers) {
+    auto it = args.find(name);
+    if (it == args.end() || isCleanText(it->second.value_)) continue;
+    guard.warn(0, "handleLogin", __LINE__,
+               "login refused: the member %s holds a control character or is not valid UTF-8",
+               name);
+    fail(proto::kErrLoginBadText, __LINE__);
+  }
+}
+
+// Pauses the login while its account is under attack from many addresses
+// (LoginThrottle::accountPause); never refuses it.
+void pauseWhileAccountUnderAttack(LoginThrottle& throttle, const std::string& userName,
+                                  CQPNDebugKitGuard& guard) {
+  const int pause = throttle.accountPause(userName);
+  if (pause == 0) return;
+  guard.warn(0, "handleLogin", __LINE__,
+             "login of user %s paused %d s: the account saw %d failed logins recently",
+             userName.c_str(), pause, throttle.accountFailures(userName));
+  throttle.pause(pause);
+}
+
 std::atomic<bool> g_exposeCode{false};
 
 // Reports a login or logout of the request in hand to the audit trail: the
@@ -187,6 +260,7 @@ int CLoginOp::handleLogin(CRequestMsg& request, CResponseMsg& response) try {
   CQPNDebugKitGuard guard(kModule, "CLoginOp::handleLogin");
   std::map<std::string, MsgValue> args;
   request.getAllArgs(args);
+  refuseUncleanText(args, guard);
   std::string userName;
   std::string password;
   std::string scope;
@@ -224,6 +298,7 @@ int CLoginOp::handleLogin(CRequestMsg& request, CResponseMsg& response) try {
     countLoginThrottled();
     fail(proto::kErrLoginThrottled, __LINE__);
   }
+  pauseWhileAccountUnderAttack(throttle, userName, guard);
 
   CDeviceID device = request.getSessionInfo().getDeviceID();
   UserContext user;
@@ -260,6 +335,9 @@ int CLoginOp::handleLogin(CRequestMsg& request, CResponseMsg& response) try {
                  userName.c_str(), clientAddress.c_str(),
                  static_cast<unsigned long long>(e.getErrCode()));
     }
+    // A scope refused after the password was checked would tell that the
+    // password was right: it answers like a wrong password.
+    if (e.getErrCode() == proto::kErrScopeDenied) fail(proto::kErrLoginFailed, __LINE__);
     throw;
   }
   throttle.recordSuccess(userName, clientAddress);

@@ -1,5 +1,8 @@
 #include "login_throttle.h"
 
+#include <chrono>
+#include <thread>
+
 #include "state_store.h"
 
 namespace {
@@ -21,6 +24,10 @@ std::string LoginThrottle::keyOf(const std::string& userName, const std::string&
   key.push_back('\0');
   key += address;
   return sha256Hex(key);
+}
+
+std::string LoginThrottle::accountKeyOf(const std::string& userName) {
+  return keyOf(userName, std::string(1, '\0'));
 }
 
 time_t LoginThrottle::now() {
@@ -53,7 +60,9 @@ int LoginThrottle::secondsToWait(const std::string& userName, const std::string&
 
 void LoginThrottle::recordFailure(const std::string& userName, const std::string& address) {
   try {
-    stateStore()->addFailure(keyOf(userName, address), now(), kForgetAfter, kCountCap);
+    const time_t at = now();
+    stateStore()->addFailure(keyOf(userName, address), at, kForgetAfter, kCountCap);
+    stateStore()->addFailure(accountKeyOf(userName), at, kAccountForgetAfter, kCountCap);
   } catch (const StateStoreError& e) {
     throwStateUnavailable("LoginThrottle", "recordFailure", e);
   }
@@ -75,6 +84,32 @@ int LoginThrottle::failures(const std::string& userName, const std::string& addr
   }
 }
 
+int LoginThrottle::accountFailures(const std::string& userName) {
+  try {
+    return stateStore()->failures(accountKeyOf(userName), now(), kAccountForgetAfter).failures;
+  } catch (const StateStoreError& e) {
+    throwStateUnavailable("LoginThrottle", "accountFailures", e);
+  }
+}
+
+int LoginThrottle::accountPause(const std::string& userName) {
+  return accountFailures(userName) >= kAccountFreeFailures ? kAccountPause : 0;
+}
+
+void LoginThrottle::pause(int seconds) {
+  if (seconds <= 0) return;
+  void (*sleep)(int) = nullptr;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    sleep = sleep_;
+  }
+  if (sleep != nullptr) {
+    sleep(seconds);
+  } else {
+    std::this_thread::sleep_for(std::chrono::seconds(seconds));
+  }
+}
+
 void LoginThrottle::clear() {
   try {
     stateStore()->clearAllFailures();
@@ -86,4 +121,9 @@ void LoginThrottle::clear() {
 void LoginThrottle::setClock(time_t (*clock)()) {
   std::lock_guard<std::mutex> lock(mutex_);
   clock_ = clock;
+}
+
+void LoginThrottle::setSleep(void (*sleep)(int seconds)) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  sleep_ = sleep;
 }

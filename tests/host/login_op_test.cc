@@ -201,12 +201,15 @@ TEST_F(CLoginOpTest, PasswordInTheQueryStringIsRefused) {
   EXPECT_EQ(loginsSent(), 0u);
 }
 
-TEST_F(CLoginOpTest, BackendRefusalPassesUpAndCountsAsAFailedAttempt) {
+// A scope the backend refuses answers like a wrong password: that it was
+// checked after the password must not show.
+TEST_F(CLoginOpTest, BackendRefusalCountsAsAFailedAttemptAndTellsNoScope) {
   for (long long refusal : {proto::kErrLoginFailed, proto::kErrScopeDenied}) {
     LoginThrottle::instance().clear();
     backend_.fail(proto::kLogin, refusal);
-    EXPECT_EQ(attempt("wrong"), refusal);
+    EXPECT_EQ(attempt("wrong"), proto::kErrLoginFailed) << refusal;
     EXPECT_EQ(LoginThrottle::instance().failures("admin", "192.0.2.10"), 1);
+    EXPECT_EQ(LoginThrottle::instance().accountFailures("admin"), 1);
   }
   EXPECT_EQ(SessionStore::instance().size(), 0u);
 }
@@ -557,6 +560,99 @@ TEST_F(CLoginOpTest, NoPermanentLockOut) {
   EXPECT_EQ(attempt(kPassword), proto::kErrLoginThrottled);
   g_testNow += 1;
   EXPECT_EQ(attempt(kPassword), 0) << "the window never grows past 60 s";
+}
+
+// Strangers guessing from many addresses slow the account down a little but
+// never keep its user out.
+TEST_F(CLoginOpTest, GuessesFromManyAddressesOnlyPauseTheAccount) {
+  acceptOnly(kPassword);
+  TraceCapture trace(TraceLevel::kWarn);
+  for (int i = 0; i < LoginThrottle::kAccountFreeFailures - 1; ++i) {
+    EXPECT_EQ(attempt("guess", "203.0.113." + std::to_string(i)), proto::kErrLoginFailed);
+  }
+  EXPECT_EQ(g_testPaused, 0) << "below the account's threshold nothing pauses";
+  EXPECT_EQ(attempt("guess", "203.0.113.99"), proto::kErrLoginFailed);
+  EXPECT_EQ(g_testPaused, 0) << "the pause comes before asking, from the next login on";
+  EXPECT_EQ(attempt(kPassword, "198.51.100.7"), 0) << "the right password from a fresh address";
+  EXPECT_EQ(g_testPaused, LoginThrottle::kAccountPause);
+  EXPECT_TRUE(trace.has(TraceLevel::kWarn,
+                        "login of user admin paused 2 s: the account saw 10 failed logins "
+                        "recently"))
+      << trace.dump();
+  g_testPaused = 0;
+  LoginRequest other("POST", "/sessions", "198.51.100.7");
+  other.credentials("auditor", kPassword, "4");
+  EXPECT_EQ(op_.op("POST", "", other.request, other.response), 0);
+  EXPECT_EQ(g_testPaused, 0) << "other accounts are not slowed";
+}
+
+// Text that could forge log lines or hide a suffix from the backend is
+// refused before the throttle, the backend and the log see it.
+TEST_F(CLoginOpTest, ControlCharactersAndInvalidUtf8AreRefusedBeforeAnything) {
+  using namespace std::string_literals;
+  const struct {
+    const char* member;
+    std::string text;
+    const char* why;
+  } bad[] = {
+      {"username", "apiuser\0admin"s, "NUL hides a suffix from the backend"},
+      {"username", "admin\n2026-01-01 [info] user root logged in", "LF forges a log line"},
+      {"username", "admin\r", "CR"},
+      {"username", "ad\tmin", "TAB, a C0 control"},
+      {"username", "\x1b[31madmin", "ESC, a terminal sequence"},
+      {"username", "admin\x7f", "DEL"},
+      {"username", "admin\xc2\x85", "NEL, a C1 control"},
+      {"username", "adm\xffin", "a byte that is never UTF-8"},
+      {"username", "adm\xc3\x28in", "a lead byte without its continuation"},
+      {"username", "admin\xe5\xbc", "cut off inside a character"},
+      {"username", "\xc0\xaf" "admin", "overlong '/'"},
+      {"username", "\xe0\x80\xaf" "admin", "overlong, three bytes"},
+      {"username", "\xed\xa0\x80" "admin", "a surrogate"},
+      {"username", "\xf4\x90\x80\x80" "admin", "past U+10FFFF"},
+      {"username", "\x80" "admin", "a lone continuation byte"},
+      {"password", kPassword + "\0x"s, "NUL in the password"},
+      {"password", "pass\nword", "LF in the password"},
+      {"password", "pass\xff", "invalid UTF-8 in the password"},
+      {"scope", "4\n", "LF in the scope"},
+      {"language", "en\r\nX-Forged: 1", "CR LF in the language"},
+  };
+  TraceCapture trace(TraceLevel::kTrace);
+  for (int i = 0; i < 5; ++i) LoginThrottle::instance().recordFailure("admin", "192.0.2.10");
+  const int failures = LoginThrottle::instance().failures("admin", "192.0.2.10");
+  for (const auto& c : bad) {
+    SCOPED_TRACE(c.why);
+    LoginRequest post("POST");
+    post.credentials("admin", kPassword, "4").member(c.member, c.text);
+    std::string file;
+    EXPECT_EQ(codeOf([&] { op_.op("POST", "", post.request, post.response); }, &file),
+              proto::kErrLoginBadText);
+    EXPECT_EQ(file, "host/login_op");
+    EXPECT_TRUE(post.answerHeader("Retry-After").empty()) << "refused before the throttle";
+    EXPECT_TRUE(trace.has(TraceLevel::kWarn, std::string("login refused: the member ") +
+                                                 c.member +
+                                                 " holds a control character or is not "
+                                                 "valid UTF-8"));
+  }
+  EXPECT_EQ(loginsSent(), 0u);
+  EXPECT_EQ(LoginThrottle::instance().failures("admin", "192.0.2.10"), failures)
+      << "refusals are not counted";
+  EXPECT_EQ(SessionStore::instance().size(), 0u);
+  for (const TraceRecord& r : trace.records()) {
+    EXPECT_EQ(r.text.find("[info] user root"), std::string::npos) << r.text;
+    EXPECT_EQ(r.text.find("X-Forged"), std::string::npos) << r.text;
+  }
+}
+
+TEST_F(CLoginOpTest, PrintableUnicodeIsTakenAsItIs) {
+  const std::string name = "Zhang San \xe5\xbc\xa0\xe4\xb8\x89";  // "Zhang San" in Han script
+  const std::string password = "\xf0\x9f\x94\x91 caf\xc3\xa9 \xc2\xa0~";  // key, e-acute, NBSP
+  acceptOnly(password);
+  LoginRequest post("POST");
+  post.credentials(name, password, "4");
+  ASSERT_EQ(op_.op("POST", "", post.request, post.response), 0);
+  EXPECT_EQ(post.body()["data"]["userName"].asString(), name);
+  ASSERT_EQ(loginsSent(), 1u);
+  EXPECT_EQ(backend_.sent(proto::kLogin)[0].cell(proto::kTagPassword)->asText(), password);
 }
 
 // ---------------------------------------------------------------------------

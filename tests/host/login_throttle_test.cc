@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+
 #include "login_test_rig.h"
 
 namespace {
@@ -70,6 +72,50 @@ TEST_F(LoginThrottleTest, FailuresAreForgottenAfterAQuietSpell) {
   t.recordFailure("admin", "a");
   EXPECT_EQ(t.failures("admin", "a"), 1) << "counting starts over";
   EXPECT_EQ(t.secondsToWait("admin", "a"), 0);
+}
+
+// The account guard: failures of a user name from every address add up,
+// and from kAccountFreeFailures on each login pauses, but nothing refuses.
+TEST_F(LoginThrottleTest, AccountFailuresFromManyAddressesOnlyPause) {
+  for (int i = 0; i < LoginThrottle::kAccountFreeFailures - 1; ++i) {
+    t.recordFailure("admin", "10.0.0." + std::to_string(i));
+  }
+  EXPECT_EQ(t.accountFailures("admin"), LoginThrottle::kAccountFreeFailures - 1);
+  EXPECT_EQ(t.accountPause("admin"), 0);
+  t.recordFailure("admin", "10.0.1.1");
+  EXPECT_EQ(t.accountPause("admin"), LoginThrottle::kAccountPause);
+  EXPECT_LE(LoginThrottle::kAccountPause, 3) << "a few seconds at most";
+  EXPECT_EQ(t.secondsToWait("admin", "10.0.2.2"), 0) << "a fresh address is never refused";
+  EXPECT_EQ(t.accountPause("auditor"), 0) << "another account";
+}
+
+TEST_F(LoginThrottleTest, AccountCountOutlivesASuccessButNotAQuietSpell) {
+  for (int i = 0; i < LoginThrottle::kAccountFreeFailures; ++i) {
+    t.recordFailure("admin", "10.0.0." + std::to_string(i));
+  }
+  t.recordSuccess("admin", "10.0.0.1");
+  EXPECT_EQ(t.accountPause("admin"), LoginThrottle::kAccountPause)
+      << "one success does not wipe out what many addresses did";
+  g_testNow += LoginThrottle::kAccountForgetAfter;
+  EXPECT_EQ(t.accountFailures("admin"), 0);
+  EXPECT_EQ(t.accountPause("admin"), 0);
+}
+
+TEST_F(LoginThrottleTest, AccountAndPairCountsAreKeptApart) {
+  t.recordFailure("admin", "a");
+  EXPECT_EQ(t.failures("admin", "a"), 1);
+  EXPECT_EQ(t.accountFailures("admin"), 1);
+  EXPECT_EQ(t.failures("admin", ""), 0) << "the account is no pair with an empty address";
+  t.recordFailure("admin", "");
+  EXPECT_EQ(t.failures("admin", ""), 1);
+  EXPECT_EQ(t.accountFailures("admin"), 2);
+}
+
+TEST_F(LoginThrottleTest, PauseSleepsWithTheInstalledFunction) {
+  t.pause(0);
+  EXPECT_EQ(g_testPaused, 0);
+  t.pause(2);
+  EXPECT_EQ(g_testPaused, 2);
 }
 
 }  // namespace

@@ -24,6 +24,9 @@
 // The clock every host table reads during a test.
 inline time_t g_testNow = 1700000000;
 inline time_t testClock() { return g_testNow; }
+// The throttle's pauses during a test: counted, not slept.
+inline int g_testPaused = 0;
+inline void testSleep(int seconds) { g_testPaused += seconds; }
 
 // One request on its own connection. Not copyable: the request points at
 // the connection.
@@ -109,6 +112,8 @@ class LoginTestBase : public ::testing::Test {
     SessionStore::instance().setClock(&testClock);
     LoginThrottle::instance().clear();
     LoginThrottle::instance().setClock(&testClock);
+    g_testPaused = 0;
+    LoginThrottle::instance().setSleep(&testSleep);
     VerifyCodeStore::instance().clear();
     VerifyCodeStore::instance().setClock(&testClock);
     VerifyCodeStore::instance().setLifetime(0);
@@ -121,6 +126,7 @@ class LoginTestBase : public ::testing::Test {
     SessionStore::instance().setClock(nullptr);
     LoginThrottle::instance().clear();
     LoginThrottle::instance().setClock(nullptr);
+    LoginThrottle::instance().setSleep(nullptr);
     VerifyCodeStore::instance().clear();
     VerifyCodeStore::instance().setClock(nullptr);
     VerifyCodeStore::instance().setLifetime(0);
