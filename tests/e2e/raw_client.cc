@@ -28,11 +28,28 @@ RawClient::RawClient(int port, int receiveBuffer) {
   if (receiveBuffer > 0) {
     setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof(receiveBuffer));
   }
+  connected_ = connectTo(port);
+}
+
+RawClient::RawClient(int port, const std::string& sourceAddress) {
+  fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd_ < 0) return;
+  sockaddr_in source{};
+  source.sin_family = AF_INET;
+  source.sin_port = 0;
+  if (inet_pton(AF_INET, sourceAddress.c_str(), &source.sin_addr) != 1 ||
+      bind(fd_, reinterpret_cast<sockaddr*>(&source), sizeof(source)) != 0) {
+    return;
+  }
+  connected_ = connectTo(port);
+}
+
+bool RawClient::connectTo(int port) {
   sockaddr_in addr{};
   addr.sin_family = AF_INET;
   addr.sin_port = htons(static_cast<uint16_t>(port));
   addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  connected_ = connect(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
+  return connect(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
 }
 
 RawClient::~RawClient() { close(); }

@@ -8,6 +8,8 @@
 //   raw.send("GET /healthz HTTP/1.1\r\nHost: x\r\n\r\n");
 //   std::string answer = raw.readAnswer();      // "HTTP/1.1 200 OK\r\n..."
 //
+//   RawClient other(gateway.port(), "127.0.0.5");  // from another loopback address
+//
 // Thread-safety: one thread per client.
 #ifndef NOX_TESTS_E2E_RAW_CLIENT_H_
 #define NOX_TESTS_E2E_RAW_CLIENT_H_
@@ -19,6 +21,9 @@ class RawClient {
   // Connects at once. `receiveBuffer` > 0 sets the socket's receive buffer
   // first (small: a client whose window fills quickly when it stops reading).
   explicit RawClient(int port, int receiveBuffer = 0);
+  // Connects at once from `sourceAddress` (an IPv4 address of this host, such
+  // as any of 127.0.0.0/8), so that the gateway sees that client address.
+  RawClient(int port, const std::string& sourceAddress);
   ~RawClient();
   RawClient(const RawClient&) = delete;
   RawClient& operator=(const RawClient&) = delete;
@@ -37,6 +42,9 @@ class RawClient {
   void close();
 
  private:
+  // Connects fd_ to 127.0.0.1:port; true on success.
+  bool connectTo(int port);
+
   int fd_ = -1;
   bool connected_ = false;
   std::string request_;

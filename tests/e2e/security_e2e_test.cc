@@ -582,7 +582,11 @@ TEST_F(SecurityE2E, RepeatedFailedLoginsAreSlowedDown) {
     if (res->status == 429) {
       throttled = true;
       expectEnvelope(res, 429, kErrLoginThrottled);
-      EXPECT_FALSE(res->get_header_value("Retry-After").empty());
+      // Whole seconds, never 0 (login_security_e2e_test.cc checks the value).
+      const std::string wait = res->get_header_value("Retry-After");
+      ASSERT_FALSE(wait.empty());
+      EXPECT_GE(std::stoi(wait), 1) << wait;
+      EXPECT_EQ(std::to_string(std::stoi(wait)), wait);
     } else {
       EXPECT_EQ(res->status, 401) << res->body;
     }

@@ -11,7 +11,6 @@ namespace {
 constexpr long long kErrInvalidArgument = 0x03000003;
 constexpr long long kErrLoginFailed = 0x03000010;
 constexpr long long kErrNotLoggedIn = 0x03000011;
-constexpr long long kErrScopeDenied = 0x03000012;
 constexpr long long kErrVerifyCode = 0x03000014;
 
 using SessionsE2E = LiveGatewayTest;
@@ -115,16 +114,18 @@ TEST_F(SessionsE2E, LoginWithVerificationCode) {
   expectEnvelope(res2, 400, kErrInvalidArgument);
 }
 
-TEST_F(SessionsE2E, ScopeTheUserDoesNotHaveIs403) {
-  // The password is right, but "admin" may not log in as an API user.
+TEST_F(SessionsE2E, ScopeTheUserDoesNotHaveAnswersLikeAWrongPassword) {
+  // The password is right, but "admin" may not log in as an API user. The
+  // answer is that of a wrong password, so it tells nothing about the
+  // password (tests/e2e/login_security_e2e_test.cc, NoPasswordOracle).
   Json::Value body;
   body["username"] = "admin";
   body["password"] = gateway_.password();
   body["scope"] = "4";
   auto res = client_->Post("/sessions", Json::FastWriter().write(body), "application/json");
-  expectEnvelope(res, 403, kErrScopeDenied);
+  expectEnvelope(res, 401, kErrLoginFailed);
   EXPECT_EQ(parseJson(res->body)["error"]["description"].asString(),
-            "The user may not log in with this scope.");
+            "The user name or password is wrong.");
 }
 
 TEST_F(SessionsE2E, ReadingTheSessionAndLoggingOutOfLogin) {
