@@ -41,10 +41,19 @@ function urlFor(path, query) {
   return url;
 }
 
+// Seconds to wait from a Retry-After header: whole seconds as the gateway
+// sends them ("7" -> 7), or an HTTP date; 0 when there is none.
+export function retryAfterSeconds(header) {
+  if (!header) return 0;
+  if (/^\d+$/.test(header.trim())) return Number(header.trim());
+  const at = Date.parse(header);
+  return Number.isNaN(at) ? 0 : Math.max(0, Math.ceil((at - Date.now()) / 1000));
+}
+
 function failure(status, json, statusText, retryAfter) {
   const error = json?.error;
   return new ApiError(status, error?.code ?? 0,
-    error?.description ?? (statusText || `HTTP ${status}`), Number(retryAfter) || 0);
+    error?.description ?? (statusText || `HTTP ${status}`), retryAfterSeconds(retryAfter));
 }
 
 function checkSession(error, isPublic) {

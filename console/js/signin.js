@@ -77,9 +77,11 @@ function tick() {
   lastError = 'signin.waitOver';
 }
 
-// The throttle's wait as a count-down, second by second.
+// The throttle's wait as a count-down, second by second, from the answer's
+// Retry-After: the gateway sends the wait that is really left, so "You can
+// try again now." is only said once a new attempt is let through.
 function startCountdown(seconds) {
-  waitUntil = Date.now() + Math.max(1, seconds) * 1000;
+  waitUntil = Date.now() + seconds * 1000;
   window.clearInterval(waitTimer);
   waitTimer = window.setInterval(tick, 250);
   tick();
@@ -111,11 +113,13 @@ async function submit(event) {
     return;
   } catch (e) {
     button.disabled = false;
-    if (e instanceof ApiError && e.code === ERR_LOGIN_THROTTLED) {
+    if (e instanceof ApiError && e.code === ERR_LOGIN_THROTTLED && e.retryAfter > 0) {
       startCountdown(e.retryAfter);
     } else if (e instanceof ApiError && e.code === ERR_VERIFY_CODE_EXPIRED) {
       showError('signin.codeExpired');
     } else {
+      // Without a Retry-After the wait is unknown: the refusal is shown as
+      // it is, never as a wait that is over.
       showError(e instanceof ApiError ? e : new ApiError(0, 0, ''));
     }
     // A challenge takes one answer, right or wrong.

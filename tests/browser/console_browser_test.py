@@ -597,6 +597,13 @@ class ConsoleBrowserTest(ConsoleTestBase):
         self.shot("signin-wait")
         self.wait_text("signin-error", "You can try again now.")
         self.assertTrue(self.el("signin-submit").is_enabled())
+        # The count-down follows the answer's Retry-After, the wait that is
+        # really left: the attempt it lets through reaches the backend.
+        tries = len(self.gateway.access_lines("POST /sessions "))
+        self.el("signin-submit").click()
+        self.wait.until(lambda d: len(self.gateway.access_lines("POST /sessions ")) > tries)
+        self.assertIn("POST /sessions 401 ", self.gateway.access_lines("POST /sessions ")[-1])
+        self.wait_text("signin-error", "0x03000010")
 
 
     def test_12_tasks_refresh_by_themselves(self):
