@@ -278,6 +278,7 @@ bool serverConfig(const GatewayOptions& options, const GatewayPaths& paths, Serv
   config->drainTimeout = options.drainTimeout;
   config->hstsMaxAge = options.hstsMaxAge;
   config->loginThreads = options.loginThreads;
+  parseAddressRanges(options.trustedProxies, &config->trustedProxies, error);  // checked by the parser
   config->inlineChecks = options.backend.empty() && options.state.empty();
   config->tlsCert = paths.tlsCert;
   config->tlsKey = paths.tlsKey;

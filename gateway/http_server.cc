@@ -20,6 +20,7 @@
 
 #include "error_table.h"
 #include "event_loop.h"
+#include "forwarded_for.h"
 #include "http_answer.h"
 #include "qpn_debug_kit.h"
 #include "request_body.h"
@@ -401,10 +402,11 @@ class Connection final : public Impl::Connection {
     HttpInput in;
     in.method = method_;
     in.target = target_;
-    in.clientAddress = client_;
     for (const auto& field : req) {
       in.headers.emplace_back(std::string(field.name_string()), std::string(field.value()));
     }
+    requestClient_ = clientOf(req);
+    in.clientAddress = requestClient_;
     in.body = std::move(req.body());
     keepAlive_ = req.keep_alive();
     version_ = req.version();
@@ -461,6 +463,19 @@ class Connection final : public Impl::Connection {
     }
   }
 
+  // The request's client: the connection's address, or, from a trusted
+  // proxy, the client its X-Forwarded-For headers name (forwarded_for.h).
+  std::string clientOf(const http::request<http::string_body>& req) const {
+    if (server_.config.trustedProxies.empty()) return client_;
+    std::string forwardedFor;
+    for (const auto& field : req) {
+      if (!beast::iequals(field.name_string(), kForwardedForHeader)) continue;
+      if (!forwardedFor.empty()) forwardedFor += ',';
+      forwardedFor += std::string(field.value());
+    }
+    return clientAddressOf(client_, forwardedFor, server_.config.trustedProxies);
+  }
+
   // Refuses the request in hand and closes the connection after the answer.
   void refuse(int status, long long code, const std::string& description) {
     // What the parser took of the request line, for the access log.
@@ -499,7 +514,7 @@ class Connection final : public Impl::Connection {
       res_->prepare_payload();
     }
     record_ = AccessRecord();
-    record_.client = client_;
+    record_.client = requestClient_.empty() ? client_ : requestClient_;
     record_.method = method_.empty() ? "-" : method_;
     record_.path = target_.empty() ? "-" : target_.substr(0, target_.find('?'));
     record_.status = out.status;
@@ -542,6 +557,7 @@ class Connection final : public Impl::Connection {
     parser_.reset();
     method_.clear();
     target_.clear();
+    requestClient_.clear();
     context_.requestId.clear();
     context_.acceptEncoding.clear();
     if (ec) return closeNow();
@@ -595,6 +611,7 @@ class Connection final : public Impl::Connection {
   std::optional<http::response_serializer<http::string_body>> serializer_;
   std::string method_;
   std::string target_;
+  std::string requestClient_;  // the client dispatch() found; "": client_
   unsigned version_ = 11;
   bool keepAlive_ = false;
   bool head_ = false;

@@ -24,9 +24,11 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "access_log.h"
 #include "http_mapping.h"
+#include "metrics.h"
 
 namespace gw {
 
@@ -57,6 +59,9 @@ struct ServerConfig {
   std::string tlsCert;  // both set: HTTPS
   std::string tlsKey;
   long long hstsMaxAge = 31536000;  // Strict-Transport-Security max-age over HTTPS; 0: none
+  // Proxies whose X-Forwarded-For names the client (forwarded_for.h); none:
+  // the client is the connection's address.
+  std::vector<AddressRange> trustedProxies;
 };
 
 // Room for the multipart framing around an upload of maxBody bytes: part

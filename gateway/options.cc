@@ -147,6 +147,14 @@ bool parseOptions(const std::vector<std::string>& args, GatewayOptions* options,
         return false;
       }
       options->metricsAllow = value;
+    } else if (name == "--trusted-proxies") {
+      std::vector<AddressRange> ranges;
+      std::string why;
+      if (!parseAddressRanges(value, &ranges, &why)) {
+        *error = "--trusted-proxies wants addresses or ranges like 10.0.0.0/8,::1: " + why;
+        return false;
+      }
+      options->trustedProxies = value;
     } else if (name == "--state-timeout-ms") {
       if (!parseNumber(value, 10, 60000, &number)) {
         *error = "--state-timeout-ms wants milliseconds from 10 to 60000, not '" + value + "'";
@@ -234,6 +242,10 @@ std::string usageText() {
          "  --state-timeout-ms MS   time-out of each Redis command (default 500)\n"
          "  --metrics-allow LIST    client addresses that may read GET /metrics, as addresses\n"
          "                          and ranges (default 127.0.0.0/8,::1; others get 404)\n"
+         "  --trusted-proxies LIST  proxies, as addresses and ranges, whose X-Forwarded-For\n"
+         "                          names the client (its right-most untrusted entry); the\n"
+         "                          login throttle, logs and --metrics-allow then see that\n"
+         "                          client (default none: the connection's address)\n"
          "  --backend-timeout SECONDS  time-out of backend requests\n"
          "  --access FILE           the access table: who may call what (default\n"
          "                          ../conf/access.json from bin/, else the built-in table)\n"

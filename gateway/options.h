@@ -28,6 +28,7 @@ struct GatewayOptions {
   std::string auditLog;      // audit trail file; "": none
   std::string state;         // "": sessions in this process; "redis://...": shared
   std::string metricsAllow = "127.0.0.0/8,::1";  // client addresses that may read /metrics
+  std::string trustedProxies;  // proxies whose X-Forwarded-For names the client; "": none
   std::string tlsCert;
   std::string tlsKey;
   std::string access;        // the access table's file; "": ../conf/access.json or built in

@@ -89,6 +89,8 @@ $servers    keepalive 64;
       proxy_http_version 1.1;
       proxy_set_header Connection "";
       proxy_set_header Host \$host;
+      # The client as nginx sees it, replacing whatever the client sent:
+      # gateways started with --trusted-proxies believe this one entry.
       proxy_set_header X-Forwarded-For \$remote_addr;
       proxy_next_upstream error timeout;
     }

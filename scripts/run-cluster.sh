@@ -38,7 +38,10 @@ cluster_redis "$REDIS" || { echo "run-cluster: redis-server did not start (port 
 cluster_log "nox-backend on 127.0.0.1:$BACKEND"
 cluster_backend "$BACKEND" "${NOX_INIT_PASSWORD:-}" ||
   { echo "run-cluster: nox-backend did not start (port $BACKEND taken?)"; exit 1; }
-SHARED=(--state "redis://127.0.0.1:$REDIS" --backend "tcp://127.0.0.1:$BACKEND")
+# nginx (127.0.0.1) names each client in X-Forwarded-For; the gateways
+# believe it, so that the login throttle counts per client, not per balancer.
+SHARED=(--state "redis://127.0.0.1:$REDIS" --backend "tcp://127.0.0.1:$BACKEND"
+        --trusted-proxies 127.0.0.1/32)
 for g in "a $A" "b $B"; do
   set -- $g
   cluster_log "nox-gateway $1 on 127.0.0.1:$2"

@@ -52,16 +52,17 @@ std::string headerOf(const std::string& text, const std::string& name) {
   return text.substr(begin, text.find("\r\n", begin) - begin);
 }
 
-// POSTs the JSON `body` to `target` from the client address `from`.
-Answer post(int port, const std::string& from, const std::string& target,
-            const std::string& body) {
+// POSTs the JSON `body` to `target` from the client address `from`, with
+// the `extra` header lines ("Name: value\r\n" each).
+Answer post(int port, const std::string& from, const std::string& target, const std::string& body,
+            const std::string& extra = "") {
   Answer answer;
   RawClient raw(port, from);
   EXPECT_TRUE(raw.connected()) << "cannot connect from " << from;
   const auto start = std::chrono::steady_clock::now();
   raw.send("POST " + target + " HTTP/1.1\r\nHost: x\r\nContent-Type: application/json\r\n" +
-           "Content-Length: " + std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n" +
-           body);
+           "Content-Length: " + std::to_string(body.size()) + "\r\nConnection: close\r\n" +
+           extra + "\r\n" + body);
   const std::string text = raw.readAnswer();
   answer.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   if (text.compare(0, 9, "HTTP/1.1 ") == 0) answer.status = std::atoi(text.c_str() + 9);
@@ -277,6 +278,42 @@ TEST(LoginSecurityRemoteE2E, FailuresElsewhereNeverLockTheUserOut) {
   EXPECT_EQ(right.status, 200) << right.body;
   EXPECT_EQ(gateway.stop(), 0) << gateway.output();
   EXPECT_EQ(backend.stop(), 0) << backend.output();
+}
+
+// Behind a proxy named by --trusted-proxies, the throttle keys on the client
+// its X-Forwarded-For names; anyone else's X-Forwarded-For is ignored.
+TEST(LoginSecurityProxyE2E, TrustedProxiesNameTheClient) {
+  GatewayProcess gateway;
+  ASSERT_TRUE(gateway.start({"--trusted-proxies", "127.0.0.10/32"})) << gateway.output();
+  const std::string wrong = loginBody("apiuser", "wrong-guess", "4");
+  const std::string proxy = "127.0.0.10";
+  auto via = [](const std::string& client) { return "X-Forwarded-For: " + client + "\r\n"; };
+  for (int i = 0; i < 3; ++i) {
+    expectRefusal(post(gateway.port(), proxy, "/sessions", wrong, via("198.51.100.7")), 401,
+                  proto::kErrLoginFailed, "client A");
+  }
+  const Answer slowed = post(gateway.port(), proxy, "/sessions", wrong, via("198.51.100.7"));
+  expectRefusal(slowed, 429, proto::kErrLoginThrottled, "client A, fourth");
+  EXPECT_FALSE(slowed.retryAfter.empty());
+  // Another client behind the same proxy is not slowed.
+  const Answer other = post(gateway.port(), proxy, "/sessions",
+                            loginBody("apiuser", gateway.password(), "4"), via("198.51.100.8"));
+  EXPECT_EQ(other.status, 200) << other.body;
+  // A client that is no trusted proxy cannot escape with made-up addresses.
+  const std::string stranger = "127.0.0.11";
+  for (int i = 0; i < 3; ++i) {
+    expectRefusal(post(gateway.port(), stranger, "/sessions", wrong,
+                       via("203.0.113." + std::to_string(i))),
+                  401, proto::kErrLoginFailed, "stranger");
+  }
+  expectRefusal(post(gateway.port(), stranger, "/sessions", wrong, via("203.0.113.99")), 429,
+                proto::kErrLoginThrottled, "stranger, fourth");
+  EXPECT_EQ(gateway.stop(), 0) << gateway.output();
+  const std::string log = gateway.accessLog();
+  EXPECT_NE(log.find(" 198.51.100.7 POST /sessions 429 "), std::string::npos) << log;
+  EXPECT_NE(log.find(" 198.51.100.8 POST /sessions 200 "), std::string::npos) << log;
+  EXPECT_NE(log.find(" 127.0.0.11 POST /sessions 429 "), std::string::npos) << log;
+  EXPECT_EQ(log.find("203.0.113."), std::string::npos) << log;
 }
 
 }  // namespace

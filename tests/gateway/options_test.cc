@@ -133,6 +133,22 @@ TEST(GatewayOptionsTest, HstsMaxAge) {
 
 // The server's threads, time-outs and limits: their defaults, both
 // spellings, and one refusal text each with its range.
+// --trusted-proxies names the proxies whose X-Forwarded-For is believed;
+// none by default.
+TEST(GatewayOptionsTest, TrustedProxies) {
+  gw::GatewayOptions options;
+  std::string error;
+  ASSERT_TRUE(gw::parseOptions({}, &options, &error)) << error;
+  EXPECT_EQ(options.trustedProxies, "");
+  ASSERT_TRUE(gw::parseOptions({"--trusted-proxies", "10.0.0.0/8,::1"}, &options, &error))
+      << error;
+  EXPECT_EQ(options.trustedProxies, "10.0.0.0/8,::1");
+  EXPECT_FALSE(gw::parseOptions({"--trusted-proxies", "nginx"}, &options, &error));
+  EXPECT_EQ(error,
+            "--trusted-proxies wants addresses or ranges like 10.0.0.0/8,::1: 'nginx' is no IPv4 "
+            "or IPv6 address");
+}
+
 TEST(GatewayOptionsTest, TransportSettings) {
   gw::GatewayOptions options;
   std::string error;
