@@ -145,7 +145,7 @@ bool isCleanText(const std::string& text) {
 }
 
 // The login members whose text goes to the backend, the session or the log.
-constexpr const char* kTextMembers[] = {"username", "password", "scope",
+constexpr const char* kTextMembers[] = {"username", "password",    "scope",
                                         "language", "challengeId", "verifyCode"};
 
 // Refuses (kErrLoginBadText) a login whose text members hold a control

@@ -38,11 +38,11 @@
 class HOST_API LoginThrottle {
  public:
   static constexpr int kFreeFailures = 3;
-  static constexpr int kMaxDelay = 60;       // seconds
-  static constexpr int kForgetAfter = 900;   // seconds without a failure
-  static constexpr int kAccountFreeFailures = 10;   // per user name, from all addresses
-  static constexpr int kAccountPause = 2;           // seconds
-  static constexpr int kAccountForgetAfter = 300;   // seconds without a failure
+  static constexpr int kMaxDelay = 60;             // seconds
+  static constexpr int kForgetAfter = 900;         // seconds without a failure
+  static constexpr int kAccountFreeFailures = 10;  // per user name, from all addresses
+  static constexpr int kAccountPause = 2;          // seconds
+  static constexpr int kAccountForgetAfter = 300;  // seconds without a failure
 
   static LoginThrottle& instance();
 

@@ -61,8 +61,8 @@ Answer post(int port, const std::string& from, const std::string& target, const 
   EXPECT_TRUE(raw.connected()) << "cannot connect from " << from;
   const auto start = std::chrono::steady_clock::now();
   raw.send("POST " + target + " HTTP/1.1\r\nHost: x\r\nContent-Type: application/json\r\n" +
-           "Content-Length: " + std::to_string(body.size()) + "\r\nConnection: close\r\n" +
-           extra + "\r\n" + body);
+           "Content-Length: " + std::to_string(body.size()) + "\r\nConnection: close\r\n" + extra +
+           "\r\n" + body);
   const std::string text = raw.readAnswer();
   answer.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   if (text.compare(0, 9, "HTTP/1.1 ") == 0) answer.status = std::atoi(text.c_str() + 9);
@@ -92,8 +92,8 @@ class LoginSecurityE2E : public LiveGatewayTest {
     return post(gateway_.port(), from, "/sessions", loginBody(user, password, scope));
   }
   // A console login on "/login" with a fresh challenge, from `from`.
-  Answer consoleLogin(const std::string& from, const std::string& user,
-                      const std::string& password, const std::string& scope) {
+  Answer consoleLogin(const std::string& from, const std::string& user, const std::string& password,
+                      const std::string& scope) {
     auto challenge = client_->Get("/login");
     EXPECT_TRUE(challenge && challenge->status == 200);
     const Json::Value data = parseJson(challenge ? challenge->body : "{}")["data"];
@@ -116,8 +116,8 @@ class LoginSecurityE2E : public LiveGatewayTest {
 // The defect this file was written for: five strangers, each at an address
 // of its own, could lock admin out everywhere with wrong passwords.
 TEST_F(LoginSecurityE2E, FailuresElsewhereNeverLockTheUserOut) {
-  const std::vector<std::string> strangers = {"127.0.0.2", "127.0.0.3", "127.0.0.4",
-                                              "127.0.0.5", "127.0.0.6"};
+  const std::vector<std::string> strangers = {"127.0.0.2", "127.0.0.3", "127.0.0.4", "127.0.0.5",
+                                              "127.0.0.6"};
   for (const std::string& from : strangers) {
     for (int i = 0; i < 3; ++i) {
       expectRefusal(login(from, "admin", "wrong-guess"), 401, proto::kErrLoginFailed, from);
@@ -269,8 +269,8 @@ TEST(LoginSecurityRemoteE2E, FailuresElsewhereNeverLockTheUserOut) {
   ASSERT_TRUE(gateway.start({"--backend", backend.url()})) << gateway.output();
   for (int i = 0; i < 6; ++i) {
     const std::string from = "127.0.2." + std::to_string(2 + i);
-    const Answer wrong = post(gateway.port(), from, "/sessions",
-                              loginBody("apiuser", "wrong-guess", "4"));
+    const Answer wrong =
+        post(gateway.port(), from, "/sessions", loginBody("apiuser", "wrong-guess", "4"));
     expectRefusal(wrong, 401, proto::kErrLoginFailed, from);
   }
   const Answer right = post(gateway.port(), "127.0.2.20", "/sessions",
@@ -302,9 +302,9 @@ TEST(LoginSecurityProxyE2E, TrustedProxiesNameTheClient) {
   // A client that is no trusted proxy cannot escape with made-up addresses.
   const std::string stranger = "127.0.0.11";
   for (int i = 0; i < 3; ++i) {
-    expectRefusal(post(gateway.port(), stranger, "/sessions", wrong,
-                       via("203.0.113." + std::to_string(i))),
-                  401, proto::kErrLoginFailed, "stranger");
+    expectRefusal(
+        post(gateway.port(), stranger, "/sessions", wrong, via("203.0.113." + std::to_string(i))),
+        401, proto::kErrLoginFailed, "stranger");
   }
   expectRefusal(post(gateway.port(), stranger, "/sessions", wrong, via("203.0.113.99")), 429,
                 proto::kErrLoginThrottled, "stranger, fourth");

@@ -605,11 +605,11 @@ TEST_F(CLoginOpTest, ControlCharactersAndInvalidUtf8AreRefusedBeforeAnything) {
       {"username", "adm\xffin", "a byte that is never UTF-8"},
       {"username", "adm\xc3\x28in", "a lead byte without its continuation"},
       {"username", "admin\xe5\xbc", "cut off inside a character"},
-      {"username", "\xc0\xaf" "admin", "overlong '/'"},
-      {"username", "\xe0\x80\xaf" "admin", "overlong, three bytes"},
-      {"username", "\xed\xa0\x80" "admin", "a surrogate"},
-      {"username", "\xf4\x90\x80\x80" "admin", "past U+10FFFF"},
-      {"username", "\x80" "admin", "a lone continuation byte"},
+      {"username", "admin\xc0\xaf", "overlong '/'"},
+      {"username", "admin\xe0\x80\xaf", "overlong, three bytes"},
+      {"username", "admin\xed\xa0\x80", "a surrogate"},
+      {"username", "admin\xf4\x90\x80\x80", "past U+10FFFF"},
+      {"username", "admin\x80", "a lone continuation byte"},
       {"password", kPassword + "\0x"s, "NUL in the password"},
       {"password", "pass\nword", "LF in the password"},
       {"password", "pass\xff", "invalid UTF-8 in the password"},
@@ -628,8 +628,7 @@ TEST_F(CLoginOpTest, ControlCharactersAndInvalidUtf8AreRefusedBeforeAnything) {
               proto::kErrLoginBadText);
     EXPECT_EQ(file, "host/login_op");
     EXPECT_TRUE(post.answerHeader("Retry-After").empty()) << "refused before the throttle";
-    EXPECT_TRUE(trace.has(TraceLevel::kWarn, std::string("login refused: the member ") +
-                                                 c.member +
+    EXPECT_TRUE(trace.has(TraceLevel::kWarn, std::string("login refused: the member ") + c.member +
                                                  " holds a control character or is not "
                                                  "valid UTF-8"));
   }
