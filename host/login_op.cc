@@ -168,10 +168,16 @@ void pauseWhileAccountUnderAttack(LoginThrottle& throttle, const std::string& us
                                   CQPNDebugKitGuard& guard) {
   const int pause = throttle.accountPause(userName);
   if (pause == 0) return;
+  const int failures = throttle.accountFailures(userName);
+  if (!throttle.pause(pause)) {
+    guard.warn(0, "handleLogin", __LINE__,
+               "login of user %s not paused: %d logins are pausing already", userName.c_str(),
+               LoginThrottle::kMaxPausing);
+    return;
+  }
   guard.warn(0, "handleLogin", __LINE__,
              "login of user %s paused %d s: the account saw %d failed logins recently",
-             userName.c_str(), pause, throttle.accountFailures(userName));
-  throttle.pause(pause);
+             userName.c_str(), pause, failures);
 }
 
 std::atomic<bool> g_exposeCode{false};

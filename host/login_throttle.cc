@@ -96,8 +96,14 @@ int LoginThrottle::accountPause(const std::string& userName) {
   return accountFailures(userName) >= kAccountFreeFailures ? kAccountPause : 0;
 }
 
-void LoginThrottle::pause(int seconds) {
-  if (seconds <= 0) return;
+bool LoginThrottle::pause(int seconds) {
+  if (seconds <= 0) return false;
+  // Counts this login among the pausing ones for as long as it sleeps.
+  struct Slot {
+    std::atomic<int>& pausing;
+    ~Slot() { pausing.fetch_sub(1); }
+  } slot{pausing_};
+  if (pausing_.fetch_add(1) >= kMaxPausing) return false;
   void (*sleep)(int) = nullptr;
   {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -108,6 +114,7 @@ void LoginThrottle::pause(int seconds) {
   } else {
     std::this_thread::sleep_for(std::chrono::seconds(seconds));
   }
+  return true;
 }
 
 void LoginThrottle::clear() {

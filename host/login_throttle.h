@@ -13,7 +13,10 @@
 // kAccountFreeFailures failures with no quiet spell of kAccountForgetAfter
 // seconds, every login for it pauses kAccountPause seconds before the backend
 // is asked. The account guard only slows: it never refuses, so the right
-// password from a fresh address still logs in.
+// password from a fresh address still logs in. A pause holds the thread that
+// runs the login, so at most kMaxPausing logins pause at once; beyond that
+// they go on without the pause, and a flood of attempts can never hold more
+// than kMaxPausing of the gateway's login threads.
 //
 //   LoginThrottle& t = LoginThrottle::instance();
 //   if (int wait = t.secondsToWait("admin", "10.0.0.7")) refuse(wait);
@@ -29,6 +32,7 @@
 #ifndef NOX_HOST_LOGIN_THROTTLE_H_
 #define NOX_HOST_LOGIN_THROTTLE_H_
 
+#include <atomic>
 #include <ctime>
 #include <mutex>
 #include <string>
@@ -43,6 +47,7 @@ class HOST_API LoginThrottle {
   static constexpr int kAccountFreeFailures = 10;  // per user name, from all addresses
   static constexpr int kAccountPause = 2;          // seconds
   static constexpr int kAccountForgetAfter = 300;  // seconds without a failure
+  static constexpr int kMaxPausing = 4;            // logins pausing at once, all accounts
 
   static LoginThrottle& instance();
 
@@ -64,8 +69,9 @@ class HOST_API LoginThrottle {
   int accountPause(const std::string& userName);
   // Failures of the account from every address (0 when none or forgotten).
   int accountFailures(const std::string& userName);
-  // Sleeps `seconds` (nothing for 0) with the installed sleep function.
-  void pause(int seconds);
+  // Sleeps `seconds` with the installed sleep function and returns true;
+  // returns false at once for 0, or when kMaxPausing logins pause already.
+  bool pause(int seconds);
 
   // The window after `failures` consecutive failures: 0 up to kFreeFailures,
   // then 1, 2, 4 ... capped at kMaxDelay.
@@ -90,6 +96,7 @@ class HOST_API LoginThrottle {
   std::mutex mutex_;  // guards clock_ and sleep_
   time_t (*clock_)() = nullptr;
   void (*sleep_)(int seconds) = nullptr;
+  std::atomic<int> pausing_{0};  // logins in pause() now
 };
 
 #endif  // NOX_HOST_LOGIN_THROTTLE_H_

@@ -3,6 +3,7 @@
 // backend.
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
 #include <regex>
 
@@ -584,6 +585,42 @@ TEST_F(CLoginOpTest, GuessesFromManyAddressesOnlyPauseTheAccount) {
   other.credentials("auditor", kPassword, "4");
   EXPECT_EQ(op_.op("POST", "", other.request, other.response), 0);
   EXPECT_EQ(g_testPaused, 0) << "other accounts are not slowed";
+}
+
+// While kMaxPausing logins pause already, one more goes on without the
+// pause, so that attempts for one account cannot hold every login thread.
+std::function<void()> g_whilePausingFull;
+void pausesThenLogsIn(int seconds) {
+  static int depth = 0;
+  ++depth;
+  if (depth < LoginThrottle::kMaxPausing) {
+    LoginThrottle::instance().pause(seconds);
+  } else if (g_whilePausingFull) {
+    std::function<void()> login = g_whilePausingFull;
+    g_whilePausingFull = nullptr;
+    login();
+  }
+  --depth;
+}
+
+TEST_F(CLoginOpTest, TheAccountPauseHoldsAFewLoginThreadsAtMost) {
+  acceptOnly(kPassword);
+  for (int i = 0; i < LoginThrottle::kAccountFreeFailures; ++i) {
+    attempt("guess", "203.0.113." + std::to_string(i));
+  }
+  TraceCapture trace(TraceLevel::kWarn);
+  LoginThrottle::instance().setSleep(&pausesThenLogsIn);
+  long long inner = -1;
+  g_whilePausingFull = [&] { inner = attempt(kPassword, "198.51.100.8"); };
+  EXPECT_EQ(attempt(kPassword, "198.51.100.7"), 0);
+  EXPECT_EQ(inner, 0) << "the login that found every pause taken went on";
+  EXPECT_TRUE(
+      trace.has(TraceLevel::kWarn, "login of user admin not paused: 4 logins are pausing already"))
+      << trace.dump();
+  EXPECT_EQ(trace.count(TraceLevel::kWarn,
+                        "login of user admin paused 2 s: the account saw 10 failed logins "
+                        "recently"),
+            1);
 }
 
 // Text that could forge log lines or hide a suffix from the backend is

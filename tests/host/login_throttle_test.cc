@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 
 #include "login_test_rig.h"
@@ -112,10 +113,32 @@ TEST_F(LoginThrottleTest, AccountAndPairCountsAreKeptApart) {
 }
 
 TEST_F(LoginThrottleTest, PauseSleepsWithTheInstalledFunction) {
-  t.pause(0);
+  EXPECT_FALSE(t.pause(0));
   EXPECT_EQ(g_testPaused, 0);
-  t.pause(2);
+  EXPECT_TRUE(t.pause(2));
   EXPECT_EQ(g_testPaused, 2);
+}
+
+// Pauses nested in the sleep function stand for logins pausing at once.
+int g_pausing = 0;
+int g_mostPausing = 0;
+void nestingSleep(int seconds) {
+  ++g_pausing;
+  g_mostPausing = std::max(g_mostPausing, g_pausing);
+  // One more than may pause: the innermost call is turned away.
+  if (g_pausing <= LoginThrottle::kMaxPausing) {
+    const bool paused = LoginThrottle::instance().pause(seconds);
+    EXPECT_EQ(paused, g_pausing < LoginThrottle::kMaxPausing) << g_pausing << " pausing";
+  }
+  --g_pausing;
+}
+
+// A pause holds a login thread: never more than kMaxPausing at once.
+TEST_F(LoginThrottleTest, AtMostAFewLoginsPauseAtOnce) {
+  t.setSleep(&nestingSleep);
+  EXPECT_TRUE(t.pause(1));
+  EXPECT_EQ(g_mostPausing, LoginThrottle::kMaxPausing);
+  EXPECT_TRUE(t.pause(1)) << "the slots are free again";
 }
 
 }  // namespace
