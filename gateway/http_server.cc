@@ -38,7 +38,7 @@ using Clock = std::chrono::steady_clock;
 namespace {
 
 constexpr int kTraceModule = 4;  // the gateway's records in the trace log
-// Threads of the pool for the built-in paths (their line is --queue too).
+// Threads of the pool for the fixed documents (their line is --queue too).
 constexpr size_t kServiceThreads = 2;
 // After a refusal the connection is closed once the client has stopped
 // sending or after this long: closing with unread bytes would reset the
@@ -428,10 +428,11 @@ class Connection final : public Impl::Connection {
       in.multipart = true;
       in.body.clear();
     }
-    // The health check and the metrics cost next to nothing when nothing
-    // they read is remote: answered here, without a hand-over to a thread.
+    // The health check and the metrics read only what the gateway already
+    // knows and cost next to nothing: answered here, without a hand-over to
+    // a thread, so no stalled backend or session store can delay them.
     const BuiltInPath builtIn = builtInPath(target_);
-    if (server_.config.inlineChecks && builtIn == BuiltInPath::kCheck) {
+    if (builtIn == BuiltInPath::kCheck) {
       HttpOutput out = server_.dispatcher.handle(in);
       return answer(std::move(out));
     }
@@ -446,11 +447,8 @@ class Connection final : public Impl::Connection {
         self->write(std::move(out));
       });
     });
-    if (!queued) {
-      HttpOutput busy = refusal(503, kErrBusy, describeCode(kErrBusy));
-      busy.headers.emplace_back("Retry-After", "1");
-      answer(std::move(busy));
-    }
+    // The refusal carries Retry-After, as every 503 does (errorOutput).
+    if (!queued) answer(refusal(503, kErrBusy, describeCode(kErrBusy)));
   }
 
   // Refuses the request in hand and closes the connection after the answer.
