@@ -310,6 +310,10 @@ RedisStateStore::Reply RedisStateStore::send(const std::vector<std::string>& wor
   } catch (const StateStoreError& e) {
     gate_.leave(trial, false, e.what());
     throw;
+  } catch (...) {
+    // Failed here (out of memory), not at Redis: the next call tries.
+    gate_.abandon(trial);
+    throw;
   }
   // An error answer is still an answer: Redis is there.
   gate_.leave(trial, true, std::string());

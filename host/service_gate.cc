@@ -35,6 +35,15 @@ void ServiceGate::leave(bool trial, bool reachable, const std::string& why) {
   settled_.notify_all();
 }
 
+void ServiceGate::abandon(bool trial) {
+  if (!trial) return;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    --trials_;
+  }
+  settled_.notify_all();
+}
+
 void ServiceGate::record(bool reachable, const std::string& why) { leave(false, reachable, why); }
 
 void ServiceGate::recordLocked(bool reachable, const std::string& why) {

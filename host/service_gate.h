@@ -54,6 +54,9 @@ class HOST_API ServiceGate {
   void enterProbe();
   // After a call or probe that entered: records its outcome.
   void leave(bool trial, bool reachable, const std::string& why);
+  // After a call or probe that entered and ended without learning anything
+  // about the service (it failed on this side): records nothing.
+  void abandon(bool trial);
   // Records the outcome of a call that did not enter (a service that is
   // watched, not gated).
   void record(bool reachable, const std::string& why);

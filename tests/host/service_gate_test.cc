@@ -87,6 +87,22 @@ TEST(ServiceGateTest, ACallWaitsForATrialThatSucceeds) {
   EXPECT_FALSE(waiterTrial);
 }
 
+// A trial that ended without learning anything frees the way for the next
+// one and leaves what was seen as it was.
+TEST(ServiceGateTest, AnAbandonedTrialLetsTheNextCallTry) {
+  ServiceGate gate(10);
+  gate.record(false, "down");
+  bool trial = false;
+  std::string why;
+  ASSERT_TRUE(gate.enter(&trial, &why));
+  ASSERT_TRUE(trial);
+  gate.abandon(true);
+  EXPECT_EQ(gate.lastSeen().error, "down");
+  bool next = false;
+  EXPECT_TRUE(gate.enter(&next, &why));
+  EXPECT_TRUE(next);
+}
+
 // A probe always tries, and counts as the trial under way.
 TEST(ServiceGateTest, AProbeAlwaysGoesAheadAsATrial) {
   ServiceGate gate(10);
