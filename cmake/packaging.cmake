@@ -5,6 +5,8 @@
 # package and the pkg-config file), and for running it as a service:
 #   /usr/lib/systemd/system/nox-gateway.service  the hardened unit
 #   /etc/default/nox-gateway                     its options (a conffile)
+#   /etc/logrotate.d/nox-gateway                 rotation of /var/log/nox-gateway/*.log
+#                                                with SIGHUP (a conffile)
 #   /usr/share/doc/nox-gateway/                  README.md, operations.md
 # The maintainer scripts in packaging/deb/ make the nox system user and
 # enable the unit. Depends is computed from the ELF files (dpkg-shlibdeps,
@@ -23,6 +25,8 @@ install(FILES ${CMAKE_SOURCE_DIR}/packaging/deb/nox-gateway.service
         DESTINATION lib/systemd/system COMPONENT service EXCLUDE_FROM_ALL)
 install(FILES ${CMAKE_SOURCE_DIR}/packaging/deb/nox-gateway.default
         DESTINATION /etc/default RENAME nox-gateway COMPONENT service EXCLUDE_FROM_ALL)
+install(FILES ${CMAKE_SOURCE_DIR}/packaging/deb/nox-gateway.logrotate
+        DESTINATION /etc/logrotate.d RENAME nox-gateway COMPONENT service EXCLUDE_FROM_ALL)
 install(FILES ${CMAKE_SOURCE_DIR}/README.md ${CMAKE_SOURCE_DIR}/docs/operations.md
         DESTINATION share/doc/nox-gateway COMPONENT service EXCLUDE_FROM_ALL)
 
@@ -47,6 +51,8 @@ set(CPACK_DEBIAN_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_DEPENDS "passwd")
+# The rotation of the log files; the gateway runs without it.
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "logrotate")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
     ${CMAKE_SOURCE_DIR}/packaging/deb/conffiles
     ${CMAKE_SOURCE_DIR}/packaging/deb/postinst

@@ -2,25 +2,21 @@
 
 #include <sys/time.h>
 
-#include <json/json.h>
-
-#include <cctype>
 #include <ctime>
 
-#include "compact_json.h"
+#include "log_text.h"
 
 namespace gw {
 
 namespace {
 
 // Keeps a log line on one line and free of terminal controls whatever a
-// client sent.
+// client sent: controls and bytes that are not UTF-8 escaped, blanks (the
+// field separator) as '_'.
 std::string clean(const std::string& text) {
-  std::string out;
-  out.reserve(text.size());
-  for (char c : text) {
-    const unsigned char u = static_cast<unsigned char>(c);
-    out.push_back(u < 0x20 || u == 0x7F || u == ' ' ? '_' : c);
+  std::string out = escapeLogText(text);
+  for (char& c : out) {
+    if (c == ' ') c = '_';
   }
   return out.empty() ? "-" : out;
 }
@@ -34,26 +30,41 @@ std::string formatAccess(const AccessRecord& record) {
 }
 
 std::string formatAccessJson(const AccessRecord& record, const std::string& time) {
-  Json::Value line(Json::objectValue);
-  line["time"] = time;
-  line["client"] = record.client;
-  line["method"] = record.method;
-  line["path"] = record.path;
-  line["status"] = record.status;
-  line["bytes"] = static_cast<Json::UInt64>(record.bytes);
-  line["ms"] = static_cast<Json::Int64>(record.milliseconds);
-  line["user"] = record.user;
-  line["session"] = record.session;
-  line["requestId"] = record.requestId;
-  // The compact writer escapes control characters: a line stays one line.
-  return toCompactJson(line);
+  // Members by name, as log collectors have always seen them. Every string
+  // is escaped (controls, bytes that are not UTF-8): a line stays one line.
+  JsonLogLine line;
+  line.add("bytes", static_cast<long long>(record.bytes))
+      .add("client", record.client)
+      .add("method", record.method)
+      .add("ms", record.milliseconds)
+      .add("path", record.path)
+      .add("requestId", record.requestId)
+      .add("session", record.session)
+      .add("status", static_cast<long long>(record.status))
+      .add("time", time)
+      .add("user", record.user);
+  return line.text();
 }
 
 std::unique_ptr<AccessLog> AccessLog::open(const std::string& path, bool json) {
-  if (path.empty()) return std::unique_ptr<AccessLog>(new AccessLog(stderr, false, json));
+  if (path.empty()) return std::unique_ptr<AccessLog>(new AccessLog(stderr, false, json, path));
   FILE* stream = fopen(path.c_str(), "ae");
   if (stream == nullptr) return nullptr;
-  return std::unique_ptr<AccessLog>(new AccessLog(stream, true, json));
+  return std::unique_ptr<AccessLog>(new AccessLog(stream, true, json, path));
+}
+
+bool AccessLog::reopen() {
+  if (!owned_) return true;
+  FILE* fresh = fopen(path_.c_str(), "ae");
+  if (fresh == nullptr) return false;
+  FILE* old = nullptr;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    old = stream_;
+    stream_ = fresh;
+  }
+  fclose(old);
+  return true;
 }
 
 AccessLog::~AccessLog() {
@@ -61,18 +72,12 @@ AccessLog::~AccessLog() {
 }
 
 void AccessLog::write(const AccessRecord& record) {
-  struct timeval now;
-  gettimeofday(&now, nullptr);
-  struct tm utc;
-  gmtime_r(&now.tv_sec, &utc);
-  char stamp[40];
-  const size_t n = strftime(stamp, sizeof(stamp), "%Y-%m-%dT%H:%M:%S", &utc);
-  snprintf(stamp + n, sizeof(stamp) - n, ".%03dZ", static_cast<int>(now.tv_usec / 1000));
+  const std::string stamp = formatUtcMillis(nowUtcMillis());
   std::lock_guard<std::mutex> lock(mutex_);
   if (json_) {
     fprintf(stream_, "%s\n", formatAccessJson(record, stamp).c_str());
   } else {
-    fprintf(stream_, "%s %s\n", stamp, formatAccess(record).c_str());
+    fprintf(stream_, "%s %s\n", stamp.c_str(), formatAccess(record).c_str());
   }
   fflush(stream_);
 }

@@ -21,6 +21,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 
 namespace gw {
 
@@ -54,13 +55,20 @@ class AccessLog {
   AccessLog& operator=(const AccessLog&) = delete;
 
   void write(const AccessRecord& record);
+  // Opens the file again by its name (after logrotate moved it away); lines
+  // written meanwhile go to the old file or the new one, whole. Returns true
+  // on success and for stderr; on failure keeps writing to the file it has
+  // and returns false (errno set).
+  bool reopen();
 
  private:
-  AccessLog(FILE* stream, bool owned, bool json) : stream_(stream), owned_(owned), json_(json) {}
+  AccessLog(FILE* stream, bool owned, bool json, std::string path)
+      : stream_(stream), owned_(owned), json_(json), path_(std::move(path)) {}
   std::mutex mutex_;
-  FILE* stream_;
+  FILE* stream_;  // guarded by mutex_
   bool owned_;
   bool json_;
+  const std::string path_;
 };
 
 }  // namespace gw

@@ -10,6 +10,7 @@ struct CodeRow {
   long long code;
   int status;
   const char* description;
+  const char* chinese = nullptr;  // the description in Chinese, where the console shows it
 };
 
 // One row per code a client may see. Certificate and CRL verdicts
@@ -23,6 +24,7 @@ constexpr CodeRow kCodes[] = {
     {0x03000012, 403, "The user may not log in with this scope."},
     {0x03000013, 429, "Too many failed logins. Try again later."},
     {0x03000014, 401, "The verification code is missing, wrong or already used."},
+    {0x03000015, 401, "The verification code has expired. Ask for a new one."},
     {0x03000020, 500, "The backend could not store the data."},
     {0x03000101, 503, "The backend is not available."},
     {0x03000102, 504, "The backend did not answer in time."},
@@ -35,6 +37,11 @@ constexpr CodeRow kCodes[] = {
     {kErrCsrfHeaderMissing, 403,
      "A request that changes data with the session cookie must carry X-Requested-With: "
      "nox-console."},
+    {kErrScopeForbidden, 403,
+     "The signed-in user's scope does not allow this call. Ask an administrator.",
+     "当前用户的角色不允许此操作，请联系管理员。"},
+    {kErrFormLoginNeedsConsole, 403,
+     "A login sent as a form must carry X-Requested-With: nox-console."},
     {kErrRequestTimeout, 408, "The request did not arrive in time."},
     {kErrBusy, 503, "The gateway is busy. Try again shortly."},
     {0x60E01D01, 422, "The certificate is neither PEM nor DER."},
@@ -69,6 +76,12 @@ std::string describeCode(long long code) {
   if (const CodeRow* row = findRow(code)) return row->description;
   if ((code & ~0xFFLL) == 0x60E01D00LL) return "The certificate or CRL was refused.";
   return std::string();
+}
+
+std::string describeCode(long long code, const std::string& language) {
+  const CodeRow* row = findRow(code);
+  if (row != nullptr && row->chinese != nullptr && language == "zh") return row->chinese;
+  return describeCode(code);
 }
 
 Json::Value errorEnvelope(long long code, const std::string& description) {

@@ -29,6 +29,12 @@ constexpr long long kErrCsrfHeaderMissing = 0x03000205;
 constexpr long long kErrRequestTimeout = 0x03000206;
 // 503: every worker is busy and the line of waiting requests is full.
 constexpr long long kErrBusy = 0x03000207;
+// 403: the session's scope may not make the call (the access table,
+// host/access_table.h); the operation never runs.
+constexpr long long kErrScopeForbidden = 0x03000208;
+// 403: a login sent as a form (urlencoded or multipart) without the console's
+// header: a page of another site could post such a form.
+constexpr long long kErrFormLoginNeedsConsole = 0x03000209;
 constexpr long long kErrBadRequest = 0x03000003;        // 400: unreadable body or arguments
 constexpr long long kErrSessionRequired = 0x03000011;   // 401: no valid session
 
@@ -39,6 +45,10 @@ int httpStatusForCode(long long code);
 
 // The fixed description of a code, or "" when the table has none.
 std::string describeCode(long long code);
+// The same in `language` ("zh" or "en") for the codes that have a Chinese
+// text; English otherwise.
+//   describeCode(kErrScopeForbidden, "zh") == "当前用户的角色不允许此操作，请联系管理员。"
+std::string describeCode(long long code, const std::string& language);
 
 // {"data": null, "error": {"code": code, "description": description}}.
 Json::Value errorEnvelope(long long code, const std::string& description);

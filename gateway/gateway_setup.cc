@@ -111,6 +111,8 @@ GatewayPaths resolvePaths(const GatewayOptions& options, const std::string& star
                                           : absoluteFrom(startDir, options.dataDir);
   paths.log = options.log.empty() ? std::string() : absoluteFrom(startDir, options.log);
   paths.accessLog = absoluteFrom(startDir, options.accessLog);
+  paths.auditLog = absoluteFrom(startDir, options.auditLog);
+  paths.access = options.access.empty() ? std::string() : absoluteFrom(startDir, options.access);
   paths.tlsCert = absoluteFrom(startDir, options.tlsCert);
   paths.tlsKey = absoluteFrom(startDir, options.tlsKey);
   return paths;
@@ -141,6 +143,36 @@ bool openLogs(const GatewayOptions& options, const GatewayPaths& paths,
     return false;
   }
   return true;
+}
+
+bool openAuditLog(const GatewayPaths& paths, std::shared_ptr<AuditLog>* auditLog,
+                  std::string* error) {
+  if (paths.auditLog.empty()) return true;
+  *auditLog = AuditLog::open(paths.auditLog);
+  if (!*auditLog) {
+    *error = "cannot open the audit log " + paths.auditLog + ": " + errnoText(errno);
+    return false;
+  }
+  setAuditSink(*auditLog);
+  return true;
+}
+
+void reopenLogs(const GatewayPaths& paths, AccessLog* accessLog, AuditLog* auditLog) {
+  auto complain = [](const std::string& what, const std::string& path) {
+    fprintf(stderr, "nox-gateway: cannot reopen the %s %s: %s\n", what.c_str(), path.c_str(),
+            errnoText(errno).c_str());
+  };
+  // The trace log last: once its new file is there, the others are done.
+  if (auditLog != nullptr && !auditLog->reopen()) complain("audit log", paths.auditLog);
+  if (accessLog != nullptr && !accessLog->reopen()) complain("access log", paths.accessLog);
+  if (!paths.log.empty()) {
+    std::shared_ptr<StreamTraceSink> sink = StreamTraceSink::openFile(paths.log);
+    if (sink) {
+      setTraceSink(sink);
+    } else {
+      complain("log", paths.log);
+    }
+  }
 }
 
 bool enterWorkDir(const GatewayPaths& paths, std::string* error) {
@@ -193,6 +225,38 @@ bool installSessionStore(const GatewayOptions& options, std::string* error) {
   return true;
 }
 
+bool loadAccessTable(const GatewayPaths& paths, const CSpecifyProc& registry,
+                     std::shared_ptr<const AccessTable>* table, std::string* error) {
+  // Beside the catalogues, which the gateway works next to.
+  const std::string beside = "../conf/access.json";
+  struct stat st;
+  const std::string path =
+      !paths.access.empty() ? paths.access : stat(beside.c_str(), &st) == 0 ? beside : "";
+  AccessTable loaded = AccessTable::defaults();
+  if (!path.empty() && !AccessTable::load(path, &loaded, error)) {
+    *error = "--access: " + *error;
+    return false;
+  }
+  std::vector<std::string> registered;
+  for (const CSpecifyProc::Route& route : registry.routes()) {
+    registered.push_back((route.interfaceVersion.empty() ? "" : "/" + route.interfaceVersion) +
+                         route.url);
+  }
+  for (const std::string& route : loaded.uncovered(registered)) {
+    fprintf(stderr, "nox-gateway: the access table has no rule for %s: only scope %s may call it\n",
+            route.c_str(), AccessTable::kAdministratorScope);
+  }
+  for (const std::string& route : loaded.unknown(registered)) {
+    fprintf(stderr, "nox-gateway: the access table names %s, which no operation serves\n",
+            route.c_str());
+  }
+  *table = std::make_shared<const AccessTable>(std::move(loaded));
+  installAccessTable(*table);
+  printf("access table: %s\n", path.empty() ? "built in" : path.c_str());
+  fflush(stdout);
+  return true;
+}
+
 std::unique_ptr<HealthMonitor> makeHealthMonitor(const ServiceCheck& backend) {
   std::shared_ptr<StateStore> store = stateStore();
   ServiceCheck storeCheck;
@@ -224,6 +288,7 @@ bool serverConfig(const GatewayOptions& options, const GatewayPaths& paths, Serv
   config->maxHeaders = options.maxHeaders;
   config->drainTimeout = options.drainTimeout;
   config->hstsMaxAge = options.hstsMaxAge;
+  config->loginThreads = options.loginThreads;
   config->tlsCert = paths.tlsCert;
   config->tlsKey = paths.tlsKey;
   if (options.tlsSelfSigned) {

@@ -4,6 +4,7 @@
 //
 //   const GatewayPaths paths = resolvePaths(options, currentDir());
 //   if (!openLogs(options, paths, &accessLog, &error)) ...
+//   if (!openAuditLog(paths, &auditLog, &error)) ...
 //   if (!enterWorkDir(paths, &error)) ...
 //   if (!installBackend(options, paths, &backendCheck, &error)) ...
 //   if (!installSessionStore(options, &error)) ...
@@ -17,7 +18,10 @@
 #include <string>
 
 #include "access_log.h"
+#include "access_table.h"
+#include "audit_log.h"
 #include "health_monitor.h"
+#include "operation_base.h"
 #include "http_server.h"
 #include "options.h"
 
@@ -31,6 +35,8 @@ struct GatewayPaths {
   std::string dataDir;  // the backend's data (or the staging folder with --backend)
   std::string log;      // trace log; "" for stderr
   std::string accessLog;
+  std::string auditLog;  // "" for none
+  std::string access;  // --access, absolute; "" when not given
   std::string tlsCert;
   std::string tlsKey;
 };
@@ -40,6 +46,18 @@ GatewayPaths resolvePaths(const GatewayOptions& options, const std::string& star
 // set (and *exitCode 2 for a bad level, 1 for a file that cannot be opened).
 bool openLogs(const GatewayOptions& options, const GatewayPaths& paths,
               std::unique_ptr<AccessLog>* accessLog, int* exitCode, std::string* error);
+
+// With --audit-log, opens the file and installs it as the host's audit sink
+// (*auditLog keeps it for reopenLogs); without, leaves *auditLog null. False
+// with *error when the file cannot be opened.
+bool openAuditLog(const GatewayPaths& paths, std::shared_ptr<AuditLog>* auditLog,
+                  std::string* error);
+
+// Opens the log files again by their names, after logrotate moved them away
+// (SIGHUP): the audit log, the access log and, last, the trace log (--log).
+// A file that cannot be opened is reported on stderr ("nox-gateway: cannot
+// reopen the audit log PATH: WHY") and the old one kept.
+void reopenLogs(const GatewayPaths& paths, AccessLog* accessLog, AuditLog* auditLog);
 
 // Changes to the folder whose "../conf/" holds the catalogues, as the
 // plug-in reads them: <home>/bin in a build tree, <home>/share/ucore_nox/conf
@@ -58,6 +76,15 @@ bool installBackend(const GatewayOptions& options, const GatewayPaths& paths,
 // shared store (an unreachable one is reported, not fatal: the gateway
 // answers 503 until it is there).
 bool installSessionStore(const GatewayOptions& options, std::string* error);
+
+// The access table to guard `registry` with: --access, else
+// ../conf/access.json beside the catalogues when there is one, else the
+// built-in table; installed in the host too. Warns on stderr about
+// registered routes the table does not name (they are open to the
+// administrator only) and about rules for routes nobody registered. False
+// with *error when the file cannot be read or is not a valid table.
+bool loadAccessTable(const GatewayPaths& paths, const CSpecifyProc& registry,
+                     std::shared_ptr<const AccessTable>* table, std::string* error);
 
 // The health monitor of /healthz and /metrics for `backend` and the
 // installed session store (probed when it is not the memory store), probing

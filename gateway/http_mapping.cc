@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 
+#include "audit.h"
 #include "error_table.h"
 #include "qpn_debug_kit.h"
 #include "qpn_exception.h"
@@ -280,13 +281,6 @@ RouteMatch matchRoute(const CSpecifyProc& registry, const std::string& path) {
   return match;
 }
 
-bool carriesSecrets(const std::string& url) { return url == "/sessions" || url == "/login"; }
-
-bool isPublicRoute(const std::string& url, const std::string& method) {
-  if (url != "/sessions" && url != "/login") return false;
-  return isMethod(method, CRequestUri::URI_ACT_GET) || isMethod(method, CRequestUri::URI_ACT_POST);
-}
-
 HttpOutput errorOutput(long long code, const std::string& description) {
   HttpOutput out = jsonOutput(httpStatusForCode(code), errorEnvelope(code, description));
   out.code = code;
@@ -322,7 +316,8 @@ HttpOutput renderResponse(const CRequestMsg& request, const CResponseMsg& respon
 Dispatcher::Dispatcher(const CSpecifyProc& registry, SessionLookup lookup, DispatchOptions options)
     : registry_(registry),
       lookup_(std::move(lookup)),
-      options_(std::move(options)) {}
+      options_(std::move(options)),
+      access_(options_.access ? options_.access : installedAccessTable()) {}
 
 BuiltInPath builtInPath(const std::string& target) {
   const std::string path = target.substr(0, target.find('?'));
@@ -360,8 +355,8 @@ HttpOutput Dispatcher::handle(const HttpInput& in) const {
   HttpOutput out = dispatch(in, &route);
   out.route = route;
   // Refused uploads, whatever refused them (a session is not a refusal).
-  if (options_.metrics != nullptr && route.find("/import_") != std::string::npos &&
-      isMethod(in.method, "POST") && out.status >= 400 && out.status != 401) {
+  if (options_.metrics != nullptr && access_->rule(route, in.method).upload &&
+      out.status >= 400 && out.status != 401) {
     options_.metrics->uploadRefused(refusalReason(out.code, out.status));
   }
   return out;
@@ -407,7 +402,7 @@ HttpOutput Dispatcher::dispatch(const HttpInput& in, std::string* route) const {
     const RouteMatch match = matchRoute(registry_, path);
     if (match.route == nullptr)
       return errorOutput(kErrRouteNotFound, describeCode(kErrRouteNotFound));
-    *route = (match.interfaceVersion.empty() ? "" : "/" + match.interfaceVersion) + match.route->url;
+    *route = routePath(match);
     return serveRoute(in, match, path, query);
   } catch (const std::exception&) {
     return errorOutput(kErrInternal, describeCode(kErrInternal));
@@ -448,26 +443,76 @@ HttpOutput Dispatcher::serveConsole(const HttpInput& in, const std::string& path
   return out;
 }
 
-HttpOutput Dispatcher::serveRoute(const HttpInput& in, const RouteMatch& match,
-                                  const std::string& path, const std::string& query) const {
-  const CSpecifyProc::Route& route = *match.route;
-  HttpRequest connection(in.method, urlDecode(path, false), in.clientAddress);
-  for (const auto& header : in.headers) connection.addHeader(header.first, header.second);
+namespace {
 
-  CRequestMsg request;
+// The user and session an answer is logged with.
+void labelAnswer(const CSessionInfo& info, HttpOutput* out) {
+  out->user = info.getUserContext().userName_;
+  if (info.getHttpSession()) out->session = info.getHttpSession()->getId();
+}
+
+bool isFormBody(const HttpInput& in) {
+  return in.multipart ||
+         startsWithNoCase(headerValue(in.headers, "Content-Type"), "application/x-www-form-urlencoded") ||
+         startsWithNoCase(headerValue(in.headers, "Content-Type"), "multipart/form-data");
+}
+
+// An audit record of the call, from what the session holds.
+void auditCall(const char* event, const char* outcome, const CSessionInfo& info,
+               const HttpInput& in, const std::string& route, long long code) {
+  AuditEvent record;
+  record.event = event;
+  record.outcome = outcome;
+  record.user = info.getUserContext().userName_;
+  record.scope = info.getUserContext().scope_;
+  record.client = in.clientAddress;
+  record.route = route;
+  record.method = in.method;
+  record.code = code;
+  auditEvent(std::move(record));
+}
+
+// Fills the request's method, route and arguments from the input.
+void fillRequest(const HttpInput& in, const RouteMatch& match, const std::string& query,
+                 CRequestMsg& request) {
   request.setMethod(in.method);
-  request.setUrl(route.url);
+  request.setUrl(match.route->url);
   request.setInterfaceVersion(match.interfaceVersion);
   request.getResIDs() = match.resIDs;
   for (const auto& arg : parseQuery(query)) {
     // The first occurrence of a repeated argument counts.
     if (request.args().count(arg.first) == 0) request.setArg(arg.first, arg.second);
   }
+}
+
+}  // namespace
+
+std::string routePath(const RouteMatch& match) {
+  if (match.route == nullptr) return std::string();
+  return (match.interfaceVersion.empty() ? "" : "/" + match.interfaceVersion) + match.route->url;
+}
+
+const AccessRule& Dispatcher::ruleFor(const std::string& method, const std::string& target) const {
+  const RouteMatch match = matchRoute(registry_, target.substr(0, target.find('?')));
+  return access_->rule(routePath(match), method);
+}
+
+HttpOutput Dispatcher::serveRoute(const HttpInput& in, const RouteMatch& match,
+                                  const std::string& path, const std::string& query) const {
+  const std::string label = routePath(match);
+  const AccessRule& rule = access_->rule(label, in.method);
+  HttpRequest connection(in.method, urlDecode(path, false), in.clientAddress);
+  for (const auto& header : in.headers) connection.addHeader(header.first, header.second);
+  CRequestMsg request;
+  fillRequest(in, match, query, request);
 
   CSessionInfo& info = request.getSessionInfo();
   info.setHttpConnection(&connection);
   info.setLanguage(languageFromAcceptLanguage(headerValue(in.headers, "Accept-Language")));
   info.getUserContext().clientAddress_ = in.clientAddress;
+  // The session (or Accept-Language) gives the language unless the request
+  // names one.
+  const std::string language = request.getArg("LANGUAGE");
   bool fromCookie = false;
   const std::string token = sessionToken(in, &fromCookie);
   bool haveSession = false;
@@ -477,74 +522,90 @@ HttpOutput Dispatcher::serveRoute(const HttpInput& in, const RouteMatch& match,
     // The session store cannot say: no request goes through unchecked.
     return errorOutput(e.getErrCode(), describeException(e));
   }
-  const bool isPublic = isPublicRoute(route.url, in.method);
-  if (!haveSession && !isPublic) {
-    HttpOutput out = errorOutput(kErrSessionRequired, describeCode(kErrSessionRequired));
-    out.compressible = !carriesSecrets(route.url);
-    return out;
+  if (!language.empty()) info.setLanguage(language == "zh" ? "zh" : "en");
+  std::optional<HttpOutput> refusal = refuse(in, rule, label, haveSession, fromCookie, info);
+  HttpOutput out;
+  if (refusal) {
+    out = std::move(*refusal);
+  } else {
+    const long long bodyError = fillBody(in, options_.maxBody, request);
+    out = bodyError == 0 ? invoke(in, *match.route, path, request, connection)
+                         : errorOutput(bodyError, bodyError == kErrBadRequest
+                                                      ? "The request body is not valid JSON."
+                                                      : describeCode(bodyError));
+    if (rule.changes) {
+      auditCall(audit::kChange, out.status < 400 ? audit::kSuccess : audit::kFailure, info, in,
+                label, out.code);
+    }
+  }
+  labelAnswer(info, &out);
+  out.compressible = !rule.secrets;
+  return out;
+}
+
+std::optional<HttpOutput> Dispatcher::refuse(const HttpInput& in, const AccessRule& rule,
+                                             const std::string& label, bool haveSession,
+                                             bool fromCookie, const CSessionInfo& info) const {
+  if (rule.isPublic) {
+    // A page of another site can post a form to a login and so sign the
+    // browser in to an account of the page's choosing; a form cannot add
+    // the console's header. JSON needs a CORS preflight the gateway never
+    // grants.
+    if (rule.login && isFormBody(in) && headerValue(in.headers, kCsrfHeader) != kCsrfHeaderValue) {
+      return errorOutput(kErrFormLoginNeedsConsole, describeCode(kErrFormLoginNeedsConsole));
+    }
+    return std::nullopt;
+  }
+  if (!haveSession) return errorOutput(kErrSessionRequired, describeCode(kErrSessionRequired));
+  if (!rule.allows(info.getUserContext().scope_)) {
+    auditCall(audit::kDenied, audit::kRefused, info, in, label, kErrScopeForbidden);
+    return errorOutput(kErrScopeForbidden, describeCode(kErrScopeForbidden, info.language()));
   }
   // A browser sends the cookie with whatever request a page makes it send;
   // a page of another site cannot add a header without the gateway's
-  // consent (no CORS). The logins take no session and are left alone.
+  // consent (no CORS).
   const bool safeMethod = isMethod(in.method, "GET") || isMethod(in.method, "HEAD");
-  if (haveSession && fromCookie && !safeMethod && !isPublic &&
-      headerValue(in.headers, kCsrfHeader) != kCsrfHeaderValue) {
-    HttpOutput out = errorOutput(kErrCsrfHeaderMissing, describeCode(kErrCsrfHeaderMissing));
-    out.user = info.getUserContext().userName_;
-    if (info.getHttpSession()) out.session = info.getHttpSession()->getId();
-    return out;
+  if (fromCookie && !safeMethod && headerValue(in.headers, kCsrfHeader) != kCsrfHeaderValue) {
+    auditCall(audit::kDenied, audit::kRefused, info, in, label, kErrCsrfHeaderMissing);
+    return errorOutput(kErrCsrfHeaderMissing, describeCode(kErrCsrfHeaderMissing));
   }
-  // The session (or Accept-Language) gives the language unless the request
-  // names one.
-  const std::string language = request.getArg("LANGUAGE");
-  if (!language.empty()) info.setLanguage(language == "zh" ? "zh" : "en");
+  return std::nullopt;
+}
 
-  const long long bodyError = fillBody(in, options_.maxBody, request);
-  if (bodyError != 0) {
-    HttpOutput out =
-        errorOutput(bodyError, bodyError == kErrBadRequest ? "The request body is not valid JSON."
-                                                           : describeCode(bodyError));
-    out.user = info.getUserContext().userName_;
-    if (info.getHttpSession()) out.session = info.getHttpSession()->getId();
-    out.compressible = !carriesSecrets(route.url);
-    return out;
-  }
-
+// Asks the operation, and renders what it left or what it threw.
+HttpOutput Dispatcher::invoke(const HttpInput& in, const CSpecifyProc::Route& route,
+                              const std::string& path, CRequestMsg& request,
+                              HttpRequest& connection) const {
   CResponseMsg response;
-  HttpOutput out;
   try {
     SpecifyOpPrivData privData;
     const std::string& resource = connection.path();
     if (!route.op->isSupport(in.method, resource, privData)) {
-      out = errorOutput(kErrMethodNotAllowed, describeCode(kErrMethodNotAllowed));
-    } else {
-      const int result = route.op->op(in.method, resource, request, response);
-      if (result == -1 && untouched(response)) {
-        out = errorOutput(kErrMethodNotAllowed, describeCode(kErrMethodNotAllowed));
-      } else if (result != 0 && result != -1) {
-        out = errorOutput(
-            result, describeCode(result).empty() ? "The request failed." : describeCode(result));
-        copyResponseHeaders(connection, out);
-        out.contentType = kJsonType;
-      } else {
-        out = renderResponse(request, response, connection);
-      }
+      return errorOutput(kErrMethodNotAllowed, describeCode(kErrMethodNotAllowed));
     }
+    const int result = route.op->op(in.method, resource, request, response);
+    if (result == -1 && untouched(response)) {
+      return errorOutput(kErrMethodNotAllowed, describeCode(kErrMethodNotAllowed));
+    }
+    if (result != 0 && result != -1) {
+      HttpOutput out = errorOutput(
+          result, describeCode(result).empty() ? "The request failed." : describeCode(result));
+      copyResponseHeaders(connection, out);
+      out.contentType = kJsonType;
+      return out;
+    }
+    return renderResponse(request, response, connection);
   } catch (const QPNExceptionWithErrCode_& e) {
-    out = errorOutput(e.getErrCode(), describeException(e));
+    HttpOutput out = errorOutput(e.getErrCode(), describeException(e));
     copyResponseHeaders(connection, out);
     out.contentType = kJsonType;
+    return out;
   } catch (const std::exception& e) {
     logOperationFailure(in.method, path, e.what());
-    out = errorOutput(kErrInternal, describeCode(kErrInternal));
   } catch (...) {
     logOperationFailure(in.method, path, "an exception of unknown type");
-    out = errorOutput(kErrInternal, describeCode(kErrInternal));
   }
-  out.user = info.getUserContext().userName_;
-  if (info.getHttpSession()) out.session = info.getHttpSession()->getId();
-  out.compressible = !carriesSecrets(route.url);
-  return out;
+  return errorOutput(kErrInternal, describeCode(kErrInternal));
 }
 
 }  // namespace gw

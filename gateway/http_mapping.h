@@ -21,10 +21,12 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "access_table.h"
 #include "metrics.h"
 #include "request_msg.h"
 #include "operation_base.h"
@@ -92,6 +94,9 @@ struct DispatchOptions {
   Metrics* metrics = nullptr;
   std::function<std::string()> metricsText;
   std::function<bool(const std::string& clientAddress)> metricsAllowed;
+  // Who may call what, and what each route is (public, uploads, secrets,
+  // logins); null: the host's installed table (installedAccessTable()).
+  std::shared_ptr<const AccessTable> access;
 };
 
 // The route labels a Dispatcher over `registry` gives its answers (besides
@@ -162,13 +167,11 @@ struct RouteMatch {
 // segment becoming a decoded resource identifier.
 RouteMatch matchRoute(const CSpecifyProc& registry, const std::string& path);
 
-// Whether a route takes requests without a session: logging in and the
-// challenge (GET and POST on "/sessions" and "/login").
-bool isPublicRoute(const std::string& url, const std::string& method);
-
-// Whether the answers of a route may carry a token, a session id or a
-// verification code ("/sessions" and "/login"): they are never compressed.
-bool carriesSecrets(const std::string& url);
+// The route's path as a client names it and the access table and the
+// metrics know it: its URL, "/v1" + URL on the v1 interface.
+//   routePath(matchRoute(registry, "/v1/alarm/historyalarm")) == "/v1/alarm/historyalarm"
+//   routePath(matchRoute(registry, "/kestrel_task/T-1")) == "/kestrel_task"
+std::string routePath(const RouteMatch& match);
 
 class Dispatcher {
  public:
@@ -181,15 +184,29 @@ class Dispatcher {
 
   Metrics* metrics() const { return options_.metrics; }
 
+  // The access rule of `method` on `target` (path, with or without its
+  // query); the table's fallback for a path no route serves.
+  const AccessRule& ruleFor(const std::string& method, const std::string& target) const;
+
  private:
   HttpOutput dispatch(const HttpInput& in, std::string* route) const;
   HttpOutput serveRoute(const HttpInput& in, const RouteMatch& match, const std::string& path,
                         const std::string& query) const;
   HttpOutput serveConsole(const HttpInput& in, const std::string& path) const;
+  // The answer that refuses the call before its operation runs (no session,
+  // a scope the table does not allow, a cookie request without the
+  // console's header, a login form without it); nullopt: go on.
+  std::optional<HttpOutput> refuse(const HttpInput& in, const AccessRule& rule,
+                                   const std::string& label, bool haveSession, bool fromCookie,
+                                   const CSessionInfo& info) const;
+  HttpOutput invoke(const HttpInput& in, const CSpecifyProc::Route& route,
+                    const std::string& path, CRequestMsg& request,
+                    HttpRequest& connection) const;
 
   const CSpecifyProc& registry_;
   SessionLookup lookup_;
   DispatchOptions options_;
+  std::shared_ptr<const AccessTable> access_;
 };
 
 // An error answer: the status for `code` and the envelope.

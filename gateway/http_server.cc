@@ -40,6 +40,9 @@ namespace {
 constexpr int kTraceModule = 4;  // the gateway's records in the trace log
 // Threads of the pool for the fixed documents (their line is --queue too).
 constexpr size_t kServiceThreads = 2;
+// How much lower the login threads' priority is (nice(2)): a login's
+// password hash, in a backend in process, yields to other requests.
+constexpr int kLoginNiceness = 10;
 // After a refusal the connection is closed once the client has stopped
 // sending or after this long: closing with unread bytes would reset the
 // connection and could destroy the answer before the client reads it.
@@ -90,6 +93,8 @@ struct HttpServer::Impl {
                    static_cast<size_t>(config.workers > 0 ? config.workers : 1),
                    config.queueLimit),
         service("service", kServiceThreads, config.queueLimit),
+        logins("logins", static_cast<size_t>(config.loginThreads > 0 ? config.loginThreads : 1),
+               config.queueLimit, kLoginNiceness),
         loops(makeLoops(config.ioThreads > 0 ? config.ioThreads : defaultIoThreads())),
         acceptor(*loops.front()) {}
 
@@ -116,6 +121,7 @@ struct HttpServer::Impl {
 
   WorkerPool operations;
   WorkerPool service;
+  WorkerPool logins;
 
   std::atomic<size_t> open{0};
   std::atomic<uint64_t> refused{0};
@@ -436,7 +442,9 @@ class Connection final : public Impl::Connection {
       HttpOutput out = server_.dispatcher.handle(in);
       return answer(std::move(out));
     }
-    WorkerPool& pool = builtIn == BuiltInPath::kNone ? server_.operations : server_.service;
+    WorkerPool& pool = builtIn != BuiltInPath::kNone                           ? server_.service
+                       : server_.dispatcher.ruleFor(in.method, target_).login ? server_.logins
+                                                                              : server_.operations;
     const bool queued = pool.submit([self = self(), in = std::move(in)] {
       setTraceRequestId(self->context_.requestId);
       HttpOutput out = self->server_.dispatcher.handle(in);
@@ -520,7 +528,7 @@ class Connection final : public Impl::Connection {
       // Refused by the transport before any route saw it: counted under
       // "other", and an upload refused for its size counted as such.
       if (route_.empty() && record_.status == 413 &&
-          record_.path.find("/import_") != std::string::npos) {
+          server_.dispatcher.ruleFor(record_.method, record_.path).upload) {
         metrics->uploadRefused("too_large");
       }
       metrics->observe(route_.empty() ? kOtherRoute : route_, record_.status,
@@ -743,6 +751,7 @@ void HttpServer::run() {
   // before anything it refers to goes.
   s.operations.stop();
   s.service.stop();
+  s.logins.stop();
   s.serving = false;
 }
 
@@ -759,8 +768,10 @@ TransportCounts HttpServer::counts() const {
   counts.openConnections = impl_->open.load();
   counts.refusedConnections = impl_->refused.load();
   counts.droppedConnections = impl_->handlerFailures.load();
-  counts.waitingForWorker = impl_->operations.waiting() + impl_->service.waiting();
-  counts.busyWorkers = impl_->operations.busy();
+  counts.waitingForWorker =
+      impl_->operations.waiting() + impl_->service.waiting() + impl_->logins.waiting();
+  // A login is an operation too, on threads of its own.
+  counts.busyWorkers = impl_->operations.busy() + impl_->logins.busy();
   return counts;
 }
 

@@ -37,6 +37,10 @@ struct ServerConfig {
   int ioThreads = 0;             // threads reading and writing; 0: one per core
   int workers = 4;               // operations running at once
   size_t queueLimit = 1024;      // requests waiting for a worker; beyond it 503
+  // Logins (the access table's login rules) run on threads of their own:
+  // a login holds its thread for a pause after it succeeds, and that must
+  // not hold up other requests. Their threads run at a lower priority.
+  int loginThreads = 16;
   size_t maxBody = size_t{2} * 1024 * 1024;
   int headerTimeout = 10;        // seconds for a whole request header
   int readTimeout = 30;          // seconds of silence while a body arrives

@@ -1,6 +1,7 @@
 // nox-gateway: the reference gateway. Loads the plug-in, installs the
 // simulated backend (or reaches nox-backend with --backend) and serves the
-// registered routes over HTTP(S) until SIGINT or SIGTERM.
+// registered routes over HTTP(S) until SIGINT or SIGTERM; SIGHUP reopens the
+// log files.
 // docs/operations.md describes options, files and logs.
 #include <malloc.h>
 #include <pthread.h>
@@ -17,6 +18,7 @@
 #include <vector>
 
 #include "access_log.h"
+#include "audit_log.h"
 #include "command_line.h"
 #include "console_files.h"
 #include "gateway_setup.h"
@@ -29,6 +31,7 @@
 #include "session_store.h"
 #include "state_store.h"
 #include "tlv_backend.h"
+#include "verify_code.h"
 
 extern const char kNoxOpenApiText[];  // docs/openapi.json, embedded by the build
 
@@ -86,9 +89,10 @@ int main(int argc, char** argv) {
   // started; it works from the catalogues' folder afterwards.
   const gw::GatewayPaths paths = gw::resolvePaths(options, currentDir());
   std::unique_ptr<gw::AccessLog> accessLog;
+  std::shared_ptr<gw::AuditLog> auditLog;
   int exitCode = 1;
   if (!gw::openLogs(options, paths, &accessLog, &exitCode, &error) ||
-      !gw::enterWorkDir(paths, &error)) {
+      !gw::openAuditLog(paths, &auditLog, &error) || !gw::enterWorkDir(paths, &error)) {
     fail(error);
     return exitCode;
   }
@@ -97,14 +101,16 @@ int main(int argc, char** argv) {
   // including the server's I/O threads and workers, inherits the blocked mask.
   signal(SIGPIPE, SIG_IGN);
   // A shell without job control starts background commands with SIGINT
-  // ignored; the gateway still wants it.
+  // ignored, nohup with SIGHUP ignored; the gateway still wants them.
   signal(SIGINT, SIG_DFL);
   signal(SIGTERM, SIG_DFL);
-  sigset_t stopSignals;
-  sigemptyset(&stopSignals);
-  sigaddset(&stopSignals, SIGINT);
-  sigaddset(&stopSignals, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+  signal(SIGHUP, SIG_DFL);
+  sigset_t handledSignals;
+  sigemptyset(&handledSignals);
+  sigaddset(&handledSignals, SIGINT);
+  sigaddset(&handledSignals, SIGTERM);
+  sigaddset(&handledSignals, SIGHUP);
+  pthread_sigmask(SIG_BLOCK, &handledSignals, nullptr);
 
   gw::ServiceCheck backendCheck;
   if (!gw::installBackend(options, paths, &backendCheck, &exitCode, &error)) {
@@ -119,6 +125,7 @@ int main(int argc, char** argv) {
     return SessionStore::instance().lookup(token, info);
   };
   CLoginOpWithVerifyCode::setExposeCodeForTests(options.exposeVerifyCode);
+  VerifyCodeStore::instance().setLifetime(options.verifyCodeLifetime);
 
   std::unique_ptr<gw::PluginLibrary> plugin = gw::PluginLibrary::load(paths.plugin, &error);
   if (!plugin) {
@@ -130,6 +137,12 @@ int main(int argc, char** argv) {
   CSpecifyProc registry;
   plugin->registerOperations(&registry);
   if (registry.routes().empty()) fail("the plug-in " + paths.plugin + " registered no route");
+  std::shared_ptr<const AccessTable> access;
+  if (!gw::loadAccessTable(paths, registry, &access, &error)) {
+    fail(error);
+    registry.releaseAll();
+    return 1;
+  }
 
   gw::ServerConfig config;
   if (!gw::serverConfig(options, paths, &config, &error)) {
@@ -146,6 +159,7 @@ int main(int argc, char** argv) {
   // saw: they never wait for the backend or the session store.
   std::unique_ptr<gw::HealthMonitor> health = gw::makeHealthMonitor(backendCheck);
   dispatchOptions.health = [&health](Json::Value& answer) { return health->report(answer); };
+  dispatchOptions.access = access;
   // Metrics: counted by the server for every answer, read at GET /metrics
   // by the addresses --metrics-allow names.
   gw::Metrics metrics(gw::routeLabels(registry));
@@ -178,7 +192,13 @@ int main(int argc, char** argv) {
   std::atomic<bool> finished(false);
   std::thread signalThread([&] {
     int signal = 0;
-    while (sigwait(&stopSignals, &signal) == 0) {
+    while (sigwait(&handledSignals, &signal) == 0) {
+      // logrotate has moved the files away: write to new ones by the same
+      // names. Done here, on this thread, not in a signal handler.
+      if (signal == SIGHUP) {
+        if (!finished.load()) gw::reopenLogs(paths, accessLog.get(), auditLog.get());
+        continue;
+      }
       // Stops accepting and lets the requests in flight finish; a stop
       // before run() has started is kept and carried out when it does.
       if (!finished.load()) server.stop();
@@ -198,5 +218,6 @@ int main(int argc, char** argv) {
   health->stop();
   installTlvBackend(nullptr);
   installStateStore(nullptr);
+  setAuditSink(nullptr);
   return 0;
 }

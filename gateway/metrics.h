@@ -81,7 +81,7 @@ struct TransportCounts {
   uint64_t refusedConnections = 0;  // closed at once: over --max-connections
   uint64_t droppedConnections = 0;  // lost to a failure while serving them
   size_t waitingForWorker = 0;      // whole requests in line for a worker
-  size_t busyWorkers = 0;           // workers running an operation
+  size_t busyWorkers = 0;           // workers running an operation (logins included)
 };
 
 // What the reference host counts (backend calls and failures by command,

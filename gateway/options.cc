@@ -2,6 +2,7 @@
 
 #include "metrics.h"
 #include "remote_backend.h"
+#include "verify_code.h"
 
 namespace gw {
 
@@ -21,6 +22,7 @@ const TransportNumber kTransportNumbers[] = {
     {"--io-threads", 1, 256, "a number", NOX_SETTER(ioThreads)},
     {"--threads", 1, 1024, "a number", NOX_SETTER(threads)},
     {"--queue", 0, 1000000, "a number", NOX_SETTER(queueLimit)},
+    {"--login-threads", 1, 1024, "a number", NOX_SETTER(loginThreads)},
     {"--header-timeout", 1, 3600, "seconds", NOX_SETTER(headerTimeout)},
     {"--read-timeout", 1, 3600, "seconds", NOX_SETTER(readTimeout)},
     {"--min-body-rate", 0, 1LL << 30, "bytes per second", NOX_SETTER(minBodyRate)},
@@ -104,6 +106,8 @@ bool parseOptions(const std::vector<std::string>& args, GatewayOptions* options,
       options->logLevel = value;
     } else if (name == "--access-log") {
       options->accessLog = value;
+    } else if (name == "--audit-log") {
+      options->auditLog = value;
     } else if (name == "--max-body") {
       if (!parseNumber(value, 1024, 1LL << 32, &number)) {
         *error = "--max-body wants a number of bytes from 1024 to 4294967296, not '" + value + "'";
@@ -116,6 +120,12 @@ bool parseOptions(const std::vector<std::string>& args, GatewayOptions* options,
         return false;
       }
       options->sessionIdle = static_cast<int>(number);
+    } else if (name == "--verify-code-lifetime") {
+      if (!parseNumber(value, 1, 3600, &number)) {
+        *error = "--verify-code-lifetime wants seconds from 1 to 3600, not '" + value + "'";
+        return false;
+      }
+      options->verifyCodeLifetime = static_cast<int>(number);
     } else if (name == "--state") {
       if (value != "memory" && value.compare(0, 8, "redis://") != 0) {
         *error = "--state wants memory or redis://[[USER]:PASSWORD@]HOST[:PORT][/DB], not '" +
@@ -155,6 +165,8 @@ bool parseOptions(const std::vector<std::string>& args, GatewayOptions* options,
         return false;
       }
       options->hstsMaxAge = number;
+    } else if (name == "--access") {
+      options->access = value;
     } else if (name == "--tls-cert") {
       options->tlsCert = value;
     } else if (name == "--tls-key") {
@@ -176,8 +188,8 @@ bool parseOptions(const std::vector<std::string>& args, GatewayOptions* options,
 }
 
 std::string usageText() {
-  return "usage: nox-gateway [options]\n"
-         "  --listen HOST:PORT      address to serve (default 127.0.0.1:8080; port 0 picks a free\n"
+  return std::string("usage: nox-gateway [options]\n"
+             "  --listen HOST:PORT      address to serve (default 127.0.0.1:8080; port 0 picks a free\n"
          "                          port and prints 'listening on HOST:PORT')\n"
          "  --plugin PATH           the plug-in (default <home>/lib/libucore_nox.so)\n"
          "  --home DIR              installation folder holding bin/, lib/, conf/ (default: the\n"
@@ -191,6 +203,8 @@ std::string usageText() {
          "  --log-level LEVEL       trace, debug, info, warn, error, off (default info)\n"
          "  --access-log FILE       access log (default stderr)\n"
          "  --log-format text|json  the access log's lines: text (default) or one JSON object each\n"
+         "  --audit-log FILE        audit trail: one JSON object per line for each security\n"
+         "                          event (default: none)\n"
          "  --io-threads N          threads reading and writing connections (default: one\n"
          "                          per core)\n"
          "  --threads N             worker threads running operations; the requests beyond\n"
@@ -198,6 +212,8 @@ std::string usageText() {
          "                          --backend eight per core, at least 8)\n"
          "  --queue N               requests that may wait for a worker; beyond it 503\n"
          "                          (default 1024)\n"
+         "  --login-threads N       threads of their own for the logins, at a lower priority,\n"
+         "                          so that logins never hold up other requests (default 16)\n"
          "  --max-connections N     open connections; new ones beyond it are closed at once\n"
          "                          (default 10000)\n"
          "  --header-timeout SECONDS  time for a whole request header (default 10)\n"
@@ -219,10 +235,16 @@ std::string usageText() {
          "  --metrics-allow LIST    client addresses that may read GET /metrics, as addresses\n"
          "                          and ranges (default 127.0.0.0/8,::1; others get 404)\n"
          "  --backend-timeout SECONDS  time-out of backend requests\n"
+         "  --access FILE           the access table: who may call what (default\n"
+         "                          ../conf/access.json from bin/, else the built-in table)\n"
          "  --tls-cert FILE --tls-key FILE   serve HTTPS with this certificate and key (PEM)\n"
          "  --tls-self-signed       serve HTTPS with a key pair made in <data>/tls/ (trial runs)\n"
          "  --hsts-max-age SECONDS  over HTTPS, the max-age of Strict-Transport-Security\n"
          "                          (default 31536000, one year; 0 sends no such header)\n"
+         "  --verify-code-lifetime SECONDS  how long a GET /login challenge lives (default ") +
+         std::to_string(VerifyCodeStore::kDefaultLifetime) +
+         ";\n"
+         "                          for tests and sites that need another time)\n"
          "  --expose-verify-code    put the verification code's text into the GET /login\n"
          "                          challenge (tests only; off by default)\n"
          "  --help, --version\n";

@@ -25,10 +25,12 @@ struct GatewayOptions {
   std::string log;           // trace log file; "": stderr
   std::string logLevel = "info";
   std::string accessLog;     // access log file; "": stderr
+  std::string auditLog;      // audit trail file; "": none
   std::string state;         // "": sessions in this process; "redis://...": shared
   std::string metricsAllow = "127.0.0.0/8,::1";  // client addresses that may read /metrics
   std::string tlsCert;
   std::string tlsKey;
+  std::string access;        // the access table's file; "": ../conf/access.json or built in
   // Sizes and limits.
   size_t maxBody = size_t{2} * 1024 * 1024;
   size_t queueLimit = 1024;  // requests waiting for a worker
@@ -40,6 +42,7 @@ struct GatewayOptions {
   int listenPort = 8080;     // 0: any free port
   int ioThreads = 0;         // threads reading and writing connections; 0: one per core
   int threads = 0;           // workers running operations; 0: see defaultWorkers()
+  int loginThreads = 16;     // threads running logins
   // Times, in seconds unless named otherwise.
   int headerTimeout = 10;
   int readTimeout = 30;      // silence while a request body arrives
@@ -47,6 +50,7 @@ struct GatewayOptions {
   int writeTimeout = 30;
   int drainTimeout = 30;
   int sessionIdle = 0;       // 0: the session store's default
+  int verifyCodeLifetime = 0;  // 0: VerifyCodeStore::kDefaultLifetime
   int stateTimeoutMs = 500;  // per Redis command and connection attempt
   int backendTimeout = 0;    // 0: the host's default
   // Switches.

@@ -1,13 +1,18 @@
 #include "worker_pool.h"
 
 #include <pthread.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <utility>
 
 namespace gw {
 
-WorkerPool::WorkerPool(std::string name, size_t threads, size_t lineLimit)
-    : name_(std::move(name)), threadCount_(threads > 0 ? threads : 1), lineLimit_(lineLimit) {
+WorkerPool::WorkerPool(std::string name, size_t threads, size_t lineLimit, int niceness)
+    : name_(std::move(name)),
+      threadCount_(threads > 0 ? threads : 1),
+      lineLimit_(lineLimit),
+      niceness_(niceness) {
   threads_.reserve(threadCount_);
   for (size_t i = 0; i < threadCount_; ++i) threads_.emplace_back([this] { work(); });
 }
@@ -54,6 +59,9 @@ void WorkerPool::work() {
   // Names the thread for debuggers and top -H ("nox-operations" is cut to
   // the kernel's fifteen characters).
   pthread_setname_np(pthread_self(), ("nox-" + name_).substr(0, 15).c_str());
+  // On Linux a thread's nice value is its own; lowering one's priority is
+  // always allowed, and a failure only leaves the thread as fast as others.
+  if (niceness_ > 0) (void)setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), niceness_);
   std::unique_lock<std::mutex> lock(mutex_);
   for (;;) {
     wake_.wait(lock, [this] { return stopping_ || !line_.empty(); });

@@ -31,8 +31,11 @@ namespace gw {
 class WorkerPool {
  public:
   // `threads` (at least 1) run the jobs; at most `lineLimit` jobs wait for
-  // one (0: none wait, a job is refused unless a thread is free).
-  WorkerPool(std::string name, size_t threads, size_t lineLimit);
+  // one (0: none wait, a job is refused unless a thread is free). A
+  // `niceness` above 0 lowers the threads' scheduling priority by that much
+  // (nice(2)), so that what they compute yields the processor to the other
+  // pools' threads.
+  WorkerPool(std::string name, size_t threads, size_t lineLimit, int niceness = 0);
   ~WorkerPool();  // stop()
   WorkerPool(const WorkerPool&) = delete;
   WorkerPool& operator=(const WorkerPool&) = delete;
@@ -55,6 +58,7 @@ class WorkerPool {
   const std::string name_;
   const size_t threadCount_;
   const size_t lineLimit_;
+  const int niceness_;
   std::mutex mutex_;
   std::condition_variable wake_;
   std::deque<std::function<void()>> line_;

@@ -34,6 +34,8 @@ constexpr char kSuccess[] = "success";
 constexpr char kFailure[] = "failure";
 constexpr char kThrottled[] = "throttled";
 constexpr char kRefused[] = "refused";
+// The code of a failure that came without one (the gateway answers 500).
+constexpr long long kUncodedError = -1;
 }  // namespace audit
 
 struct AuditEvent {

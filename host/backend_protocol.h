@@ -102,6 +102,7 @@ constexpr long long kErrNotLoggedIn = 0x03000011;   // no or expired session
 constexpr long long kErrScopeDenied = 0x03000012;   // the user may not log in with this scope
 constexpr long long kErrLoginThrottled = 0x03000013;  // too many failed logins, try later
 constexpr long long kErrVerifyCode = 0x03000014;   // verification code missing, wrong or used
+constexpr long long kErrVerifyCodeExpired = 0x03000015;  // the challenge died unanswered
 constexpr long long kErrCertNotSafe = 0x60E01D0A;  // "not safe" verdict of the check
 constexpr long long kErrCertUnreadable = 0x60E01D01;   // neither PEM nor DER
 constexpr long long kErrCertExpired = 0x60E01D02;      // outside its validity dates

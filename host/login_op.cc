@@ -9,11 +9,15 @@
 #include <strings.h>
 
 #include <atomic>
+#include <ctime>
 #include <map>
 #include <mutex>
 
+#include "access_table.h"
+#include "audit.h"
 #include "backend_protocol.h"
 #include "login_op.h"
+#include "log_text.h"
 #include "login_throttle.h"
 #include "qpn_debug_kit.h"
 #include "host_counters.h"
@@ -99,6 +103,40 @@ bool countsAsFailedAttempt(long long code) {
 
 std::atomic<bool> g_exposeCode{false};
 
+// Reports a login or logout of the request in hand to the audit trail: the
+// route as the client called it ("/v1" + the registered URL on the v1
+// interface), its method and address; the user and scope as given.
+void auditSessionEvent(const CRequestMsg& request, const char* event, const char* outcome,
+                       const std::string& userName, const std::string& scope, long long code) {
+  AuditEvent e;
+  e.event = event;
+  e.outcome = outcome;
+  e.user = userName;
+  e.scope = scope;
+  const HttpRequest* connection = request.getSessionInfo().getHttpConnection();
+  e.client = connection != nullptr ? connection->clientAddress()
+                                   : request.getSessionInfo().getUserContext().clientAddress_;
+  e.route = (request.getInterfaceVersion() == "v1" ? "/v1" : "") + request.url();
+  e.method = request.method();
+  e.code = code;
+  auditEvent(std::move(e));
+}
+
+// A login's outcome by its code: 0 success, the throttle's code throttled,
+// any other failure. The user name and scope are the ones the request gave.
+void auditLogin(CRequestMsg& request, long long code) {
+  std::map<std::string, MsgValue> args;
+  request.getAllArgs(args);
+  std::string userName;
+  std::string scope;
+  argOf(args, "username", &userName);
+  argOf(args, "scope", &scope);
+  const char* outcome = code == 0                           ? audit::kSuccess
+                        : code == proto::kErrLoginThrottled ? audit::kThrottled
+                                                            : audit::kFailure;
+  auditSessionEvent(request, audit::kLogin, outcome, userName, scope, code);
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------------------
@@ -143,7 +181,9 @@ int CLoginOp::checkVerifyCode(HttpSession& session, CRequestMsg& request) {
   return 0;
 }
 
-int CLoginOp::handleLogin(CRequestMsg& request, CResponseMsg& response) {
+// Every way out of a login is reported to the audit trail: the handlers
+// below this body's end, the success at its end.
+int CLoginOp::handleLogin(CRequestMsg& request, CResponseMsg& response) try {
   CQPNDebugKitGuard guard(kModule, "CLoginOp::handleLogin");
   std::map<std::string, MsgValue> args;
   request.getAllArgs(args);
@@ -269,7 +309,14 @@ int CLoginOp::handleLogin(CRequestMsg& request, CResponseMsg& response) {
   }
   guard.info(0, "handleLogin", __LINE__, "user %s logged in from %s with scope %s, session %s",
              userName.c_str(), clientAddress.c_str(), scope.c_str(), session->getId().c_str());
+  auditLogin(request, 0);
   return 0;
+} catch (const QPNExceptionWithErrCode_& e) {
+  auditLogin(request, e.getErrCode());
+  throw;
+} catch (...) {
+  auditLogin(request, audit::kUncodedError);
+  throw;
 }
 
 int CLoginOp::handleLogout(CRequestMsg& request, CResponseMsg& response) {
@@ -279,6 +326,8 @@ int CLoginOp::handleLogout(CRequestMsg& request, CResponseMsg& response) {
   SessionStore& store = SessionStore::instance();
   if (token.empty() || !store.lookup(token, info)) {
     guard.warn(0, "handleLogout", __LINE__, "logout without a live session");
+    auditSessionEvent(request, audit::kLogout, audit::kFailure, std::string(), std::string(),
+                      proto::kErrNotLoggedIn);
     fail(proto::kErrNotLoggedIn, __LINE__);
   }
   // The session ends here, whatever the backend says next.
@@ -314,18 +363,22 @@ int CLoginOp::handleLogout(CRequestMsg& request, CResponseMsg& response) {
   writeEnvelope(response, Json::Value());
   guard.info(0, "handleLogout", __LINE__, "user %s logged out, session %s",
              user.userName_.c_str(), id.c_str());
+  auditSessionEvent(request, audit::kLogout, audit::kSuccess, user.userName_, user.scope_, 0);
   return 0;
 }
 
 int CLoginOp::handleGetLoginToken(CRequestMsg& request, CResponseMsg& response) {
   CQPNDebugKitGuard guard(kModule, "CLoginOp::handleGetLoginToken");
+  VerifyCodeStore& codes = VerifyCodeStore::instance();
   std::string challengeId;
   std::string code;
-  VerifyCodeStore::instance().issue(&challengeId, &code);
+  time_t expiresAt = 0;
+  codes.issue(&challengeId, &code, &expiresAt);
   Json::Value data(Json::objectValue);
   data["challengeId"] = challengeId;
   data["image"] = verifyCodeImage(code);
-  data["expiresIn"] = VerifyCodeStore::kLifetime;
+  data["expiresIn"] = codes.lifetime();
+  data["expiresAt"] = formatUtcMillis(static_cast<long long>(expiresAt) * 1000);
   if (CLoginOpWithVerifyCode::exposeCodeForTests()) data["code"] = code;
   writeEnvelope(response, data);
   HttpRequest* connection = request.getSessionInfo().getHttpConnection();
@@ -353,6 +406,12 @@ int CLoginOp::handleCheckCode(CRequestMsg& request, CResponseMsg& response) {
   data["expiresIn"] = store.idleTimeout();
   if (session->hasAttribute(CSessionInfo::SESS_STAT_K)) {
     data["state"] = session->getAttribute(CSessionInfo::SESS_STAT_K);
+  }
+  // What the session may call, so that a client offers only that.
+  Json::Value& permissions = data["permissions"] = Json::Value(Json::arrayValue);
+  for (const std::string& call :
+       installedAccessTable()->permissions(info.getUserContext().scope_)) {
+    permissions.append(call);
   }
   writeEnvelope(response, data);
   return 0;
@@ -425,13 +484,19 @@ int CLoginOpWithVerifyCode::checkVerifyCode(HttpSession& session, CRequestMsg& r
     guard.warn(0, "checkVerifyCode", __LINE__, "login without a verification code");
     return static_cast<int>(proto::kErrVerifyCode);
   }
-  if (!VerifyCodeStore::instance().redeem(challengeId, answer)) {
-    guard.warn(0, "checkVerifyCode", __LINE__,
-               "verification code for challenge %s is wrong, used or expired",
-               challengeId.c_str());
-    return static_cast<int>(proto::kErrVerifyCode);
+  switch (VerifyCodeStore::instance().redeem(challengeId, answer)) {
+    case CodeVerdict::kAccepted:
+      return 0;
+    case CodeVerdict::kExpired:
+      guard.warn(0, "checkVerifyCode", __LINE__, "verification code for challenge %s has expired",
+                 challengeId.c_str());
+      return static_cast<int>(proto::kErrVerifyCodeExpired);
+    case CodeVerdict::kWrongOrUsed:
+      break;
   }
-  return 0;
+  guard.warn(0, "checkVerifyCode", __LINE__, "verification code for challenge %s is wrong or used",
+             challengeId.c_str());
+  return static_cast<int>(proto::kErrVerifyCode);
 }
 
 void CLoginOpWithVerifyCode::setExposeCodeForTests(bool expose) { g_exposeCode.store(expose); }

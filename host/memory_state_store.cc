@@ -21,21 +21,22 @@ void MemoryStateStore::putSession(const std::string& key, const StoredSession& s
 }
 
 bool MemoryStateStore::touchSession(const std::string& key, time_t now, int idleSeconds,
-                                    const std::string& infoPrefix, StoredSession* session) {
-  std::string endedId;
+                                    const std::string& infoPrefix, StoredSession* session,
+                                    bool* expired) {
+  *expired = false;
   {
     std::lock_guard<std::mutex> lock(sessionMutex_);
     auto it = sessions_.find(key);
     if (it == sessions_.end()) return false;
+    *session = it->second.data;
     if (now - it->second.lastSeen < idleSeconds) {
       it->second.lastSeen = now;
-      *session = it->second.data;
       return true;
     }
-    endedId = it->second.data.id;
     sessions_.erase(it);
   }
-  removeInfo(infoPrefix + endedId);
+  *expired = true;
+  removeInfo(infoPrefix + session->id);
   return false;
 }
 
@@ -102,31 +103,34 @@ size_t MemoryStateStore::infoCount() {
   return info_.size();
 }
 
-void MemoryStateStore::putChallenge(const std::string& id, const std::string& code, time_t now,
-                                    int lifetime, size_t maxLive) {
+time_t MemoryStateStore::putChallenge(const std::string& id, const std::string& code, time_t now,
+                                      int lifetime, int keptAfter, size_t maxLive) {
   std::lock_guard<std::mutex> lock(challengeMutex_);
-  // Dead challenges go first, then the oldest while the table is full.
-  while (!challengeOrder_.empty() && (now - challengeOrder_.front().first >= lifetime ||
-                                      challenges_.size() >= maxLive)) {
+  // Forgotten challenges go first, then the oldest while the table is full.
+  while (!challengeOrder_.empty() &&
+         (now >= challengeOrder_.front().first || challenges_.size() >= maxLive)) {
     challenges_.erase(challengeOrder_.front().second);
     challengeOrder_.pop_front();
   }
   Challenge& challenge = challenges_[id];
   challenge.code = code;
-  challenge.issued = now;
-  challengeOrder_.emplace_back(now, id);
+  challenge.dies = now + lifetime;
+  challenge.forgotten = challenge.dies + keptAfter;
+  challengeOrder_.emplace_back(challenge.forgotten, id);
+  return challenge.dies;
 }
 
-bool MemoryStateStore::takeChallenge(const std::string& id, time_t now, int lifetime,
-                                     std::string* code) {
+ChallengeFound MemoryStateStore::takeChallenge(const std::string& id, time_t now,
+                                               std::string* code) {
   std::lock_guard<std::mutex> lock(challengeMutex_);
   auto it = challenges_.find(id);
-  if (it == challenges_.end()) return false;
+  if (it == challenges_.end()) return ChallengeFound::kNone;
   const Challenge challenge = it->second;
   challenges_.erase(it);
-  if (now - challenge.issued >= lifetime) return false;
+  if (now >= challenge.forgotten) return ChallengeFound::kNone;
+  if (now >= challenge.dies) return ChallengeFound::kExpired;
   *code = challenge.code;
-  return true;
+  return ChallengeFound::kLive;
 }
 
 size_t MemoryStateStore::challengeCount() {

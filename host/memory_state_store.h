@@ -3,7 +3,7 @@
 // The default store. It measures idleness and lifetimes with the `now` its
 // callers pass, so tests can move time on; nothing expires by itself between
 // calls. It keeps at most kMaxFailurePairs failure counts (quiet ones are
-// dropped first) and the `maxLive` newest challenges.
+// dropped first) and the `maxLive` newest challenges, live or expired.
 //
 // Thread-safety: every member may be called from any thread at once.
 #ifndef NOX_HOST_MEMORY_STATE_STORE_H_
@@ -30,7 +30,8 @@ class HOST_API MemoryStateStore : public StateStore {
   void putSession(const std::string& key, const StoredSession& session, time_t now,
                   int idleSeconds) override;
   bool touchSession(const std::string& key, time_t now, int idleSeconds,
-                    const std::string& infoPrefix, StoredSession* session) override;
+                    const std::string& infoPrefix, StoredSession* session,
+                    bool* expired) override;
   bool removeSession(const std::string& key, StoredSession* session) override;
   bool setSessionState(const std::string& key, const Json::Value& state) override;
   void expireSessions(time_t now, int idleSeconds, std::vector<std::string>* ended) override;
@@ -40,9 +41,9 @@ class HOST_API MemoryStateStore : public StateStore {
   int getInfo(const std::string& key) override;
   void removeInfo(const std::string& key) override;
   size_t infoCount() override;
-  void putChallenge(const std::string& id, const std::string& code, time_t now, int lifetime,
-                    size_t maxLive) override;
-  bool takeChallenge(const std::string& id, time_t now, int lifetime, std::string* code) override;
+  time_t putChallenge(const std::string& id, const std::string& code, time_t now, int lifetime,
+                      int keptAfter, size_t maxLive) override;
+  ChallengeFound takeChallenge(const std::string& id, time_t now, std::string* code) override;
   size_t challengeCount() override;
   void clearChallenges() override;
   FailureCount failures(const std::string& key, time_t now, int forgetAfter) override;
@@ -57,7 +58,8 @@ class HOST_API MemoryStateStore : public StateStore {
   };
   struct Challenge {
     std::string code;
-    time_t issued = 0;
+    time_t dies = 0;       // end of its lifetime
+    time_t forgotten = 0;  // from then on it is not known as expired either
   };
   struct Failures {
     int count = 0;
@@ -70,6 +72,7 @@ class HOST_API MemoryStateStore : public StateStore {
   std::map<std::string, int> info_;
   std::mutex challengeMutex_;
   std::map<std::string, Challenge> challenges_;
+  // (forgotten, id) in the order of issue.
   std::deque<std::pair<time_t, std::string>> challengeOrder_;
   std::mutex failureMutex_;
   std::map<std::string, Failures> failures_;

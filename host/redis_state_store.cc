@@ -18,25 +18,60 @@ constexpr int kTrialWaitMs = 20;
 
 const char kSessionPrefix[] = "nox:s:";
 const char kInfoPrefix[] = "nox:i:";
-const char kChallengePrefix[] = "nox:c:";
+// Not "nox:c:", where earlier gateways kept a challenge as a plain string:
+// during an upgrade, neither version meets a key of the other's type.
+const char kChallengePrefix[] = "nox:ch:";
 const char kFailurePrefix[] = "nox:f:";
 
-// Renews a session and its session information; answers the session's
-// fields, or an empty list when there is none.
+// A session's hash holds "ends", the server time (milliseconds) at which it
+// goes idle; the key itself lives twice the idle time, so that a token that
+// comes back after the idle time finds its session expired, not unknown.
+// Renews a live session and its session information and answers {1, fields};
+// ends an idle one (and its session information) and answers {2, fields};
+// answers {0, {}} when there is none. A hash without "ends" (written by an
+// earlier gateway) is live while its key lives.
 const char kTouchScript[] =
     "local f = redis.call('HGETALL', KEYS[1])\n"
-    "if #f == 0 then return f end\n"
-    "redis.call('EXPIRE', KEYS[1], ARGV[1])\n"
+    "if #f == 0 then return {0, f} end\n"
+    "local t = redis.call('TIME')\n"
+    "local now = tonumber(t[1]) * 1000 + math.floor(tonumber(t[2]) / 1000)\n"
+    "local ends = redis.call('HGET', KEYS[1], 'ends')\n"
     "local id = redis.call('HGET', KEYS[1], 'id')\n"
+    "if ends and now >= tonumber(ends) then\n"
+    "  redis.call('DEL', KEYS[1])\n"
+    "  if id then redis.call('DEL', ARGV[2] .. id) end\n"
+    "  return {2, f}\n"
+    "end\n"
+    "local idle = tonumber(ARGV[1]) * 1000\n"
+    "redis.call('HSET', KEYS[1], 'ends', now + idle)\n"
+    "redis.call('PEXPIRE', KEYS[1], 2 * idle)\n"
     "if id then redis.call('EXPIRE', ARGV[2] .. id, ARGV[1]) end\n"
-    "return f\n";
+    "return {1, f}\n";
 
 // Stores a session's fields (ARGV[2..]) with its idle time-out (ARGV[1]).
 const char kPutSessionScript[] =
+    "local t = redis.call('TIME')\n"
+    "local now = tonumber(t[1]) * 1000 + math.floor(tonumber(t[2]) / 1000)\n"
+    "local idle = tonumber(ARGV[1]) * 1000\n"
     "redis.call('DEL', KEYS[1])\n"
     "redis.call('HSET', KEYS[1], unpack(ARGV, 2))\n"
-    "redis.call('EXPIRE', KEYS[1], ARGV[1])\n"
+    "redis.call('HSET', KEYS[1], 'ends', now + idle)\n"
+    "redis.call('PEXPIRE', KEYS[1], 2 * idle)\n"
     "return 1\n";
+
+// The sessions among KEYS that are live now (an expired one waits for its
+// key's end or its next touch).
+const char kCountLiveScript[] =
+    "local t = redis.call('TIME')\n"
+    "local now = tonumber(t[1]) * 1000 + math.floor(tonumber(t[2]) / 1000)\n"
+    "local n = 0\n"
+    "for _, key in ipairs(KEYS) do\n"
+    "  local ends = redis.call('HGET', key, 'ends')\n"
+    "  if redis.call('EXISTS', key) == 1 and (not ends or now < tonumber(ends)) then\n"
+    "    n = n + 1\n"
+    "  end\n"
+    "end\n"
+    "return n\n";
 
 // Takes a session away; answers its fields.
 const char kRemoveSessionScript[] =
@@ -65,6 +100,23 @@ const char kAddFailureScript[] =
     "redis.call('HSET', KEYS[1], 'n', n, 'last', now)\n"
     "redis.call('EXPIRE', KEYS[1], ARGV[1])\n"
     "return {n, now, now}\n";
+
+// Stores a challenge's code (ARGV[1]) and when it dies, ARGV[2] seconds from
+// the server's time; the key lives ARGV[3] seconds longer. Answers when it dies.
+const char kPutChallengeScript[] =
+    "local dies = tonumber(redis.call('TIME')[1]) + tonumber(ARGV[2])\n"
+    "redis.call('DEL', KEYS[1])\n"
+    "redis.call('HSET', KEYS[1], 'code', ARGV[1], 'dies', dies)\n"
+    "redis.call('EXPIRE', KEYS[1], tonumber(ARGV[2]) + tonumber(ARGV[3]))\n"
+    "return dies\n";
+
+// Takes a challenge away; answers its code, when it dies and the server's
+// time, or an empty list when there is none.
+const char kTakeChallengeScript[] =
+    "local f = redis.call('HMGET', KEYS[1], 'code', 'dies')\n"
+    "if not f[1] then return {} end\n"
+    "redis.call('DEL', KEYS[1])\n"
+    "return {f[1], tonumber(f[2]), tonumber(redis.call('TIME')[1])}\n";
 
 std::string jsonText(const Json::Value& value) {
   Json::StreamWriterBuilder builder;
@@ -114,11 +166,15 @@ class RedisStateStore::Reply {
     return std::vector<const redisReply*>(reply_->element, reply_->element + reply_->elements);
   }
   // Field-value pairs of an HGETALL answer.
-  std::map<std::string, std::string> fields() const {
+  std::map<std::string, std::string> fields() const { return fieldsOf(reply_); }
+  // Field-value pairs of an HGETALL answer inside another answer.
+  static std::map<std::string, std::string> fieldsOf(const redisReply* reply) {
+    if (reply->type != REDIS_REPLY_ARRAY) throw StateStoreError("unexpected answer from Redis (no list)");
     std::map<std::string, std::string> out;
-    const std::vector<const redisReply*> e = elements();
-    for (size_t i = 0; i + 1 < e.size(); i += 2) {
-      out[std::string(e[i]->str, e[i]->len)] = std::string(e[i + 1]->str, e[i + 1]->len);
+    for (size_t i = 0; i + 1 < reply->elements; i += 2) {
+      const redisReply* name = reply->element[i];
+      const redisReply* value = reply->element[i + 1];
+      out[std::string(name->str, name->len)] = std::string(value->str, value->len);
     }
     return out;
   }
@@ -386,14 +442,21 @@ void RedisStateStore::putSession(const std::string& key, const StoredSession& s,
 }
 
 bool RedisStateStore::touchSession(const std::string& key, time_t now, int idleSeconds,
-                                   const std::string& infoPrefix, StoredSession* session) {
+                                   const std::string& infoPrefix, StoredSession* session,
+                                   bool* expired) {
   (void)now;
+  *expired = false;
   Reply r = command({"EVAL", kTouchScript, "1", kSessionPrefix + key, std::to_string(idleSeconds),
                      kInfoPrefix + infoPrefix});
-  const std::map<std::string, std::string> f = r.fields();
-  if (f.empty()) return false;
+  const std::vector<const redisReply*> e = r.elements();
+  if (e.size() != 2 || e[0]->type != REDIS_REPLY_INTEGER) {
+    throw StateStoreError("unexpected answer from Redis to a session touch");
+  }
+  const std::map<std::string, std::string> f = Reply::fieldsOf(e[1]);
+  if (e[0]->integer == 0 || f.empty()) return false;
   *session = sessionOf(f);
-  return true;
+  *expired = e[0]->integer == 2;
+  return !*expired;
 }
 
 bool RedisStateStore::removeSession(const std::string& key, StoredSession* session) {
@@ -416,7 +479,13 @@ void RedisStateStore::expireSessions(time_t now, int idleSeconds, std::vector<st
   (void)ended;
 }
 
-size_t RedisStateStore::sessionCount() { return keys(std::string(kSessionPrefix) + "*").size(); }
+size_t RedisStateStore::sessionCount() {
+  const std::vector<std::string> found = keys(std::string(kSessionPrefix) + "*");
+  if (found.empty()) return 0;
+  std::vector<std::string> words = {"EVAL", kCountLiveScript, std::to_string(found.size())};
+  words.insert(words.end(), found.begin(), found.end());
+  return static_cast<size_t>(command(words).integer());
+}
 
 void RedisStateStore::clearSessions(std::vector<std::string>* ended) {
   for (const std::string& key : keys(std::string(kSessionPrefix) + "*")) {
@@ -440,22 +509,29 @@ void RedisStateStore::removeInfo(const std::string& key) { command({"DEL", kInfo
 
 size_t RedisStateStore::infoCount() { return keys(std::string(kInfoPrefix) + "*").size(); }
 
-void RedisStateStore::putChallenge(const std::string& id, const std::string& code, time_t now,
-                                   int lifetime, size_t maxLive) {
-  // Redis drops challenges at their lifetime; memory is the site's to size.
+time_t RedisStateStore::putChallenge(const std::string& id, const std::string& code, time_t now,
+                                     int lifetime, int keptAfter, size_t maxLive) {
+  // Redis drops challenges by itself; memory is the site's to size.
   (void)now;
   (void)maxLive;
-  command({"SET", kChallengePrefix + id, code, "EX", std::to_string(lifetime)});
+  Reply r = command({"EVAL", kPutChallengeScript, "1", kChallengePrefix + id, code,
+                     std::to_string(lifetime), std::to_string(keptAfter)});
+  return static_cast<time_t>(r.integer());
 }
 
-bool RedisStateStore::takeChallenge(const std::string& id, time_t now, int lifetime,
-                                    std::string* code) {
-  (void)now;
-  (void)lifetime;
-  Reply r = command({"GETDEL", kChallengePrefix + id});
-  if (r.isNil()) return false;
-  *code = r.text();
-  return true;
+ChallengeFound RedisStateStore::takeChallenge(const std::string& id, time_t now,
+                                              std::string* code) {
+  (void)now;  // the server's time decides, as it decided when the challenge dies
+  Reply r = command({"EVAL", kTakeChallengeScript, "1", kChallengePrefix + id});
+  const std::vector<const redisReply*> e = r.elements();
+  if (e.empty()) return ChallengeFound::kNone;
+  if (e.size() != 3 || e[0]->type != REDIS_REPLY_STRING || e[1]->type != REDIS_REPLY_INTEGER ||
+      e[2]->type != REDIS_REPLY_INTEGER) {
+    throw StateStoreError("unexpected answer from Redis to taking a challenge");
+  }
+  if (e[2]->integer >= e[1]->integer) return ChallengeFound::kExpired;
+  code->assign(e[0]->str, e[0]->len);
+  return ChallengeFound::kLive;
 }
 
 size_t RedisStateStore::challengeCount() {

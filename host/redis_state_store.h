@@ -10,11 +10,13 @@
 //                             lang, state; expires after the idle time-out,
 //                             renewed on every use
 //   nox:i:<key>               RedirectInfoMgr kind; renewed with its session
-//   nox:c:<challenge id>      verification code; expires with the challenge
+//   nox:ch:<challenge id>     hash: code, dies (the server's time when the
+//                             challenge dies); expires keptAfter later, so
+//                             that an answer in between is told "expired"
 //   nox:f:<sha256 of pair>    hash: n, last; expires kForgetAfter after the
 //                             last failure
-// Taking a challenge is one GETDEL, counting a failure and renewing a session
-// one script each, so that gateways never race on a code or a count.
+// Taking a challenge, counting a failure and renewing a session are one
+// script each, so that gateways never race on a code or a count.
 //
 // Connections: a small pool, opened on demand (AUTH and SELECT as the address
 // says). Every command has the time-out given to open; a connection that
@@ -80,7 +82,8 @@ class HOST_API RedisStateStore : public StateStore {
   void putSession(const std::string& key, const StoredSession& session, time_t now,
                   int idleSeconds) override;
   bool touchSession(const std::string& key, time_t now, int idleSeconds,
-                    const std::string& infoPrefix, StoredSession* session) override;
+                    const std::string& infoPrefix, StoredSession* session,
+                    bool* expired) override;
   bool removeSession(const std::string& key, StoredSession* session) override;
   bool setSessionState(const std::string& key, const Json::Value& state) override;
   void expireSessions(time_t now, int idleSeconds, std::vector<std::string>* ended) override;
@@ -90,9 +93,9 @@ class HOST_API RedisStateStore : public StateStore {
   int getInfo(const std::string& key) override;
   void removeInfo(const std::string& key) override;
   size_t infoCount() override;
-  void putChallenge(const std::string& id, const std::string& code, time_t now, int lifetime,
-                    size_t maxLive) override;
-  bool takeChallenge(const std::string& id, time_t now, int lifetime, std::string* code) override;
+  time_t putChallenge(const std::string& id, const std::string& code, time_t now, int lifetime,
+                      int keptAfter, size_t maxLive) override;
+  ChallengeFound takeChallenge(const std::string& id, time_t now, std::string* code) override;
   size_t challengeCount() override;
   void clearChallenges() override;
   FailureCount failures(const std::string& key, time_t now, int forgetAfter) override;

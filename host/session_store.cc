@@ -3,6 +3,8 @@
 #include <mutex>
 #include <vector>
 
+#include "audit.h"
+#include "backend_protocol.h"
 #include "redirect_info.h"
 #include "secure_random.h"
 #include "state_store.h"
@@ -26,6 +28,25 @@ void forgetInfo(const std::vector<std::string>& ids) {
   } catch (const StateStoreError& e) {
     throwStateUnavailable("SessionStore", "forgetInfo", e);
   }
+}
+
+// Reports to the audit trail that the session `stored` was found idle past
+// its time (and ended) on the request `info` belongs to: the session's user
+// and scope, the request's address, path and method.
+void auditExpiry(const StoredSession& stored, const CSessionInfo& info) {
+  AuditEvent event;
+  event.event = audit::kSessionExpired;
+  event.outcome = audit::kRefused;
+  event.user = stored.user.userName_;
+  event.scope = stored.user.scope_;
+  const HttpRequest* connection = info.getHttpConnection();
+  if (connection != nullptr) {
+    event.client = connection->clientAddress();
+    event.route = connection->path();
+    event.method = connection->method();
+  }
+  event.code = proto::kErrNotLoggedIn;
+  auditEvent(std::move(event));
 }
 
 }  // namespace
@@ -87,9 +108,11 @@ void SessionStore::saveState(const std::string& token, const HttpSession& sessio
 bool SessionStore::lookup(const std::string& token, CSessionInfo& info) {
   if (token.empty()) return false;
   StoredSession stored;
+  bool expired = false;
   try {
     if (!stateStore()->touchSession(keyOf(token), impl_->now(), impl_->idle(), kSessionKeyPrefix,
-                                    &stored)) {
+                                    &stored, &expired)) {
+      if (expired) auditExpiry(stored, info);
       return false;
     }
   } catch (const StateStoreError& e) {

@@ -66,6 +66,13 @@ struct FailureCount {
   time_t now = 0;          // the store's present time, to measure the window with
 };
 
+// What StateStore::takeChallenge found.
+enum class ChallengeFound {
+  kNone,     // no such challenge: never issued, already taken, or forgotten
+  kLive,     // a challenge within its lifetime
+  kExpired,  // a challenge past its lifetime, not yet forgotten
+};
+
 class HOST_API StateStore {
  public:
   virtual ~StateStore() {}
@@ -85,9 +92,14 @@ class HOST_API StateStore {
                           int idleSeconds) = 0;
   // A live session: fills *session, restarts its idle time (and that of the
   // session information under `infoPrefix` + id) and returns true. Unknown or
-  // idle: false; an idle one is ended, its session information with it.
+  // idle: false; an idle one is ended, its session information with it, and
+  // reported: *expired true and *session what it was (false for an unknown
+  // key). A store that ends idle sessions by itself (Redis) keeps an idle
+  // session's record one more idle time, so that it can tell "expired" from
+  // "unknown" that long; the memory store keeps it until expireSessions.
   virtual bool touchSession(const std::string& key, time_t now, int idleSeconds,
-                            const std::string& infoPrefix, StoredSession* session) = 0;
+                            const std::string& infoPrefix, StoredSession* session,
+                            bool* expired) = 0;
   // Ends a session; fills *session with what it was. False when there was none.
   virtual bool removeSession(const std::string& key, StoredSession* session) = 0;
   // Sets the session's state attribute. False when there is no such session.
@@ -109,15 +121,18 @@ class HOST_API StateStore {
   virtual size_t infoCount() = 0;
 
   // --- Verification challenges ---
-  // Stores a challenge that dies `lifetime` seconds after `now`. At most
-  // `maxLive` live challenges are kept where the store counts them (memory);
-  // the oldest go first.
-  virtual void putChallenge(const std::string& id, const std::string& code, time_t now,
-                            int lifetime, size_t maxLive) = 0;
+  // Stores a challenge that dies `lifetime` seconds after `now` and is still
+  // known, as expired, for `keptAfter` seconds after that. At most `maxLive`
+  // challenges (live or expired) are kept where the store counts them
+  // (memory); the oldest go first. Returns when the challenge dies, on the
+  // store's clock.
+  virtual time_t putChallenge(const std::string& id, const std::string& code, time_t now,
+                              int lifetime, int keptAfter, size_t maxLive) = 0;
   // Takes the challenge away, atomically: of several callers at once only
-  // one gets it. True with its code when it was there and alive.
-  virtual bool takeChallenge(const std::string& id, time_t now, int lifetime,
-                             std::string* code) = 0;
+  // one finds it. kLive with its code in *code when it was there and alive;
+  // kExpired when it was there but dead (its code is not given); kNone
+  // otherwise (never issued, already taken, or forgotten).
+  virtual ChallengeFound takeChallenge(const std::string& id, time_t now, std::string* code) = 0;
   virtual size_t challengeCount() = 0;
   virtual void clearChallenges() = 0;
 

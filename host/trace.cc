@@ -9,6 +9,7 @@
 #include <mutex>
 
 #include "audit.h"
+#include "log_text.h"
 #include "qpn_debug_kit.h"
 #include "trace_sink.h"
 
@@ -122,24 +123,20 @@ std::shared_ptr<StreamTraceSink> StreamTraceSink::openFile(const std::string& pa
 }
 
 void StreamTraceSink::write(const TraceRecord& record) {
-  struct timeval tv;
-  gettimeofday(&tv, nullptr);
-  struct tm utc;
-  gmtime_r(&tv.tv_sec, &utc);
-  char stamp[32];
-  std::strftime(stamp, sizeof(stamp), "%Y-%m-%dT%H:%M:%S", &utc);
-  const std::string request =
-      record.requestId.empty() ? std::string() : " [request " + record.requestId + "]";
+  char head[96];
+  std::snprintf(head, sizeof(head), "%s %-5s [%d] ", formatUtcMillis(nowUtcMillis()).c_str(),
+                traceLevelName(record.level), record.module);
+  std::string line = head;
+  if (!record.function.empty()) line += record.function + ":" + std::to_string(record.line) + " ";
+  line += record.text;
+  if (!record.requestId.empty()) line += " [request " + record.requestId + "]";
+  // Texts carry what clients sent (user names, paths): escaped, a record
+  // stays one line and cannot pass for another.
+  line = escapeLogText(line);
+  line.push_back('\n');
   std::lock_guard<std::mutex> lock(mutex_);
-  if (record.function.empty()) {
-    std::fprintf(stream_, "%s.%03ldZ %-5s [%d] %s%s\n", stamp,
-                 static_cast<long>(tv.tv_usec / 1000), traceLevelName(record.level), record.module,
-                 record.text.c_str(), request.c_str());
-  } else {
-    std::fprintf(stream_, "%s.%03ldZ %-5s [%d] %s:%u %s%s\n", stamp,
-                 static_cast<long>(tv.tv_usec / 1000), traceLevelName(record.level), record.module,
-                 record.function.c_str(), record.line, record.text.c_str(), request.c_str());
-  }
+  std::fwrite(line.data(), 1, line.size(), stream_);
+  std::fflush(stream_);
 }
 
 void CaptureTraceSink::write(const TraceRecord& record) {

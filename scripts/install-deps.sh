@@ -6,7 +6,9 @@
 # chromium, chromium-driver and python3-selenium run the console's browser
 # test; the font lets Chromium draw the console's Chinese texts. dpkg-dev
 # and file give cpack's Debian package its Depends (dpkg-shlibdeps, and
-# cpack's test of which files are programs).
+# cpack's test of which files are programs); logrotate reads the package's
+# rotation rule in its test. libgd-dev draws the login verification picture
+# (its built-in fonts: no font package is needed).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -15,8 +17,8 @@ PACKAGES=(
   libjsoncpp-dev libtinyxml2-dev libpcre2-dev libace-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   libboost-dev libcpp-httplib-dev libssl-dev libsqlite3-dev zlib1g-dev libbrotli-dev
-  openssl curl python3 binutils clang-tidy cppcheck valgrind dpkg-dev file
-  libhiredis-dev redis-server nginx-light prometheus
+  openssl curl python3 binutils clang-tidy cppcheck valgrind dpkg-dev file logrotate
+  libhiredis-dev libgd-dev redis-server nginx-light prometheus
   chromium chromium-driver python3-selenium fonts-wqy-microhei
 )
 # Node and npm for tools/api: Debian's, unless a node is installed already

@@ -12,6 +12,7 @@ export const CONSOLE_HEADER = ['X-Requested-With', 'nox-console'];
 export const ERR_SESSION_REQUIRED = 0x03000011;
 export const ERR_LOGIN_THROTTLED = 0x03000013;
 export const ERR_VERIFY_CODE = 0x03000014;
+export const ERR_VERIFY_CODE_EXPIRED = 0x03000015;
 export const MAX_UPLOAD_BYTES = 1048576;
 
 export class ApiError extends Error {

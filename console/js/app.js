@@ -13,6 +13,15 @@ import * as storage from './storage.js';
 
 const PAGES = {signin, tasks, alarms, certificates, storage};
 const DEFAULT_PAGE = 'tasks';
+// The calls each page makes; a page shows when the session may make one of
+// them (GET /sessions lists what it may, from the gateway's access table).
+const PAGE_CALLS = {
+  tasks: ['GET /kestrel_task'],
+  alarms: ['GET /alarm/historyalarm'],
+  certificates: ['POST /kestrel_cert/import_cert', 'POST /kestrel_hypervisor/import_cert',
+    'POST /kestrel_cert/import_crl'],
+  storage: ['GET /kestrel_dbbackup_storage_conf/get_dbbackup_storage_conf'],
+};
 
 let session = null;  // {userName, scope, language} of GET /sessions, never the token
 let current = null;  // the page shown
@@ -23,8 +32,20 @@ function notice(key) {
   say(byId('notice'), key ? t(key) : '');
 }
 
+// Whether the session may make `call` ("POST /kestrel_cert/import_crl").
+function may(call) {
+  const path = call.slice(call.indexOf(' ') + 1);
+  const permissions = session?.permissions ?? [];
+  return permissions.includes(call) || permissions.includes(`* ${path}`);
+}
+
+function mayOpen(page) {
+  return PAGE_CALLS[page].some(may);
+}
+
 function showAccount() {
   byId('nav').hidden = !session;
+  for (const link of byId('nav').querySelectorAll('a')) link.hidden = !mayOpen(link.dataset.page);
   byId('sign-out').hidden = !session;
   byId('who').textContent = session ? t('signedInAs', {user: session.userName}) : '';
 }
@@ -32,8 +53,8 @@ function showAccount() {
 function wantedPage() {
   const name = window.location.hash.replace(/^#\/?/, '');
   if (!session) return 'signin';
-  if (name === 'signin' || !PAGES[name]) return DEFAULT_PAGE;
-  return name;
+  if (name !== 'signin' && PAGES[name] && mayOpen(name)) return name;
+  return mayOpen(DEFAULT_PAGE) ? DEFAULT_PAGE : Object.keys(PAGE_CALLS).find(mayOpen) ?? DEFAULT_PAGE;
 }
 
 function route() {
@@ -78,6 +99,7 @@ const context = {
     route();
   },
   language: currentLanguage,
+  may,
 };
 
 function retranslate() {

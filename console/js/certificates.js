@@ -70,7 +70,10 @@ async function send(kind, route, input) {
   showVerdict(kind);
 }
 
-export function init() {
+let context = null;
+
+export function init(app) {
+  context = app;
   byId('cert-form').addEventListener('submit', (event) => {
     event.preventDefault();
     send('cert', byId('cert-target').value, byId('cert-file'));
@@ -88,7 +91,15 @@ export function init() {
   }
 }
 
-export function enter() {}
+// Offers only the imports the session may make.
+export function enter() {
+  const target = byId('cert-target');
+  for (const option of target.options) option.hidden = !context.may(`POST ${option.value}`);
+  const first = [...target.options].find((option) => !option.hidden);
+  if (first && target.selectedOptions[0]?.hidden) target.value = first.value;
+  byId('cert-form').hidden = !first;
+  byId('crl-form').hidden = !context.may(`POST ${byId('crl-form').dataset.route}`);
+}
 
 export function retranslate() {
   showVerdict('cert');

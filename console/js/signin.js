@@ -3,7 +3,8 @@
 // challenge (GET /login). The password and the challenge stay in this page's
 // form and memory only; the session itself is the HttpOnly cookie the
 // gateway sets.
-import {ApiError, ERR_LOGIN_THROTTLED, ERR_VERIFY_CODE, api} from './api.js';
+import {ApiError, ERR_LOGIN_THROTTLED, ERR_VERIFY_CODE, ERR_VERIFY_CODE_EXPIRED, api}
+  from './api.js';
 import {byId, say} from './dom.js';
 import {codeText, currentLanguage, errorText, t} from './i18n.js';
 
@@ -11,6 +12,8 @@ let context = null;
 let challengeId = '';
 let waitUntil = 0;  // ms since the epoch; the throttle's wait ends then
 let waitTimer = 0;
+let codeTimer = 0;  // fetches the next picture when the shown one expires
+let challengeAsked = 0;  // only the latest challenge asked for is shown
 let lastError = null;  // shown again in another language
 
 const needsCode = () => byId('signin-scope').value !== '4';
@@ -28,15 +31,22 @@ function showError(error) {
   }
 }
 
+// A new picture replaces the shown one a second before the shown one
+// expires (the gateway counts whole seconds). expiresIn is relative, so a
+// wrong clock on this computer does not matter.
 async function newChallenge() {
+  window.clearTimeout(codeTimer);
+  const asked = ++challengeAsked;
   challengeId = '';
   const image = byId('signin-code-image');
   image.removeAttribute('src');
   byId('signin-code').value = '';
   try {
     const answer = await api('GET', '/login', {isPublic: true});
+    if (asked !== challengeAsked) return;
     challengeId = answer.data.challengeId;
     image.src = answer.data.image;
+    codeTimer = window.setTimeout(newChallenge, Math.max(1, answer.data.expiresIn - 1) * 1000);
   } catch (e) {
     showError('signin.codeFailed');
   }
@@ -46,6 +56,7 @@ function showChallenge() {
   const wanted = needsCode();
   byId('signin-challenge').hidden = !wanted;
   if (wanted) newChallenge();
+  else window.clearTimeout(codeTimer);
 }
 
 function tick() {
@@ -102,13 +113,17 @@ async function submit(event) {
     button.disabled = false;
     if (e instanceof ApiError && e.code === ERR_LOGIN_THROTTLED) {
       startCountdown(e.retryAfter);
+    } else if (e instanceof ApiError && e.code === ERR_VERIFY_CODE_EXPIRED) {
+      showError('signin.codeExpired');
     } else {
       showError(e instanceof ApiError ? e : new ApiError(0, 0, ''));
     }
     // A challenge takes one answer, right or wrong.
     if (needsCode()) {
       await newChallenge();
-      if (e.code === ERR_VERIFY_CODE) byId('signin-code').focus();
+      if (e.code === ERR_VERIFY_CODE || e.code === ERR_VERIFY_CODE_EXPIRED) {
+        byId('signin-code').focus();
+      }
     }
   }
 }
@@ -133,6 +148,7 @@ export function enter() {
 export function leave() {
   byId('signin-password').value = '';
   challengeId = '';
+  window.clearTimeout(codeTimer);
 }
 
 export function retranslate() {

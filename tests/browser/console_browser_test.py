@@ -241,7 +241,7 @@ class ConsoleTestBase(unittest.TestCase):
         self.el("signin-password").send_keys(password)
         if scope != "4":
             self.wait.until(lambda d: d.find_element(By.ID, "signin-code-image")
-                            .get_attribute("src").startswith("data:image/svg+xml"))
+                            .get_attribute("src").startswith("data:image/png;base64,"))
             code = self.latest_challenge()
             self.el("signin-code").clear()
             self.el("signin-code").send_keys(code)
@@ -320,7 +320,7 @@ class ConsoleBrowserTest(ConsoleTestBase):
         self.visible("page-signin")
         Select(self.el("signin-scope")).select_by_value("0")
         image = self.el("signin-code-image")
-        self.wait.until(lambda d: image.get_attribute("src").startswith("data:image/svg+xml"))
+        self.wait.until(lambda d: image.get_attribute("src").startswith("data:image/png;base64,"))
         self.wait.until(lambda d: d.execute_script(
             "return arguments[0].complete && arguments[0].naturalWidth > 0", image))
         first = image.get_attribute("src")
@@ -612,6 +612,39 @@ class ConsoleBrowserTest(ConsoleTestBase):
         self.assertFalse(self.el("tasks-auto").is_selected())
 
 
+    def test_13_each_scope_sees_what_it_may_do(self):
+        """The auditor reads only: no certificates page, and its address
+        leads to the tasks. An API client imports but has no other
+        certificate page than the imports it may make."""
+        self.open_console()
+        self.sign_in(user="auditor", scope="1")
+        link = self.driver.find_element(By.CSS_SELECTOR, "#nav a[data-page=certificates]")
+        self.assertFalse(link.is_displayed())
+        for page in ("tasks", "alarms", "storage"):
+            self.assertTrue(self.driver.find_element(
+                By.CSS_SELECTOR, f"#nav a[data-page={page}]").is_displayed(), page)
+        self.driver.get(self.gateway.base + "/console/#/certificates")
+        self.visible("page-tasks")
+        self.assertTrue(self.driver.current_url.endswith("#/tasks"))
+        # What the page hides, the gateway refuses: the table decides.
+        status = self.driver.execute_script(
+            "const form = new FormData(); form.append('file', new Blob(['x']), 'x.pem');"
+            "return fetch('/kestrel_cert/import_crl', {method: 'POST', body: form,"
+            " credentials: 'same-origin', headers: {'X-Requested-With': 'nox-console'}})"
+            ".then(r => r.json().then(j => [r.status, j.error.code]))")
+        self.assertEqual(status, [403, 0x03000208])
+        self.el("sign-out").click()
+        self.visible("page-signin")
+        self.sign_in()
+        link = self.driver.find_element(By.CSS_SELECTOR, "#nav a[data-page=certificates]")
+        self.assertTrue(link.is_displayed())
+        link.click()
+        self.visible("page-certificates")
+        self.assertTrue(self.el("crl-form").is_displayed())
+        self.assertTrue(self.el("cert-form").is_displayed())
+        self.assert_no_page_errors()
+
+
 class ConsoleSessionExpiryTest(ConsoleTestBase):
     # Long enough that a busy machine never lets the session lapse between
     # the sign-in and the requests of the first page (two seconds once did).
@@ -633,6 +666,52 @@ class ConsoleSessionExpiryTest(ConsoleTestBase):
         self.wait_text("notice", "Your session has expired")
         self.assertTrue(self.driver.current_url.endswith("#/signin"))
         self.shot("session-expired")
+
+
+class ConsoleCodeExpiryTest(ConsoleTestBase):
+    # Short enough to wait for, long enough that the page shows a picture
+    # for a few seconds (it asks for the next one a second before the end).
+    LIFETIME = 4
+
+    @classmethod
+    def gateway_options(cls):
+        return ["--verify-code-lifetime", str(cls.LIFETIME)]
+
+    def show_a_picture(self):
+        self.open_console()
+        self.visible("page-signin")
+        Select(self.el("signin-scope")).select_by_value("0")
+        image = self.el("signin-code-image")
+        self.wait.until(lambda d: image.get_attribute("src").startswith("data:image/png;base64,"))
+        return image
+
+    def test_an_expiring_picture_is_replaced_by_itself(self):
+        image = self.show_a_picture()
+        first = image.get_attribute("src")
+        asked = len(self.gateway.access_lines("GET /login "))
+        # No click: the page fetches the next challenge before this one ends.
+        self.wait.until(lambda d: image.get_attribute("src") not in ("", None, first))
+        self.assertGreater(len(self.gateway.access_lines("GET /login ")), asked)
+
+    def test_an_expired_answer_has_its_own_text(self):
+        image = self.show_a_picture()
+        # The page's clock stands still (its timer cannot replace the
+        # picture) while the challenge dies at the gateway, as when a
+        # computer sleeps with the page open.
+        self.driver.execute_cdp_cmd("Emulation.setVirtualTimePolicy", {"policy": "pause"})
+        shown = image.get_attribute("src")
+        code = self.latest_challenge()
+        time.sleep(self.LIFETIME + 1)
+        self.el("signin-user").send_keys("admin")
+        self.el("signin-password").send_keys(PASSWORD)
+        self.el("signin-code").send_keys(code)
+        self.el("signin-submit").click()
+        self.assertEqual(self.wait_text("signin-error", "expired"),
+                         "The verification code had expired. Type the characters of the new "
+                         "picture.")
+        self.wait.until(lambda d: image.get_attribute("src") not in ("", None, shown))
+        self.el("lang-switch").click()
+        self.assertEqual(self.wait_text("signin-error", "过期"), "验证码已过期，请输入新图片中的字符。")
 
 
 def main():

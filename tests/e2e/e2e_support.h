@@ -87,6 +87,33 @@ inline std::string loginToken(httplib::Client& client, const std::string& passwo
   return parseJson(res->body)["data"]["token"].asString();
 }
 
+// Logs in on "/login" with the verification code, which a gateway started
+// with --expose-verify-code puts into its challenge: the console's way in,
+// and the only one for the administrator (scope "0") and the auditor ("1").
+// Returns the session token ("" and a test failure when refused).
+inline std::string codeLoginToken(httplib::Client& client, const std::string& password,
+                                  const std::string& user = "admin",
+                                  const std::string& scope = "0") {
+  auto challenge = client.Get("/login");
+  if (!challenge || challenge->status != 200) {
+    ADD_FAILURE() << "no challenge: " << (challenge ? challenge->body : "no answer");
+    return "";
+  }
+  const Json::Value data = parseJson(challenge->body)["data"];
+  Json::Value body;
+  body["username"] = user;
+  body["password"] = password;
+  body["scope"] = scope;
+  body["challengeId"] = data["challengeId"];
+  body["verifyCode"] = data["code"];
+  auto res = client.Post("/login", Json::FastWriter().write(body), "application/json");
+  if (!res || res->status != 200) {
+    ADD_FAILURE() << "login failed: " << (res ? res->body : "no answer");
+    return "";
+  }
+  return parseJson(res->body)["data"]["token"].asString();
+}
+
 // A test with its own running gateway: started before the test body with
 // --expose-verify-code, stopped after it, and the stop must end the process
 // with status 0.
@@ -107,6 +134,11 @@ class LiveGatewayTest : public ::testing::Test {
   std::string login(const std::string& user = "apiuser", const std::string& scope = "4",
                     const std::string& language = "en") {
     return loginToken(*client_, gateway_.password(), user, scope, language);
+  }
+
+  // Logs in as the administrator (or `user` with `scope`) on "/login".
+  std::string adminLogin(const std::string& user = "admin", const std::string& scope = "0") {
+    return codeLoginToken(*client_, gateway_.password(), user, scope);
   }
 
   static httplib::Headers auth(const std::string& token) {

@@ -158,6 +158,10 @@ void GatewayProcess::terminate() {
   if (pid_ > 0) kill(pid_, SIGTERM);
 }
 
+void GatewayProcess::sendSignal(int signo) {
+  if (pid_ > 0) kill(pid_, signo);
+}
+
 int GatewayProcess::stop() {
   if (pid_ <= 0) return exitStatus_;
   kill(pid_, SIGTERM);

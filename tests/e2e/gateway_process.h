@@ -38,6 +38,9 @@ class GatewayProcess {
   // Sends SIGTERM and returns at once: the gateway drains while the test
   // goes on; stop() then waits for its end.
   void terminate();
+  // Sends `signo` to the running gateway (SIGHUP: reopen the log files) and
+  // returns at once.
+  void sendSignal(int signo);
 
   int port() const { return port_; }
   const std::string& dataDir() const { return dataDir_; }

@@ -172,10 +172,12 @@ TEST(TransportE2E, AClientThatStopsReadingHoldsNoWorker) {
 
 TEST(TransportE2E, HealthNeverWaitsForOperationsAndAFullLineIsRefused) {
   GatewayProcess gateway;
-  ASSERT_TRUE(gateway.start({"--threads", "1", "--queue", "0"})) << gateway.output();
+  ASSERT_TRUE(gateway.start({"--threads", "1", "--login-threads", "1", "--queue", "0"}))
+      << gateway.output();
   httplib::Client client("127.0.0.1", gateway.port());
   recordExchanges(client);
-  // A login holds its worker for a second: the only worker is busy.
+  const std::string token = loginToken(client, gateway.password());
+  // A login holds its thread for a second: the only login thread is busy.
   RawClient login(gateway.port());
   ASSERT_TRUE(login.send(loginRequest(gateway.password())));
   ASSERT_TRUE(eventually([&] { return metric(client, "nox_workers_busy") == 1; }))
@@ -184,8 +186,13 @@ TEST(TransportE2E, HealthNeverWaitsForOperationsAndAFullLineIsRefused) {
   ASSERT_TRUE(health);
   EXPECT_EQ(health->status, 200);
   EXPECT_FALSE(login.readable()) << "the health check waited for the login";
-  // No worker free and no room in line: refused at once, with a hint.
-  auto refused = client.Get("/kestrel_task/count", httplib::Headers{{"X-Auth-Token", "x"}});
+  // Logins have threads of their own: an operation still has its worker.
+  auto count = client.Get("/kestrel_task/count", httplib::Headers{{"X-Auth-Token", token}});
+  ASSERT_TRUE(count);
+  EXPECT_EQ(count->status, 200) << count->body;
+  EXPECT_FALSE(login.readable()) << "the operation waited for the login";
+  // No login thread free and no room in line: refused at once, with a hint.
+  auto refused = client.Post("/sessions", "{}", "application/json");
   ASSERT_TRUE(refused);
   EXPECT_EQ(refused->status, 503);
   EXPECT_EQ(refused->get_header_value("Retry-After"), "1");

@@ -68,11 +68,16 @@ TEST_F(UploadsE2E, CertificateFileRules) {
   expectEnvelope(client_->Post("/kestrel_cert/import_cert", auth(token_), "", "application/json"),
                  400, kErrNoUpload);
   // Only POST imports: PUT passes the route's check and is refused by the
-  // operation; on the CRL route it is refused at once. Both are 405.
-  expectEnvelope(client_->Put("/kestrel_cert/import_cert", auth(token_), "", "text/plain"), 405,
+  // operation; on the CRL route it is refused at once. Both are 405 for the
+  // administrator, whom the access table lets try any method; an API client
+  // may only POST here.
+  const std::string admin = adminLogin();
+  expectEnvelope(client_->Put("/kestrel_cert/import_cert", auth(admin), "", "text/plain"), 405,
                  0x03000202);
-  expectEnvelope(client_->Put("/kestrel_cert/import_crl", auth(token_), "", "text/plain"), 405,
+  expectEnvelope(client_->Put("/kestrel_cert/import_crl", auth(admin), "", "text/plain"), 405,
                  0x03000202);
+  expectEnvelope(client_->Put("/kestrel_cert/import_crl", auth(token_), "", "text/plain"), 403,
+                 0x03000208);
 }
 
 TEST_F(UploadsE2E, CrlVerdicts) {

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "audit.h"
 #include "backend_protocol.h"
 #include "error_table.h"
 #include "http_mapping.h"
@@ -129,6 +130,9 @@ class MappingTest : public ::testing::Test {
         [](const std::string& token, CSessionInfo& info) {
           if (token != "good") return false;
           info.getUserContext().userName_ = "apiuser";
+          // The administrator: every route, including those the access
+          // table does not name ("/any").
+          info.getUserContext().scope_ = "0";
           info.setLanguage("zh");
           return true;
         },
@@ -491,9 +495,48 @@ TEST_F(MappingTest, JsonBodyBecomesMembers) {
   EXPECT_EQ(seen_.json["scope"].asString(), "4");
   run("POST", "/sessions", {}, "{\"username\":\"u2\"}");  // no type: read as JSON
   EXPECT_EQ(seen_.json["username"].asString(), "u2");
-  run("POST", "/sessions", {{"Content-Type", "application/x-www-form-urlencoded"}},
+  run("POST", "/sessions",
+      {{"Content-Type", "application/x-www-form-urlencoded"}, {"X-Requested-With", "nox-console"}},
       "username=u3&password=a%26b");
   EXPECT_EQ(seen_.json["password"].asString(), "a&b");
+}
+
+// A page of another site can post a form to a login and sign the browser in
+// to the page's own account; only the console (which adds the header) may
+// log in with a form. JSON logins need no header: a cross-site JSON request
+// needs a CORS preflight that the gateway never grants.
+TEST_F(MappingTest, LoginFormsNeedTheConsoleHeader) {
+  const struct {
+    const char* type;
+    const char* body;
+  } kForms[] = {
+      {"application/x-www-form-urlencoded", "username=u&password=p&scope=4"},
+      {"Application/X-WWW-Form-Urlencoded; charset=utf-8", "username=u&password=p&scope=4"},
+  };
+  for (const auto& form : kForms) {
+    for (const char* route : {"/sessions", "/login"}) {
+      const HttpOutput out = run("POST", route, {{"Content-Type", form.type}}, form.body);
+      EXPECT_EQ(out.status, 403) << route << " " << form.type;
+      EXPECT_EQ(out.body,
+                "{\"data\":null,\"error\":{\"code\":50332169,\"description\":\"A login sent as a "
+                "form must carry X-Requested-With: nox-console.\"}}");
+      EXPECT_FALSE(out.compressible);
+    }
+  }
+  // multipart/form-data is a form too.
+  HttpInput in;
+  in.method = "POST";
+  in.target = "/sessions";
+  in.multipart = true;
+  in.parts.push_back(gw::FormPart{"username", "", "", "u"});
+  in.clientAddress = "127.0.0.1";
+  EXPECT_EQ(dispatcher().handle(in).code, gw::kErrFormLoginNeedsConsole);
+  EXPECT_EQ(seen_.calls, 0);
+  // A form elsewhere is no login: the console header is not asked for.
+  run("POST", "/any", {{"X-Auth-Token", "good"}, {"Content-Type", "application/x-www-form-urlencoded"}},
+      "a=1");
+  EXPECT_EQ(seen_.calls, 1);
+  EXPECT_EQ(seen_.json["a"].asString(), "1");
 }
 
 TEST_F(MappingTest, BrokenJsonIs400AndNoOperationRuns) {
@@ -549,6 +592,7 @@ TEST_F(MappingTest, CodedFailures) {
       {0x03000003, true, "The user scope is invalid.", 400, "The user scope is invalid."},
       {0x03000010, true, "host/login", 401, "The user name or password is wrong."},
       {0x03000013, true, "host/login", 429, "Too many failed logins. Try again later."},
+      {0x03000015, true, "host/login", 401, "The verification code has expired. Ask for a new one."},
       {0x03000004, true, "x", 404, "The object does not exist."},
       {0x60E01D02, true, "x", 422, "The certificate is outside its validity dates."},
       {0x60E01D7F, true, "x", 422, "The certificate or CRL was refused."},
@@ -692,6 +736,139 @@ TEST(ErrorTableTest, StatusTable) {
   EXPECT_EQ(gw::httpStatusForCode(-1), 500);
   EXPECT_EQ(gw::toCompactJson(gw::errorEnvelope(7, "x")),
             "{\"data\":null,\"error\":{\"code\":7,\"description\":\"x\"}}");
+}
+
+// Keeps every audit record, for the tests.
+class AuditCapture : public AuditSink {
+ public:
+  void write(const AuditEvent& event) override { events.push_back(event); }
+  std::vector<AuditEvent> events;
+};
+
+// The access table decides before any operation runs: the shipped table on
+// routes registered as the plug-in registers them, with one session per
+// scope.
+class AccessMappingTest : public ::testing::Test {
+ protected:
+  AccessMappingTest() {
+    for (const char* url : {"/kestrel_cert/import_crl", "/kestrel_task", "/sessions",
+                            "/alarm/historyalarm/count"}) {
+      registry_.regReqProc(url, new FakeOp(&seen_, writeEnvelope), true);
+    }
+    registry_.regReqProcV1("/alarm/historyalarm/count", new FakeOp(&seen_, writeEnvelope), true);
+    setAuditSink(audit_);
+  }
+  ~AccessMappingTest() override { setAuditSink(nullptr); }
+
+  // Token "scope-N" is a session of scope N, in Chinese for N = 1.
+  HttpOutput run(const std::string& method, const std::string& target, const std::string& token,
+                 const std::string& language = "") {
+    gw::DispatchOptions options;
+    options.access = std::make_shared<const AccessTable>(AccessTable::defaults());
+    Dispatcher dispatcher(
+        registry_,
+        [](const std::string& t, CSessionInfo& info) {
+          if (t.compare(0, 6, "scope-") != 0) return false;
+          info.getUserContext().userName_ = "user" + t.substr(6);
+          info.getUserContext().scope_ = t.substr(6);
+          info.setLanguage(t == "scope-1" ? "zh" : "en");
+          return true;
+        },
+        options);
+    HttpInput in;
+    in.method = method;
+    in.target = target + (language.empty() ? "" : "?LANGUAGE=" + language);
+    in.headers = {{"X-Auth-Token", token}};
+    in.clientAddress = "10.0.0.9";
+    return dispatcher.handle(in);
+  }
+
+  CSpecifyProc registry_;
+  Seen seen_;
+  std::shared_ptr<AuditCapture> audit_ = std::make_shared<AuditCapture>();
+};
+
+TEST_F(AccessMappingTest, EachScopeCallsWhatTheTableAllows) {
+  const struct {
+    const char* method;
+    const char* path;
+    const char* token;
+    int status;
+  } kCases[] = {
+      {"POST", "/kestrel_cert/import_crl", "scope-0", 200},
+      {"POST", "/kestrel_cert/import_crl", "scope-4", 200},
+      {"POST", "/kestrel_cert/import_crl", "scope-1", 403},  // the auditor reads only
+      {"POST", "/kestrel_cert/import_crl", "scope-7", 403},  // a scope nobody named
+      {"GET", "/kestrel_task", "scope-1", 200},
+      {"HEAD", "/kestrel_task", "scope-1", 200},
+      {"GET", "/kestrel_task", "scope-4", 200},
+      {"GET", "/alarm/historyalarm/count", "scope-1", 200},
+      {"GET", "/v1/alarm/historyalarm/count", "scope-4", 200},
+      {"POST", "/alarm/historyalarm/count", "scope-1", 403},  // not a read
+      {"POST", "/v1/alarm/historyalarm/count", "scope-4", 403},
+      {"POST", "/alarm/historyalarm/count", "scope-0", 200},
+      {"DELETE", "/sessions", "scope-1", 200},  // everyone may sign out
+      {"DELETE", "/sessions", "scope-4", 200},
+      {"PUT", "/sessions", "scope-1", 403},  // no rule: the administrator's only
+      {"PUT", "/sessions", "scope-0", 200},
+      {"POST", "/sessions", "", 200},  // logins are public
+      {"POST", "/kestrel_cert/import_crl", "", 401},  // no session comes first
+  };
+  for (const auto& c : kCases) {
+    seen_.calls = 0;
+    const HttpOutput out = run(c.method, c.path, c.token);
+    EXPECT_EQ(out.status, c.status) << c.method << " " << c.path << " " << c.token << " "
+                                    << out.body;
+    EXPECT_EQ(seen_.calls, c.status == 200 ? 1 : 0) << c.method << " " << c.path;
+  }
+}
+
+TEST_F(AccessMappingTest, ARefusalHasItsOwnCodeAndTextInBothLanguages) {
+  HttpOutput out = run("POST", "/kestrel_cert/import_crl", "scope-4", "zh");
+  EXPECT_EQ(out.status, 200);
+  out = run("POST", "/kestrel_cert/import_crl", "scope-1");  // the session is Chinese
+  EXPECT_EQ(out.status, 403);
+  EXPECT_EQ(out.code, gw::kErrScopeForbidden);
+  EXPECT_EQ(out.body,
+            "{\"data\":null,\"error\":{\"code\":50332168,\"description\":\"当前用户的角色不允许此"
+            "操作，请联系管理员。\"}}");
+  EXPECT_EQ(out.user, "user1");  // the access log names who was refused
+  out = run("POST", "/kestrel_cert/import_crl", "scope-1", "en");
+  EXPECT_EQ(out.body,
+            "{\"data\":null,\"error\":{\"code\":50332168,\"description\":\"The signed-in user's "
+            "scope does not allow this call. Ask an administrator.\"}}");
+}
+
+TEST_F(AccessMappingTest, RefusalsAndChangesAreAudited) {
+  run("GET", "/kestrel_task", "scope-1");  // a read: not audited
+  run("POST", "/kestrel_cert/import_crl", "scope-1");
+  run("POST", "/kestrel_cert/import_crl", "scope-4");
+  ASSERT_EQ(audit_->events.size(), 2U);
+  const AuditEvent& denied = audit_->events[0];
+  EXPECT_EQ(denied.event, "denied");
+  EXPECT_EQ(denied.outcome, "refused");
+  EXPECT_EQ(denied.user, "user1");
+  EXPECT_EQ(denied.scope, "1");
+  EXPECT_EQ(denied.client, "10.0.0.9");
+  EXPECT_EQ(denied.route, "/kestrel_cert/import_crl");
+  EXPECT_EQ(denied.method, "POST");
+  EXPECT_EQ(denied.code, gw::kErrScopeForbidden);
+  EXPECT_GT(denied.timeMs, 0);
+  const AuditEvent& change = audit_->events[1];
+  EXPECT_EQ(change.event, "change");
+  EXPECT_EQ(change.outcome, "success");
+  EXPECT_EQ(change.scope, "4");
+  EXPECT_EQ(change.code, 0);
+}
+
+TEST(ErrorTableTest, ChineseTextsWhereThereIsOne) {
+  EXPECT_EQ(gw::describeCode(gw::kErrScopeForbidden, "en"), gw::describeCode(gw::kErrScopeForbidden));
+  EXPECT_EQ(gw::describeCode(gw::kErrScopeForbidden, "zh"),
+            "当前用户的角色不允许此操作，请联系管理员。");
+  // Codes without a Chinese text keep their English one.
+  EXPECT_EQ(gw::describeCode(gw::kErrRouteNotFound, "zh"), "No such path.");
+  EXPECT_EQ(gw::httpStatusForCode(gw::kErrScopeForbidden), 403);
+  EXPECT_EQ(gw::httpStatusForCode(gw::kErrFormLoginNeedsConsole), 403);
 }
 
 }  // namespace

@@ -92,6 +92,27 @@ TEST(GatewayOptionsTest, ReadTimeout) {
   }
 }
 
+// --verify-code-lifetime shortens or lengthens the GET /login challenge's
+// life (tests of its expiry, special sites); 0 keeps the store's default.
+TEST(GatewayOptionsTest, VerifyCodeLifetime) {
+  gw::GatewayOptions options;
+  std::string error;
+  ASSERT_TRUE(gw::parseOptions({}, &options, &error));
+  EXPECT_EQ(options.verifyCodeLifetime, 0);
+  ASSERT_TRUE(gw::parseOptions({"--verify-code-lifetime", "2"}, &options, &error)) << error;
+  EXPECT_EQ(options.verifyCodeLifetime, 2);
+  ASSERT_TRUE(gw::parseOptions({"--verify-code-lifetime=3600"}, &options, &error)) << error;
+  EXPECT_EQ(options.verifyCodeLifetime, 3600);
+  for (const char* bad : {"0", "3601", "2m"}) {
+    EXPECT_FALSE(gw::parseOptions({"--verify-code-lifetime", bad}, &options, &error)) << bad;
+    EXPECT_EQ(error, std::string("--verify-code-lifetime wants seconds from 1 to 3600, not '") +
+                         bad + "'");
+  }
+  EXPECT_NE(gw::usageText().find("--verify-code-lifetime SECONDS  how long a GET /login "
+                                 "challenge lives (default 120;"),
+            std::string::npos);
+}
+
 // --hsts-max-age sets the Strict-Transport-Security max-age sent over HTTPS:
 // one year unless told, 0 for no header at all.
 TEST(GatewayOptionsTest, HstsMaxAge) {
@@ -171,12 +192,22 @@ TEST(GatewayOptionsTest, HostPort) {
   EXPECT_FALSE(gw::parseHostPort("h:", &host, &port));
 }
 
+TEST(GatewayOptionsTest, AuditLogIsOffUnlessNamed) {
+  gw::GatewayOptions options;
+  std::string error;
+  ASSERT_TRUE(gw::parseOptions({}, &options, &error));
+  EXPECT_EQ(options.auditLog, "");
+  ASSERT_TRUE(gw::parseOptions({"--audit-log", "/var/log/nox-gateway/audit.log"}, &options, &error));
+  EXPECT_EQ(options.auditLog, "/var/log/nox-gateway/audit.log");
+  EXPECT_NE(gw::usageText().find("--audit-log FILE"), std::string::npos);
+}
+
 TEST(AccessLogTest, LineFormat) {
   gw::AccessRecord record{"127.0.0.1", "GET", "/healthz", 200, 15, 0, "", "", "r1"};
   EXPECT_EQ(gw::formatAccess(record), "127.0.0.1 GET /healthz 200 15 0ms -");
   // A client cannot break the line or fake a field.
   gw::AccessRecord odd{"127.0.0.1", "GET", "/a b\nforged 200", 404, 0, 12, "u ser", "", ""};
-  EXPECT_EQ(gw::formatAccess(odd), "127.0.0.1 GET /a_b_forged_200 404 0 12ms u_ser");
+  EXPECT_EQ(gw::formatAccess(odd), "127.0.0.1 GET /a_b\\nforged_200 404 0 12ms u_ser");
 }
 
 // One object per line, every field present; what a client sent is escaped,

@@ -396,18 +396,28 @@ class VerifyCodeLoginTest : public LoginTestBase {
   CLoginOpWithVerifyCode op_;
 };
 
-TEST_F(VerifyCodeLoginTest, GetIssuesAChallengeWithAnImage) {
+TEST_F(VerifyCodeLoginTest, GetIssuesAChallengeWithAPictureAndItsEnd) {
   LoginRequest get("GET", "/login");
   ASSERT_EQ(op_.op("GET", "", get.request, get.response), 0);
   const Json::Value& data = get.body()["data"];
   EXPECT_EQ(data.getMemberNames(),
-            (std::vector<std::string>{"challengeId", "expiresIn", "image"}));
+            (std::vector<std::string>{"challengeId", "expiresAt", "expiresIn", "image"}));
   EXPECT_TRUE(std::regex_match(data["challengeId"].asString(), std::regex("[0-9a-f]{32}")));
-  EXPECT_EQ(data["image"].asString().rfind("data:image/svg+xml;base64,", 0), 0u);
+  EXPECT_EQ(data["image"].asString().rfind("data:image/png;base64,", 0), 0u);
   EXPECT_EQ(data["expiresIn"], Json::Value(120));
+  // g_testNow is 2023-11-14T22:13:20Z; the challenge dies 120 s later.
+  EXPECT_EQ(data["expiresAt"], Json::Value("2023-11-14T22:15:20.000Z"));
   EXPECT_EQ(get.body()["error"]["code"], Json::Value(0));
   EXPECT_EQ(get.response.getContentKind(), CResponseMsg::kContentJson);
   EXPECT_EQ(VerifyCodeStore::instance().size(), 1u);
+}
+
+TEST_F(VerifyCodeLoginTest, ChallengeTellsTheLifetimeSet) {
+  VerifyCodeStore::instance().setLifetime(7);
+  LoginRequest get("GET", "/login");
+  ASSERT_EQ(op_.op("GET", "", get.request, get.response), 0);
+  EXPECT_EQ(get.body()["data"]["expiresIn"], Json::Value(7));
+  EXPECT_EQ(get.body()["data"]["expiresAt"], Json::Value("2023-11-14T22:13:27.000Z"));
 }
 
 TEST_F(VerifyCodeLoginTest, TestSwitchAlsoAnswersTheCode) {
@@ -465,7 +475,29 @@ TEST_F(VerifyCodeLoginTest, ChallengeExpiresAfter120Seconds) {
   g_testNow += 119;
   EXPECT_EQ(loginWith(early.first, early.second), 0);
   g_testNow += 1;
-  EXPECT_EQ(loginWith(late.first, late.second), proto::kErrVerifyCode);
+  EXPECT_EQ(loginWith(late.first, late.second), proto::kErrVerifyCodeExpired);
+}
+
+// An expired challenge has its own code and log record; a wrong or unknown
+// one keeps the old code. The expired answer is not counted as a failed
+// attempt: the code was not even compared, so nothing was guessed.
+TEST_F(VerifyCodeLoginTest, ExpiredChallengeIsToldApartFromAWrongOne) {
+  auto expired = challenge();
+  auto wrong = challenge();
+  g_testNow += 120;
+  TraceCapture trace;
+  EXPECT_EQ(loginWith(expired.first, expired.second), proto::kErrVerifyCodeExpired);
+  EXPECT_TRUE(trace.has(TraceLevel::kWarn,
+                        "verification code for challenge " + expired.first + " has expired"))
+      << trace.dump();
+  EXPECT_EQ(LoginThrottle::instance().failures("admin", "192.0.2.10"), 0);
+  EXPECT_EQ(loginWith(expired.first, expired.second), proto::kErrVerifyCode) << "used up";
+  EXPECT_TRUE(trace.has(TraceLevel::kWarn,
+                        "verification code for challenge " + expired.first + " is wrong or used"))
+      << trace.dump();
+  EXPECT_EQ(loginWith("0123456789abcdef0123456789abcdef", wrong.second), proto::kErrVerifyCode)
+      << "never issued";
+  EXPECT_EQ(loginsSent(), 0u);
 }
 
 TEST_F(VerifyCodeLoginTest, PlainRouteNeedsNoCode) {

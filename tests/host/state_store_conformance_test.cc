@@ -15,6 +15,8 @@
 #include <thread>
 #include <vector>
 
+#include "audit.h"
+#include "audit_capture.h"
 #include "login_op.h"
 #include "login_throttle.h"
 #include "memory_state_store.h"
@@ -58,6 +60,7 @@ class StateStoreConformance : public ::testing::TestWithParam<std::string> {
     SessionStore::instance().setIdleTimeout(0);
     SessionStore::instance().clear();
     VerifyCodeStore::instance().clear();
+    VerifyCodeStore::instance().setLifetime(0);
     LoginThrottle::instance().clear();
   }
 
@@ -117,8 +120,12 @@ TEST_P(StateStoreConformance, TheStateLabelTravelsWithTheSession) {
 TEST_P(StateStoreConformance, TheTokenIsKeptOnlyAsItsHash) {
   const std::string token = open("apiuser");
   StoredSession stored;
-  EXPECT_FALSE(store_->touchSession(token, time(nullptr), 60, kSessionKeyPrefix, &stored));
-  EXPECT_TRUE(store_->touchSession(sha256Hex(token), time(nullptr), 60, kSessionKeyPrefix, &stored));
+  bool expired = true;
+  EXPECT_FALSE(
+      store_->touchSession(token, time(nullptr), 60, kSessionKeyPrefix, &stored, &expired));
+  EXPECT_FALSE(expired) << "unknown, not expired";
+  EXPECT_TRUE(store_->touchSession(sha256Hex(token), time(nullptr), 60, kSessionKeyPrefix, &stored,
+                                   &expired));
   EXPECT_EQ(stored.user.userName_, "apiuser");
   // A token that differs in its last character opens nothing.
   std::string other = token;
@@ -126,6 +133,33 @@ TEST_P(StateStoreConformance, TheTokenIsKeptOnlyAsItsHash) {
   CSessionInfo info;
   EXPECT_FALSE(SessionStore::instance().lookup(other, info));
   EXPECT_FALSE(SessionStore::instance().lookup("", info));
+}
+
+// A token that comes back after the idle time finds its session expired
+// (reported once to the audit trail, with the session's user), not merely
+// unknown; after that it is unknown. Redis ends the key by itself, so its
+// store keeps the record one more idle time to be able to tell.
+TEST_P(StateStoreConformance, AnIdleSessionIsReportedExpiredOnce) {
+  SessionStore::instance().setIdleTimeout(2);
+  std::string id;
+  const std::string token = open("auditor", &id);
+  const std::string live = open("apiuser");
+  RedirectInfoMgr::addSessionInfo(kSessionKeyPrefix + id, 7);
+  AuditCapture audit;
+  std::this_thread::sleep_for(std::chrono::milliseconds(2300));  // past 2 s, short of 4
+  CSessionInfo info;
+  EXPECT_FALSE(SessionStore::instance().lookup(token, info));
+  EXPECT_FALSE(SessionStore::instance().lookup(token, info));
+  EXPECT_EQ(RedirectInfoMgr::getSessionInfo(kSessionKeyPrefix + id), -1);
+  const std::vector<AuditEvent> events = audit.events();
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(events[0].event, audit::kSessionExpired);
+  EXPECT_EQ(events[0].user, "auditor");
+  EXPECT_EQ(events[0].scope, "4");
+  EXPECT_EQ(SessionStore::instance().size(), GetParam() == "redis" ? 0u : 1u)
+      << "Redis counts live sessions only; memory keeps the idle one until its sweep";
+  EXPECT_EQ(SessionStore::instance().expire(), GetParam() == "redis" ? 0u : 1u);
+  EXPECT_FALSE(SessionStore::instance().lookup(live, info));
 }
 
 TEST_P(StateStoreConformance, LogoutEndsTheSessionAndItsInformationAtOnce) {
@@ -167,18 +201,53 @@ TEST_P(StateStoreConformance, IdleSessionsEndAndUseKeepsThemAlive) {
 }
 
 TEST_P(StateStoreConformance, AChallengeIsRedeemedOnce) {
+  VerifyCodeStore& codes = VerifyCodeStore::instance();
   std::string id, code;
-  VerifyCodeStore::instance().issue(&id, &code);
-  EXPECT_TRUE(VerifyCodeStore::instance().redeem(id, code));
-  EXPECT_FALSE(VerifyCodeStore::instance().redeem(id, code));
-  VerifyCodeStore::instance().issue(&id, &code);
-  EXPECT_FALSE(VerifyCodeStore::instance().redeem(id, "WRONG1"));
-  EXPECT_FALSE(VerifyCodeStore::instance().redeem(id, code)) << "a wrong answer uses it up";
-  VerifyCodeStore::instance().issue(&id, &code);
+  codes.issue(&id, &code);
+  EXPECT_EQ(codes.redeem(id, code), CodeVerdict::kAccepted);
+  EXPECT_EQ(codes.redeem(id, code), CodeVerdict::kWrongOrUsed);
+  codes.issue(&id, &code);
+  EXPECT_EQ(codes.redeem(id, "WRONG1"), CodeVerdict::kWrongOrUsed);
+  EXPECT_EQ(codes.redeem(id, code), CodeVerdict::kWrongOrUsed) << "a wrong answer uses it up";
+  codes.issue(&id, &code);
   std::string lower = code;
   for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  EXPECT_TRUE(VerifyCodeStore::instance().redeem(id, lower));
-  EXPECT_FALSE(VerifyCodeStore::instance().redeem("no-such-challenge", code));
+  EXPECT_EQ(codes.redeem(id, lower), CodeVerdict::kAccepted);
+  EXPECT_EQ(codes.redeem("no-such-challenge", code), CodeVerdict::kWrongOrUsed);
+}
+
+// A challenge past its lifetime is still known as expired, once; one that
+// never existed is not. On the real clock, with a lifetime of one second.
+TEST_P(StateStoreConformance, AnExpiredChallengeIsKnownAsExpiredOnce) {
+  VerifyCodeStore& codes = VerifyCodeStore::instance();
+  codes.setLifetime(1);
+  std::string id, code, live, liveCode;
+  time_t expiresAt = 0;
+  const time_t before = time(nullptr);
+  codes.issue(&id, &code, &expiresAt);
+  EXPECT_GE(expiresAt, before + 1);
+  EXPECT_LE(expiresAt, time(nullptr) + 1);
+  std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+  codes.setLifetime(0);
+  codes.issue(&live, &liveCode);
+  EXPECT_EQ(codes.size(), 2u) << "the expired one is still kept";
+  EXPECT_EQ(codes.redeem(id, code), CodeVerdict::kExpired);
+  EXPECT_EQ(codes.redeem(id, code), CodeVerdict::kWrongOrUsed) << "taken by the first answer";
+  EXPECT_EQ(codes.redeem("0123456789abcdef0123456789abcdef", code), CodeVerdict::kWrongOrUsed);
+  EXPECT_EQ(codes.redeem(live, liveCode), CodeVerdict::kAccepted);
+}
+
+// The store forgets a dead challenge keptAfter seconds after it died.
+TEST_P(StateStoreConformance, AnExpiredChallengeIsForgottenAfterItsTime) {
+  std::string code;
+  const time_t dies = store_->putChallenge("c1", "ABC234", time(nullptr), 1, 1, 100);
+  EXPECT_GE(dies, time(nullptr));
+  std::this_thread::sleep_for(std::chrono::milliseconds(2100));
+  EXPECT_EQ(store_->takeChallenge("c1", time(nullptr), &code), ChallengeFound::kNone);
+  store_->putChallenge("c2", "ABC234", time(nullptr), 60, 1, 100);
+  EXPECT_EQ(store_->takeChallenge("c2", time(nullptr), &code), ChallengeFound::kLive);
+  EXPECT_EQ(code, "ABC234");
+  EXPECT_EQ(store_->takeChallenge("c2", time(nullptr), &code), ChallengeFound::kNone);
 }
 
 // Many callers at once with the right answer: exactly one is let in.
@@ -190,7 +259,7 @@ TEST_P(StateStoreConformance, ConcurrentRedeemsAcceptACodeOnce) {
     std::vector<std::thread> threads;
     for (int t = 0; t < 8; ++t) {
       threads.emplace_back([&] {
-        if (VerifyCodeStore::instance().redeem(id, code)) ++accepted;
+        if (VerifyCodeStore::instance().redeem(id, code) == CodeVerdict::kAccepted) ++accepted;
       });
     }
     for (std::thread& t : threads) t.join();

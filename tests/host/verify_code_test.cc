@@ -1,6 +1,7 @@
 // VerifyCodeStore: one-time challenges, their expiry, and the code's picture.
 #include "verify_code.h"
 
+#include <gd.h>
 #include <gtest/gtest.h>
 
 #include <regex>
@@ -30,6 +31,24 @@ std::string unbase64(const std::string& in) {
   return out;
 }
 
+// A PNG read back with libgd; null when libgd cannot read it.
+class DecodedPng {
+ public:
+  explicit DecodedPng(const std::string& png)
+      : image_(
+            gdImageCreateFromPngPtr(static_cast<int>(png.size()), const_cast<char*>(png.data()))) {}
+  ~DecodedPng() {
+    if (image_ != nullptr) gdImageDestroy(image_);
+  }
+  DecodedPng(const DecodedPng&) = delete;
+  DecodedPng& operator=(const DecodedPng&) = delete;
+  bool ok() const { return image_ != nullptr; }
+  gdImagePtr get() const { return image_; }
+
+ private:
+  gdImagePtr image_;
+};
+
 class VerifyCodeStoreTest : public LoginTestBase {
  protected:
   VerifyCodeStore& store = VerifyCodeStore::instance();
@@ -56,8 +75,8 @@ TEST_F(VerifyCodeStoreTest, RightAnswerIsAcceptedOnce) {
   std::string id;
   std::string code;
   store.issue(&id, &code);
-  EXPECT_TRUE(store.redeem(id, code));
-  EXPECT_FALSE(store.redeem(id, code));
+  EXPECT_EQ(store.redeem(id, code), CodeVerdict::kAccepted);
+  EXPECT_EQ(store.redeem(id, code), CodeVerdict::kWrongOrUsed);
   EXPECT_EQ(store.size(), 0u);
 }
 
@@ -67,8 +86,8 @@ TEST_F(VerifyCodeStoreTest, WrongAnswerUsesTheChallengeUp) {
     std::string id;
     std::string code;
     store.issue(&id, &code);
-    EXPECT_FALSE(store.redeem(id, wrong)) << wrong;
-    EXPECT_FALSE(store.redeem(id, code)) << "spent by the wrong answer";
+    EXPECT_EQ(store.redeem(id, wrong), CodeVerdict::kWrongOrUsed) << wrong;
+    EXPECT_EQ(store.redeem(id, code), CodeVerdict::kWrongOrUsed) << "spent by the wrong answer";
   }
 }
 
@@ -77,34 +96,78 @@ TEST_F(VerifyCodeStoreTest, AnswersIgnoreCase) {
   std::string code;
   store.issue(&id, &code);
   for (char& c : code) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  EXPECT_TRUE(store.redeem(id, code));
+  EXPECT_EQ(store.redeem(id, code), CodeVerdict::kAccepted);
 }
 
-TEST_F(VerifyCodeStoreTest, ChallengeLivesFor120Seconds) {
+TEST_F(VerifyCodeStoreTest, ChallengeLivesFor120SecondsAndSaysWhen) {
   std::string early, earlyCode, late, lateCode;
-  store.issue(&early, &earlyCode);
+  time_t expiresAt = 0;
+  store.issue(&early, &earlyCode, &expiresAt);
+  EXPECT_EQ(expiresAt, g_testNow + 120);
   store.issue(&late, &lateCode);
   g_testNow += 119;
-  EXPECT_TRUE(store.redeem(early, earlyCode));
+  EXPECT_EQ(store.redeem(early, earlyCode), CodeVerdict::kAccepted);
   g_testNow += 1;
-  EXPECT_FALSE(store.redeem(late, lateCode));
+  EXPECT_EQ(store.redeem(late, lateCode), CodeVerdict::kExpired);
 }
 
-TEST_F(VerifyCodeStoreTest, DeadChallengesAreDroppedWhenNewOnesAreIssued) {
+// An answer to a dead challenge is told apart from a wrong one, whatever it
+// says, but only for a challenge that was issued, and only once.
+TEST_F(VerifyCodeStoreTest, ExpiredIsToldApartOnlyForARealChallengeOnce) {
+  std::string id, code, other, otherCode;
+  store.issue(&id, &code);
+  store.issue(&other, &otherCode);
+  g_testNow += 120;
+  EXPECT_EQ(store.redeem(id, "WRONG1"), CodeVerdict::kExpired) << "the code is not looked at";
+  EXPECT_EQ(store.redeem(id, code), CodeVerdict::kWrongOrUsed) << "used up by the first answer";
+  EXPECT_EQ(store.redeem("0123456789abcdef0123456789abcdef", code), CodeVerdict::kWrongOrUsed)
+      << "never issued";
+  EXPECT_EQ(store.redeem("", code), CodeVerdict::kWrongOrUsed);
+  g_testNow += VerifyCodeStore::kKeptAfterExpiry - 1;
+  EXPECT_EQ(store.redeem(other, otherCode), CodeVerdict::kExpired) << "still known";
+}
+
+TEST_F(VerifyCodeStoreTest, ExpiredChallengesAreForgottenLater) {
+  std::string id, code;
+  store.issue(&id, &code);
+  g_testNow += 120 + VerifyCodeStore::kKeptAfterExpiry;
+  EXPECT_EQ(store.redeem(id, code), CodeVerdict::kWrongOrUsed);
+}
+
+TEST_F(VerifyCodeStoreTest, LifetimeCanBeSetForNewChallenges) {
+  EXPECT_EQ(store.lifetime(), VerifyCodeStore::kDefaultLifetime);
+  std::string before, beforeCode, after, afterCode;
+  store.issue(&before, &beforeCode);
+  store.setLifetime(5);
+  EXPECT_EQ(store.lifetime(), 5);
+  time_t expiresAt = 0;
+  store.issue(&after, &afterCode, &expiresAt);
+  EXPECT_EQ(expiresAt, g_testNow + 5);
+  g_testNow += 5;
+  EXPECT_EQ(store.redeem(after, afterCode), CodeVerdict::kExpired);
+  EXPECT_EQ(store.redeem(before, beforeCode), CodeVerdict::kAccepted) << "keeps its 120 s";
+  store.setLifetime(0);
+  EXPECT_EQ(store.lifetime(), VerifyCodeStore::kDefaultLifetime);
+}
+
+TEST_F(VerifyCodeStoreTest, ForgottenChallengesAreDroppedWhenNewOnesAreIssued) {
   std::string id, code;
   for (int i = 0; i < 5; ++i) store.issue(&id, &code);
   g_testNow += 120;
   store.issue(&id, &code);
-  EXPECT_EQ(store.size(), 1u);
+  EXPECT_EQ(store.size(), 6u) << "expired ones are still known";
+  g_testNow += VerifyCodeStore::kKeptAfterExpiry;
+  store.issue(&id, &code);
+  EXPECT_EQ(store.size(), 2u);
 }
 
-TEST_F(VerifyCodeStoreTest, LiveChallengesAreCapped) {
+TEST_F(VerifyCodeStoreTest, KeptChallengesAreCapped) {
   std::string first, firstCode, id, code;
   store.issue(&first, &firstCode);
   for (size_t i = 1; i < VerifyCodeStore::kMaxLive + 5; ++i) store.issue(&id, &code);
   EXPECT_EQ(store.size(), VerifyCodeStore::kMaxLive);
-  EXPECT_FALSE(store.redeem(first, firstCode)) << "the oldest made room";
-  EXPECT_TRUE(store.redeem(id, code));
+  EXPECT_EQ(store.redeem(first, firstCode), CodeVerdict::kWrongOrUsed) << "the oldest made room";
+  EXPECT_EQ(store.redeem(id, code), CodeVerdict::kAccepted);
 }
 
 TEST(ConstantTimeEqualTest, ComparesWholeTexts) {
@@ -116,17 +179,58 @@ TEST(ConstantTimeEqualTest, ComparesWholeTexts) {
   EXPECT_FALSE(constantTimeEqual(std::string("AB\0", 3), "AB"));
 }
 
-TEST(VerifyCodeImageTest, IsAnSvgDataUriDrawingEachCharacter) {
-  const std::string uri = verifyCodeImage("K7M2QZ");
-  const std::string prefix = "data:image/svg+xml;base64,";
-  ASSERT_EQ(uri.compare(0, prefix.size(), prefix), 0);
-  const std::string svg = unbase64(uri.substr(prefix.size()));
-  EXPECT_EQ(svg.rfind("<svg xmlns=\"http://www.w3.org/2000/svg\"", 0), 0u) << svg;
-  EXPECT_EQ(svg.substr(svg.size() - 6), "</svg>");
-  for (char c : std::string("K7M2QZ")) {
-    EXPECT_NE(svg.find(std::string(">") + c + "</text>"), std::string::npos) << c;
+// The picture is a PNG of the fixed size that libgd reads back, and the
+// code's text is nowhere in it: the earlier SVG picture had each character
+// in a <text> element, which one regular expression read.
+TEST(VerifyCodeImageTest, IsAPngDataUriWithoutTheCodesText) {
+  const std::string code = "K7M2QZ";
+  const std::string uri = verifyCodeImage(code);
+  const std::string prefix = "data:image/png;base64,";
+  ASSERT_EQ(uri.compare(0, prefix.size(), prefix), 0) << uri.substr(0, 40);
+  const std::string png = unbase64(uri.substr(prefix.size()));
+  EXPECT_EQ(png.compare(0, 8, "\x89PNG\r\n\x1a\n"), 0);
+  std::string lower = code;
+  for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  EXPECT_EQ(png.find(code), std::string::npos);
+  EXPECT_EQ(png.find(lower), std::string::npos);
+  EXPECT_EQ(uri.find(code), std::string::npos);
+
+  DecodedPng image(png);
+  ASSERT_TRUE(image.ok());
+  EXPECT_EQ(gdImageSX(image.get()), kVerifyCodeImageWidth);
+  EXPECT_EQ(gdImageSY(image.get()), kVerifyCodeImageHeight);
+  EXPECT_NE(verifyCodeImage(code), uri) << "each picture is drawn afresh";
+}
+
+// Dark ink on a light ground: most pixels are light, and the characters
+// leave a good number of dark ones.
+TEST(VerifyCodeImageTest, DrawsDarkCharactersOnALightGround) {
+  DecodedPng image(unbase64(verifyCodeImage("WXYZ89").substr(22)));
+  ASSERT_TRUE(image.ok());
+  int light = 0;
+  int dark = 0;
+  for (int y = 0; y < kVerifyCodeImageHeight; ++y) {
+    for (int x = 0; x < kVerifyCodeImageWidth; ++x) {
+      const int p = gdImageGetTrueColorPixel(image.get(), x, y);
+      const int sum = gdTrueColorGetRed(p) + gdTrueColorGetGreen(p) + gdTrueColorGetBlue(p);
+      if (sum >= 3 * 200) ++light;
+      if (sum <= 3 * 110) ++dark;
+    }
   }
-  EXPECT_NE(verifyCodeImage("K7M2QZ"), uri) << "each picture is drawn afresh";
+  const int all = kVerifyCodeImageWidth * kVerifyCodeImageHeight;
+  EXPECT_GT(light, all / 2);
+  EXPECT_GT(dark, all / 20);
+  EXPECT_LT(dark, all / 3);
+}
+
+// An empty code or characters outside the font draw a picture all the same.
+TEST(VerifyCodeImageTest, OddInputStillMakesAPicture) {
+  for (const std::string& code :
+       {std::string(), std::string("\xff\x01<&>"), std::string(40, 'W')}) {
+    DecodedPng image(unbase64(verifyCodeImage(code).substr(22)));
+    ASSERT_TRUE(image.ok()) << code;
+    EXPECT_EQ(gdImageSX(image.get()), kVerifyCodeImageWidth);
+  }
 }
 
 }  // namespace

@@ -13,6 +13,10 @@
 #   - waits for "listening on", asks /healthz, logs in as apiuser on
 #     /sessions with the password the first start printed, and asks for the
 #     task list with the session;
+#   - finds the login in the audit trail the packaged options turn on
+#     (/var/log/nox-gateway/audit.log, the nox user's, mode 0600), moves it
+#     away as logrotate does, sends SIGHUP and finds the next login in a new
+#     file;
 #   - stops the gateway with SIGTERM (exit status 0), then purges the
 #     package: the unit, the options file and the data folder go, the nox
 #     user stays.
@@ -117,6 +121,18 @@ say "task list with the session: $(echo "$tasks" | head -1)"
 [ "$(stat -c %U /var/lib/nox-gateway/"$(ls /var/lib/nox-gateway | head -1)")" = "$user" ] ||
   fail "the data folder's files are not $user's"
 
+audit=/var/log/nox-gateway/audit.log
+grep -q '"event":"login","outcome":"success","user":"apiuser"' "$audit" ||
+  { cat "$audit" 2>&1; fail "the login is not in $audit"; }
+[ "$(stat -c %U:%a "$audit")" = "$user:600" ] || fail "$audit is $(stat -c %U:%a "$audit"), not $user:600"
+mv "$audit" "$audit.1"
+kill -HUP "$GW"
+for _ in $(seq 1 50); do [ -e "$audit" ] && break; sleep 0.1; done
+http POST /sessions '{"username":"apiuser","password":"wrong","scope":"4"}' >/dev/null
+grep -q '"outcome":"failure"' "$audit" 2>/dev/null || fail "after SIGHUP the next login is not in a new $audit"
+! grep -q '"outcome":"failure"' "$audit.1" || fail "after SIGHUP the old $audit.1 still took a login"
+say "audit trail in $audit (mode 600), reopened after a rotation on SIGHUP"
+
 kill -TERM "$GW"
 status=0
 wait "$GW" || status=$?
@@ -126,7 +142,8 @@ say "stopped with SIGTERM, exit status 0"
 
 DEBIAN_FRONTEND=noninteractive apt-get purge -y -q nox-gateway >"$WORK/purge.log" 2>&1 ||
   { tail -20 "$WORK/purge.log"; fail "apt-get purge"; }
-for gone in "$unit" /etc/default/nox-gateway /usr/bin/nox-gateway /var/lib/nox-gateway; do
+for gone in "$unit" /etc/default/nox-gateway /etc/logrotate.d/nox-gateway /usr/bin/nox-gateway \
+            /var/lib/nox-gateway /var/log/nox-gateway; do
   [ ! -e "$gone" ] || fail "$gone is left after the purge"
 done
 getent passwd nox >/dev/null || fail "the purge removed the nox user"

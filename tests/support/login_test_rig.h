@@ -111,6 +111,7 @@ class LoginTestBase : public ::testing::Test {
     LoginThrottle::instance().setClock(&testClock);
     VerifyCodeStore::instance().clear();
     VerifyCodeStore::instance().setClock(&testClock);
+    VerifyCodeStore::instance().setLifetime(0);
     CLoginOpWithVerifyCode::setExposeCodeForTests(false);
     answerLogin(LoginReply());
   }
@@ -122,6 +123,7 @@ class LoginTestBase : public ::testing::Test {
     LoginThrottle::instance().setClock(nullptr);
     VerifyCodeStore::instance().clear();
     VerifyCodeStore::instance().setClock(nullptr);
+    VerifyCodeStore::instance().setLifetime(0);
     CLoginOpWithVerifyCode::setExposeCodeForTests(false);
   }
 

@@ -21,9 +21,9 @@ OTHER_COMMANDS = {
     "--leak-check": "valgrind", "--undefined-only": "nm", "--no-undefined": "ld",
     "--variant": "debootstrap", "--save-dev": "npm", "--cacert": "curl", "--output": "curl",
     "--strict": "tsc", "--module": "tsc", "--moduleResolution": "tsc",
-    "--soak": "scripts/load.sh", "--cluster": "scripts/load.sh",
+    "--soak": "scripts/load.sh", "--cluster": "scripts/load.sh", "--login-storm": "scripts/load.sh",
     "--gateway": "tools/api/check.sh", "--exchanges": "tools/api/check.sh",
-    "--out": "tools/api/check.sh",
+    "--out": "tools/api/check.sh", "--signal": "systemctl",
 }
 
 OPTION = re.compile(r"(?<![\w-])(--[a-zA-Z][a-zA-Z0-9-]*)(?![\w])")

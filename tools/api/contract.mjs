@@ -197,9 +197,11 @@ async function main() {
     let problem = "";
     const checkEnvelopeOf = (answer) => (head ? "" : checkEnvelope(answer));
     if (!operation) {
-      const allowed = match ? ["405", "401", ...TRANSPORT_REFUSALS] : ["404", "405", ...TRANSPORT_REFUSALS];
+      // A method the path does not list is the administrator's to try (405);
+      // the access table refuses it to every other scope (403).
+      const allowed = match ? ["405", "401", "403", ...TRANSPORT_REFUSALS] : ["404", "405", ...TRANSPORT_REFUSALS];
       if (!allowed.includes(status)) {
-        problem = match ? `the path does not list ${exchange.method}, so 405 (or 401, or a transport refusal) is due, not ${status}`
+        problem = match ? `the path does not list ${exchange.method}, so 405 (or 401, or 403 from the access table, or a transport refusal) is due, not ${status}`
                         : `no documented path matches, so 404 (or 405, or a transport refusal) is due, not ${status}`;
       } else {
         problem = checkEnvelopeOf(exchange);
