@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <thread>
@@ -25,11 +26,20 @@ namespace gw {
 
 namespace {
 
-// How long GET /healthz waits for nox-backend to answer its ping.
-constexpr int kHealthProbeMs = 1000;
+// How long the health probe waits for nox-backend to answer its ping.
+constexpr int kBackendProbeMs = 500;
+// How often the health probe asks the backend and the session store.
+constexpr int kHealthProbeIntervalMs = 250;
+
+// The backend in process is always there.
+Reachability seenNow() {
+  Reachability seen;
+  seen.seenAt = std::chrono::steady_clock::now();
+  return seen;
+}
 
 bool installRemoteBackend(const GatewayOptions& options, const GatewayPaths& paths,
-                          std::function<bool()>* reachable, int* exitCode, std::string* error) {
+                          ServiceCheck* check, int* exitCode, std::string* error) {
   RemoteBackendOptions remoteOptions;
   if (!RemoteBackend::parseAddress(options.backend, &remoteOptions, error)) {
     *exitCode = 2;
@@ -53,14 +63,14 @@ bool installRemoteBackend(const GatewayOptions& options, const GatewayPaths& pat
   remoteOptions.localStagingDir = real;
   free(real);  // NOLINT(cppcoreguidelines-no-malloc): realpath's own allocation
   std::shared_ptr<RemoteBackend> remote = RemoteBackend::create(remoteOptions);
-  *reachable = [remote] { return remote->reachable(kHealthProbeMs); };
+  check->lastSeen = [remote] { return remote->lastSeen(); };
+  check->probe = [remote] { remote->reachable(kBackendProbeMs); };
   installTlvBackend(remote);
   return true;
 }
 
 bool installSimulatedBackend(const GatewayOptions& options, const GatewayPaths& paths,
-                             std::function<bool()>* reachable, int* exitCode,
-                             std::string* error) {
+                             ServiceCheck* check, int* exitCode, std::string* error) {
   SimBackendOptions backendOptions;
   backendOptions.dataDir = paths.dataDir;
   backendOptions.initPassword = options.initPassword;
@@ -78,7 +88,7 @@ bool installSimulatedBackend(const GatewayOptions& options, const GatewayPaths& 
            paths.dataDir.c_str());
     fflush(stdout);
   }
-  *reachable = [] { return true; };
+  check->lastSeen = seenNow;
   installTlvBackend(backend);
   return true;
 }
@@ -186,11 +196,10 @@ bool enterWorkDir(const GatewayPaths& paths, std::string* error) {
 }
 
 bool installBackend(const GatewayOptions& options, const GatewayPaths& paths,
-                    std::function<bool()>* reachable, int* exitCode, std::string* error) {
-  const bool installed =
-      options.backend.empty()
-          ? installSimulatedBackend(options, paths, reachable, exitCode, error)
-          : installRemoteBackend(options, paths, reachable, exitCode, error);
+                    ServiceCheck* check, int* exitCode, std::string* error) {
+  const bool installed = options.backend.empty()
+                             ? installSimulatedBackend(options, paths, check, exitCode, error)
+                             : installRemoteBackend(options, paths, check, exitCode, error);
   if (installed && options.backendTimeout > 0) CRequestUri::setCfgTimeout(options.backendTimeout);
   return installed;
 }
@@ -248,15 +257,17 @@ bool loadAccessTable(const GatewayPaths& paths, const CSpecifyProc& registry,
   return true;
 }
 
-bool stateHealth(Json::Value& health) {
+std::unique_ptr<HealthMonitor> makeHealthMonitor(const ServiceCheck& backend) {
   std::shared_ptr<StateStore> store = stateStore();
-  std::string why;
-  const bool reachable = store->healthy(&why);
-  Json::Value& state = health["state"];
-  state["store"] = store->kind();
-  state["reachable"] = reachable;
-  if (!reachable) state["error"] = why;
-  return reachable;
+  ServiceCheck storeCheck;
+  storeCheck.lastSeen = [store] { return store->lastSeen(); };
+  // The memory store is in process: nothing to probe.
+  if (std::string(store->kind()) != "memory") {
+    storeCheck.probe = [store] { store->healthy(nullptr); };
+  }
+  auto countSessions = [] { return static_cast<long long>(SessionStore::instance().size()); };
+  return std::make_unique<HealthMonitor>(backend, storeCheck, store->kind(), countSessions,
+                                         kHealthProbeIntervalMs);
 }
 
 bool serverConfig(const GatewayOptions& options, const GatewayPaths& paths, ServerConfig* config,
@@ -279,7 +290,6 @@ bool serverConfig(const GatewayOptions& options, const GatewayPaths& paths, Serv
   config->hstsMaxAge = options.hstsMaxAge;
   config->loginThreads = options.loginThreads;
   parseAddressRanges(options.trustedProxies, &config->trustedProxies, error);  // checked by the parser
-  config->inlineChecks = options.backend.empty() && options.state.empty();
   config->tlsCert = paths.tlsCert;
   config->tlsKey = paths.tlsKey;
   if (options.tlsSelfSigned) {

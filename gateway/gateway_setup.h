@@ -6,22 +6,21 @@
 //   if (!openLogs(options, paths, &accessLog, &error)) ...
 //   if (!openAuditLog(paths, &auditLog, &error)) ...
 //   if (!enterWorkDir(paths, &error)) ...
-//   if (!installBackend(options, paths, &backendReachable, &error)) ...
+//   if (!installBackend(options, paths, &backendCheck, &error)) ...
 //   if (!installSessionStore(options, &error)) ...
+//   std::unique_ptr<HealthMonitor> health = makeHealthMonitor(backendCheck);
 //
 // Thread-safety: called once, from main, before the server starts.
 #ifndef NOX_GATEWAY_GATEWAY_SETUP_H_
 #define NOX_GATEWAY_GATEWAY_SETUP_H_
 
-#include <json/json.h>
-
-#include <functional>
 #include <memory>
 #include <string>
 
 #include "access_log.h"
 #include "access_table.h"
 #include "audit_log.h"
+#include "health_monitor.h"
 #include "operation_base.h"
 #include "http_server.h"
 #include "options.h"
@@ -67,10 +66,11 @@ bool enterWorkDir(const GatewayPaths& paths, std::string* error);
 
 // Installs the backend the operations reach: nox-backend at --backend, or
 // the simulated backend with its data in paths.dataDir (printing the demo
-// password when it makes the data). *reachable answers /healthz's "backend".
-// Also sets --backend-timeout. False with *error and *exitCode on failure.
+// password when it makes the data). *check is how the health monitor sees
+// it (nox-backend is probed with a ping of kBackendProbeMs). Also sets
+// --backend-timeout. False with *error and *exitCode on failure.
 bool installBackend(const GatewayOptions& options, const GatewayPaths& paths,
-                    std::function<bool()>* reachable, int* exitCode, std::string* error);
+                    ServiceCheck* check, int* exitCode, std::string* error);
 
 // Sets the session idle time and, with --state redis://..., installs the
 // shared store (an unreachable one is reported, not fatal: the gateway
@@ -86,9 +86,10 @@ bool installSessionStore(const GatewayOptions& options, std::string* error);
 bool loadAccessTable(const GatewayPaths& paths, const CSpecifyProc& registry,
                      std::shared_ptr<const AccessTable>* table, std::string* error);
 
-// The /healthz part of the session store: "state": {"store", "reachable",
-// "error"}; false when it cannot be reached.
-bool stateHealth(Json::Value& health);
+// The health monitor of /healthz and /metrics for `backend` and the
+// installed session store (probed when it is not the memory store), probing
+// every kHealthProbeIntervalMs. Not started yet.
+std::unique_ptr<HealthMonitor> makeHealthMonitor(const ServiceCheck& backend);
 
 // Workers for operations when --threads does not say: with the backend in
 // process operations keep a core busy, two per core (at least 4) keep the

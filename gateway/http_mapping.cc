@@ -18,6 +18,7 @@ namespace gw {
 const char kSessionCookie[] = "NOX_SESSION";
 const char kCsrfHeader[] = "X-Requested-With";
 const char kCsrfHeaderValue[] = "nox-console";
+const char kRetryAfterSeconds[] = "1";
 // 'self' everywhere it matters; images may also be data: URLs (the
 // verification code's picture comes as one in the challenge).
 const char kConsolePolicy[] =
@@ -283,6 +284,9 @@ RouteMatch matchRoute(const CSpecifyProc& registry, const std::string& path) {
 HttpOutput errorOutput(long long code, const std::string& description) {
   HttpOutput out = jsonOutput(httpStatusForCode(code), errorEnvelope(code, description));
   out.code = code;
+  // Busy, or a service it needs (backend, session store) not there: the
+  // client may try again shortly.
+  if (out.status == 503) out.headers.emplace_back("Retry-After", kRetryAfterSeconds);
   return out;
 }
 
@@ -382,9 +386,6 @@ HttpOutput Dispatcher::dispatch(const HttpInput& in, std::string* route) const {
       if (path == "/healthz") {
         Json::Value health(Json::objectValue);
         health["status"] = "ok";
-        if (options_.backendReachable) {
-          health["backend"] = options_.backendReachable() ? "reachable" : "unreachable";
-        }
         const bool ok = !options_.health || options_.health(health);
         if (!ok) health["status"] = "unavailable";
         return jsonOutput(ok ? 200 : 503, health);

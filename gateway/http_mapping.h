@@ -79,9 +79,11 @@ using SessionLookup = std::function<bool(const std::string& token, CSessionInfo&
 struct DispatchOptions {
   size_t maxBody = size_t{2} * 1024 * 1024;  // bytes of JSON body or of all file parts together
   std::string openApi;                       // the text served at GET /openapi.json
-  // Adds the health of what the gateway depends on to the /healthz answer
-  // (its "status" member is "ok"); returns false when the gateway cannot
-  // serve now, which answers 503.
+  // Adds the health of what the gateway depends on (the backend, the
+  // session store) to the /healthz answer (its "status" member is "ok");
+  // returns false when the gateway cannot serve now, which answers 503.
+  // Must not wait for anything remote: /healthz is answered on an I/O
+  // thread (HealthMonitor::report).
   std::function<bool(Json::Value& health)> health;
   // The web console's files by their path below /console/ ("index.html",
   // "js/app.js"); empty: no console.
@@ -92,9 +94,6 @@ struct DispatchOptions {
   Metrics* metrics = nullptr;
   std::function<std::string()> metricsText;
   std::function<bool(const std::string& clientAddress)> metricsAllowed;
-  // Whether the backend answers, for GET /healthz ("backend": "reachable" or
-  // "unreachable"); unset: /healthz has no "backend" member.
-  std::function<bool()> backendReachable;
   // Who may call what, and what each route is (public, uploads, secrets,
   // logins); null: the host's installed table (installedAccessTable()).
   std::shared_ptr<const AccessTable> access;
@@ -113,6 +112,10 @@ BuiltInPath builtInPath(const std::string& target);
 
 // The name of the session cookie.
 extern const char kSessionCookie[];  // "NOX_SESSION"
+
+// The Retry-After of every 503 answer (busy, backend or session store not
+// available), in seconds.
+extern const char kRetryAfterSeconds[];  // "1"
 
 // The header, and its one value, that a state-changing request must carry
 // when its session comes from the cookie (the console sends it on every

@@ -39,7 +39,7 @@ using Clock = std::chrono::steady_clock;
 namespace {
 
 constexpr int kTraceModule = 4;  // the gateway's records in the trace log
-// Threads of the pool for the built-in paths (their line is --queue too).
+// Threads of the pool for the fixed documents (their line is --queue too).
 constexpr size_t kServiceThreads = 2;
 // How much lower the login threads' priority is (nice(2)): a login's
 // password hash, in a backend in process, yields to other requests.
@@ -436,10 +436,11 @@ class Connection final : public Impl::Connection {
       in.multipart = true;
       in.body.clear();
     }
-    // The health check and the metrics cost next to nothing when nothing
-    // they read is remote: answered here, without a hand-over to a thread.
+    // The health check and the metrics read only what the gateway already
+    // knows and cost next to nothing: answered here, without a hand-over to
+    // a thread, so no stalled backend or session store can delay them.
     const BuiltInPath builtIn = builtInPath(target_);
-    if (server_.config.inlineChecks && builtIn == BuiltInPath::kCheck) {
+    if (builtIn == BuiltInPath::kCheck) {
       HttpOutput out = server_.dispatcher.handle(in);
       return answer(std::move(out));
     }
@@ -456,11 +457,8 @@ class Connection final : public Impl::Connection {
         self->write(std::move(out));
       });
     });
-    if (!queued) {
-      HttpOutput busy = refusal(503, kErrBusy, describeCode(kErrBusy));
-      busy.headers.emplace_back("Retry-After", "1");
-      answer(std::move(busy));
-    }
+    // The refusal carries Retry-After, as every 503 does (errorOutput).
+    if (!queued) answer(refusal(503, kErrBusy, describeCode(kErrBusy)));
   }
 
   // The request's client: the connection's address, or, from a trusted

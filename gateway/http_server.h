@@ -2,10 +2,11 @@
 // Boost.Beast. A few I/O threads (one per core by default) read and write
 // every connection; a request, once whole, goes to a worker pool, where the
 // dispatcher (and through it the plug-in) may block on the backend without
-// delaying any other connection. Built-in paths (/healthz, /metrics,
-// /openapi.json, the console) have a small pool of their own, so they never
-// wait behind operations; the health check and the metrics are answered on
-// the I/O threads when nothing they read is remote.
+// delaying any other connection. The health check and the metrics read
+// only what the gateway already knows (HealthMonitor) and are answered on
+// the I/O threads; the fixed documents (/openapi.json, the console) have a
+// small pool of their own, where nothing waits for the backend or the
+// session store, so they never wait behind operations.
 //
 //   HttpServer server(config, dispatcher, accessLog);
 //   if (!server.start(&error)) ...      // binds; server.port() is the port taken
@@ -52,10 +53,6 @@ struct ServerConfig {
   size_t maxHeaderBytes = 8192;  // request line and header lines together
   size_t maxHeaders = 100;       // header lines
   int drainTimeout = 30;         // seconds stop() lets requests in flight finish
-  // Whether /healthz and /metrics read nothing remote (the backend in
-  // process, sessions in memory) and may be answered on the I/O threads;
-  // otherwise they wait for a remote answer on the built-in paths' pool.
-  bool inlineChecks = false;
   std::string tlsCert;  // both set: HTTPS
   std::string tlsKey;
   long long hstsMaxAge = 31536000;  // Strict-Transport-Security max-age over HTTPS; 0: none

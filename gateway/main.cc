@@ -112,8 +112,8 @@ int main(int argc, char** argv) {
   sigaddset(&handledSignals, SIGHUP);
   pthread_sigmask(SIG_BLOCK, &handledSignals, nullptr);
 
-  std::function<bool()> backendReachable;
-  if (!gw::installBackend(options, paths, &backendReachable, &exitCode, &error)) {
+  gw::ServiceCheck backendCheck;
+  if (!gw::installBackend(options, paths, &backendCheck, &exitCode, &error)) {
     fail(error);
     return exitCode;
   }
@@ -155,8 +155,10 @@ int main(int argc, char** argv) {
   dispatchOptions.maxBody = options.maxBody;
   dispatchOptions.openApi = kNoxOpenApiText;
   dispatchOptions.console = gw::embeddedConsoleFiles();
-  dispatchOptions.backendReachable = backendReachable;
-  dispatchOptions.health = gw::stateHealth;
+  // /healthz and the sessions gauge of /metrics from what the monitor last
+  // saw: they never wait for the backend or the session store.
+  std::unique_ptr<gw::HealthMonitor> health = gw::makeHealthMonitor(backendCheck);
+  dispatchOptions.health = [&health](Json::Value& answer) { return health->report(answer); };
   dispatchOptions.access = access;
   // Metrics: counted by the server for every answer, read at GET /metrics
   // by the addresses --metrics-allow names.
@@ -169,14 +171,16 @@ int main(int argc, char** argv) {
   dispatchOptions.metricsAllowed = [&metricsAllowed](const std::string& address) {
     return gw::addressAllowed(metricsAllowed, address);
   };
-  dispatchOptions.metricsText = [&metrics, &serverSeen]() {
+  dispatchOptions.metricsText = [&metrics, &serverSeen, &health]() {
     const gw::HttpServer* server = serverSeen.load();
     return metrics.render() +
-           gw::hostMetricsText(server != nullptr ? server->counts() : gw::TransportCounts());
+           gw::hostMetricsText(server != nullptr ? server->counts() : gw::TransportCounts(),
+                               health->sessionsOpen());
   };
   gw::Dispatcher dispatcher(registry, lookup, dispatchOptions);
   gw::HttpServer server(config, dispatcher, *accessLog);
   serverSeen = &server;
+  health->start();
   if (!server.start(&error)) {
     fail(error);
     registry.releaseAll();
@@ -211,6 +215,7 @@ int main(int argc, char** argv) {
   signalThread.join();
 
   registry.releaseAll();
+  health->stop();
   installTlvBackend(nullptr);
   installStateStore(nullptr);
   setAuditSink(nullptr);

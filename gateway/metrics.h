@@ -85,10 +85,10 @@ struct TransportCounts {
 };
 
 // What the reference host counts (backend calls and failures by command,
-// failed and throttled logins, open sessions), the transport's `counts` and
-// the process's own numbers (resident memory, open files), in the text
-// format.
-std::string hostMetricsText(const TransportCounts& counts);
+// failed and throttled logins), the open sessions (`sessionsOpen`; left out
+// when negative), the transport's `counts` and the process's own numbers
+// (resident memory, open files), in the text format. Reads nothing remote.
+std::string hostMetricsText(const TransportCounts& counts, long long sessionsOpen);
 
 // Formats `value` as the text format wants a label value (backslash, quote
 // and line feed escaped).

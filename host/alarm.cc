@@ -9,6 +9,7 @@
 
 #include "backend_protocol.h"
 #include "operation_base.h"
+#include "tlv_backend.h"
 
 namespace {
 
@@ -118,6 +119,9 @@ int queryAlarm(unsigned long long command, CRequestMsg& request, CResponseMsg& r
                          CommunicationTarget::TARGET_BACKEND);
   } catch (const QPNExceptionWithErrCode_& e) {
     response.clear();
+    // No backend to ask is not a failed query: it goes up as on every other
+    // route (503), through the operation, which does not catch it.
+    if (e.getErrCode() == kErrBackendUnavailable) throw;
     writeErrorEnvelope(response, e.getErrCode(), "alarm query failed");
     return static_cast<int>(e.getErrCode());
   }

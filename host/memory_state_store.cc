@@ -5,6 +5,12 @@ bool MemoryStateStore::healthy(std::string* detail) {
   return true;
 }
 
+Reachability MemoryStateStore::lastSeen() const {
+  Reachability seen;
+  seen.seenAt = std::chrono::steady_clock::now();
+  return seen;
+}
+
 void MemoryStateStore::putSession(const std::string& key, const StoredSession& session,
                                   time_t now, int idleSeconds) {
   (void)idleSeconds;

@@ -26,6 +26,7 @@ class HOST_API MemoryStateStore : public StateStore {
   // StateStore
   const char* kind() const override { return "memory"; }
   bool healthy(std::string* detail) override;
+  Reachability lastSeen() const override;
   void putSession(const std::string& key, const StoredSession& session, time_t now,
                   int idleSeconds) override;
   bool touchSession(const std::string& key, time_t now, int idleSeconds,

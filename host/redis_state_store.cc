@@ -2,10 +2,19 @@
 
 #include <hiredis/hiredis.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <map>
 
+#include "wire_socket.h"
+
 namespace {
+
+// How long a command waits for another command's try of a Redis that was
+// last seen down before it gives up (at most the command time-out): long
+// enough for a try that succeeds (Redis is back), far shorter than a stall.
+constexpr int kTrialWaitMs = 20;
 
 const char kSessionPrefix[] = "nox:s:";
 const char kInfoPrefix[] = "nox:i:";
@@ -258,7 +267,9 @@ std::shared_ptr<RedisStateStore> RedisStateStore::open(const std::string& url, i
 }
 
 RedisStateStore::RedisStateStore(RedisAddress address, int timeoutMs)
-    : address_(std::move(address)), timeoutMs_(timeoutMs) {}
+    : address_(std::move(address)),
+      timeoutMs_(timeoutMs),
+      gate_(std::min(kTrialWaitMs, timeoutMs)) {}
 
 RedisStateStore::~RedisStateStore() {
   for (redisContext* c : idle_) redisFree(c);
@@ -309,15 +320,20 @@ redisContext* RedisStateStore::connect() {
   return c;
 }
 
-RedisStateStore::Reply RedisStateStore::command(const std::vector<std::string>& words) {
-  redisContext* c = nullptr;
-  {
-    std::lock_guard<std::mutex> lock(poolMutex_);
-    if (!idle_.empty()) {
-      c = idle_.back();
-      idle_.pop_back();
-    }
+redisContext* RedisStateStore::takeIdle() {
+  std::lock_guard<std::mutex> lock(poolMutex_);
+  while (!idle_.empty()) {
+    redisContext* c = idle_.back();
+    idle_.pop_back();
+    if (wiresock::idleAlive(c->fd)) return c;
+    // Closed by Redis while kept (it stopped or restarted).
+    redisFree(c);
   }
+  return nullptr;
+}
+
+redisReply* RedisStateStore::exchange(const std::vector<std::string>& words) {
+  redisContext* c = takeIdle();
   if (c == nullptr) c = connect();
   std::vector<const char*> argv;
   std::vector<size_t> lengths;
@@ -327,23 +343,51 @@ RedisStateStore::Reply RedisStateStore::command(const std::vector<std::string>& 
     argv.push_back(w.data());
     lengths.push_back(w.size());
   }
+  errno = 0;
   redisReply* r = static_cast<redisReply*>(
       redisCommandArgv(c, static_cast<int>(argv.size()), argv.data(), lengths.data()));
   if (r == nullptr) {
     // Lost, refused or timed out: this connection is done with.
-    const std::string why = c->errstr;
+    const bool timedOut = c->err == REDIS_ERR_IO && (errno == EAGAIN || errno == EWOULDBLOCK);
+    const std::string why = timedOut ? "no answer within " + std::to_string(timeoutMs_) + " ms"
+                                     : std::string(c->errstr);
     redisFree(c);
     throw StateStoreError(describe() + ": " + why);
   }
-  {
-    std::lock_guard<std::mutex> lock(poolMutex_);
-    idle_.push_back(c);
+  std::lock_guard<std::mutex> lock(poolMutex_);
+  idle_.push_back(c);
+  return r;
+}
+
+RedisStateStore::Reply RedisStateStore::send(const std::vector<std::string>& words, bool trial) {
+  redisReply* r = nullptr;
+  try {
+    r = exchange(words);
+  } catch (const StateStoreError& e) {
+    gate_.leave(trial, false, e.what());
+    throw;
+  } catch (...) {
+    // Failed here (out of memory), not at Redis: the next call tries.
+    gate_.abandon(trial);
+    throw;
   }
+  // An error answer is still an answer: Redis is there.
+  gate_.leave(trial, true, std::string());
   Reply reply(r);
   if (r->type == REDIS_REPLY_ERROR) {
     throw StateStoreError(describe() + " refused " + words[0] + ": " + std::string(r->str, r->len));
   }
   return reply;
+}
+
+RedisStateStore::Reply RedisStateStore::command(const std::vector<std::string>& words) {
+  bool trial = false;
+  std::string why;
+  if (!gate_.enter(&trial, &why)) {
+    throw StateStoreError(describe() + " is not answering (" + why +
+                          "); another request is trying it");
+  }
+  return send(words, trial);
 }
 
 std::vector<std::string> RedisStateStore::keys(const std::string& pattern) {
@@ -363,7 +407,8 @@ std::vector<std::string> RedisStateStore::keys(const std::string& pattern) {
 
 bool RedisStateStore::healthy(std::string* detail) {
   try {
-    const std::string pong = command({"PING"}).text();
+    gate_.enterProbe();
+    const std::string pong = send({"PING"}, true).text();
     if (pong != "PONG") throw StateStoreError("PING answered " + pong);
     if (detail != nullptr) detail->clear();
     return true;

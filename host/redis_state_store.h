@@ -22,6 +22,15 @@
 // says). Every command has the time-out given to open; a connection that
 // fails or times out is dropped and the call throws StateStoreError, so the
 // next call connects afresh: the store recovers by itself when Redis is back.
+// A kept connection that Redis closed (it restarted) is noticed before use
+// and replaced, so a restart costs no failed call.
+//
+// Outages: every command passes a ServiceGate (service_gate.h). Once a
+// command has failed, one command at a time tries Redis; the others wait at
+// most kTrialWaitMs for its outcome and throw StateStoreError at once unless
+// it succeeded. A stalled Redis thus holds one request per gateway for the
+// time-out, not every request; healthy() always tries. lastSeen() is what
+// the last command or health check found.
 // hiredis as packaged has no TLS: reach a TLS-only Redis through a local TLS
 // tunnel (docs/operations.md).
 //
@@ -69,6 +78,7 @@ class HOST_API RedisStateStore : public StateStore {
   // StateStore
   const char* kind() const override { return "redis"; }
   bool healthy(std::string* detail) override;
+  Reachability lastSeen() const override { return gate_.lastSeen(); }
   void putSession(const std::string& key, const StoredSession& session, time_t now,
                   int idleSeconds) override;
   bool touchSession(const std::string& key, time_t now, int idleSeconds,
@@ -97,16 +107,25 @@ class HOST_API RedisStateStore : public StateStore {
   class Reply;
   RedisStateStore(RedisAddress address, int timeoutMs);
 
-  // Runs one command (its words, binary-safe) on a pooled connection.
-  // Throws StateStoreError when Redis cannot be reached, times out or
-  // answers with an error.
+  // Runs one command (its words, binary-safe) on a pooled connection, when
+  // the gate lets it. Throws StateStoreError when the gate refuses it, when
+  // Redis cannot be reached, times out or answers with an error.
   Reply command(const std::vector<std::string>& words);
+  // Runs `words` for a caller that entered the gate (as a trial or not) and
+  // records the outcome there; throws as command() does.
+  Reply send(const std::vector<std::string>& words, bool trial);
+  // The bare exchange: a reply (perhaps Redis's error reply), or
+  // StateStoreError when Redis cannot be reached or does not answer in time.
+  redisReply* exchange(const std::vector<std::string>& words);
+  // A kept connection that is still open, or null.
+  redisContext* takeIdle();
   redisContext* connect();
   // The keys matching `pattern`, by SCAN.
   std::vector<std::string> keys(const std::string& pattern);
 
   RedisAddress address_;
   int timeoutMs_;
+  ServiceGate gate_;
   std::mutex poolMutex_;
   std::vector<redisContext*> idle_;
 };

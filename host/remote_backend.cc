@@ -205,7 +205,10 @@ RemoteBackend::Failure RemoteBackend::exchange(tlvwire::FrameKind kind, const st
                                                std::string* why) {
   Failure failure = Failure::kNone;
   const int fd = acquire(deadline, &failure, why);
-  if (fd < 0) return failure;
+  if (fd < 0) {
+    if (failure == Failure::kUnavailable) seen_.record(false, *why);
+    return failure;
+  }
   const uint32_t id = nextCallId_.fetch_add(1);
   wiresock::IoResult io = wiresock::sendAll(fd, tlvwire::frame(kind, id, body), deadline);
   tlvwire::FrameHeader header;
@@ -222,19 +225,21 @@ RemoteBackend::Failure RemoteBackend::exchange(tlvwire::FrameKind kind, const st
   release(fd, io == wiresock::IoResult::kOk);
   switch (io) {
     case wiresock::IoResult::kOk:
+      seen_.record(true, std::string());
       return Failure::kNone;
     case wiresock::IoResult::kTimeout:
       *why = "no answer in time";
       return Failure::kTimeout;
     case wiresock::IoResult::kClosed:
       if (why->empty()) *why = "the backend closed the connection";
-      return Failure::kUnavailable;
+      break;
     case wiresock::IoResult::kError:
       *why = "connection error";
-      return Failure::kUnavailable;
+      break;
     case wiresock::IoResult::kBadFrame:
-      return Failure::kUnavailable;
+      break;
   }
+  seen_.record(false, *why);
   return Failure::kUnavailable;
 }
 
@@ -372,6 +377,13 @@ long long RemoteBackend::storeRemote(const std::string& path, const std::string&
 bool RemoteBackend::reachable(int timeoutMs) {
   std::string answer;
   std::string why;
-  return exchange(tlvwire::FrameKind::kPing, std::string(), tlvwire::FrameKind::kPong,
-                  wiresock::deadlineIn(timeoutMs), &answer, &why) == Failure::kNone;
+  const Failure failure = exchange(tlvwire::FrameKind::kPing, std::string(),
+                                   tlvwire::FrameKind::kPong, wiresock::deadlineIn(timeoutMs),
+                                   &answer, &why);
+  // A ping is cheap: no answer in time is as good as no backend.
+  if (failure == Failure::kTimeout) {
+    seen_.record(false, "no answer to a ping within " + std::to_string(timeoutMs) + " ms (" +
+                            why + ")");
+  }
+  return failure == Failure::kNone;
 }

@@ -16,6 +16,12 @@
 // (TlvCall::timeout seconds, 30 when it gives none) gives kErrBackendTimeout.
 // Each is logged at error level (trace module 2, function "RemoteBackend").
 //
+// Reachability: lastSeen() is what the last exchange found (a call, an
+// upload or a ping): reachable after an answer, unreachable after a
+// connection that could not be made or was lost, or a ping without an answer
+// in time. A call that times out says nothing about reachability (the
+// command may be slow); the pings of the gateway's health probe do.
+//
 // Uploads: the backend hands out paths in its staging folders (named by the
 // backend when a connection opens) for the host to write an upload to, and
 // later checks the file at that path. The backend's folders may be on
@@ -38,6 +44,7 @@
 #include <vector>
 
 #include "nox_visibility.h"
+#include "service_gate.h"
 #include "tlv_backend.h"
 #include "tlv_wire.h"
 #include "wire_socket.h"
@@ -71,6 +78,8 @@ class HOST_API RemoteBackend : public TlvBackend {
 
   // True when the backend answers a ping within `timeoutMs`.
   bool reachable(int timeoutMs);
+  // What the last exchange found, and when; never waits.
+  Reachability lastSeen() const { return seen_.lastSeen(); }
 
   // "HOST:PORT" of the backend, for log lines.
   std::string address() const;
@@ -99,6 +108,7 @@ class HOST_API RemoteBackend : public TlvBackend {
                         wiresock::Deadline deadline);
 
   const RemoteBackendOptions options_;
+  ServiceGate seen_{0};  // watched, not gated: only records outcomes
   std::atomic<uint32_t> nextCallId_{1};
   std::mutex mutex_;
   std::condition_variable freed_;

@@ -39,6 +39,7 @@
 #include <vector>
 
 #include "nox_visibility.h"
+#include "service_gate.h"
 #include "tlv_package.h"
 
 // The shared state cannot be read or written now (503).
@@ -78,8 +79,12 @@ class HOST_API StateStore {
 
   // "memory" or "redis".
   virtual const char* kind() const = 0;
-  // Whether the store answers now; on failure *detail says why.
+  // Whether the store answers now; on failure *detail says why. May wait
+  // for the store's time-out.
   virtual bool healthy(std::string* detail) = 0;
+  // What the last command or health check found, and when; never waits.
+  // The memory store is always reachable, seen now.
+  virtual Reachability lastSeen() const = 0;
 
   // --- Sessions ---
   // Stores a new session that ends after `idleSeconds` without a touch.

@@ -163,6 +163,13 @@ const std::vector<Row>& rows() {
        0, "count history alarm failed", R"({"COUNT":0})"},
       {"count_throws", "GET /alarm/historyalarm/count", throwOn(kAlarmCount), 200, 0,
        "count history alarm failed", R"({"COUNT":0})"},
+      // No backend to ask is not a count of 0: 503, as on every route.
+      {"count_backend_unreachable", "GET /alarm/historyalarm/count",
+       failWith(kAlarmCount, 0x03000101), 503, 0x03000101,
+       "command 0x00C90096 answered with code 50331905"},
+      {"v1_count_backend_unreachable", "GET /v1/alarm/historyalarm/count",
+       failWith(kAlarmCount, 0x03000101), 503, 0x03000101,
+       "command 0x00C90096 answered with code 50331905"},
       {"count_no_record", "GET /alarm/historyalarm/count",
        reply(kAlarmCount, [](CR3MPackageV3&) {}), 200, 0, "count history alarm failed",
        R"({"COUNT":0})"},

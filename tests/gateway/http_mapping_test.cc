@@ -124,7 +124,7 @@ class MappingTest : public ::testing::Test {
     options.maxBody = 1024;
     options.openApi = "{\"openapi\":\"3.0.3\"}";
     options.console = console_;
-    options.backendReachable = backendReachable_;
+    options.health = health_;
     return Dispatcher(
         registry_,
         [](const std::string& token, CSessionInfo& info) {
@@ -158,7 +158,7 @@ class MappingTest : public ::testing::Test {
   FakeOp::Body any_ = [](CRequestMsg&, CResponseMsg&) { return 0; };
   const gw::HeaderList auth_ = {{"X-Auth-Token", "good"}};
   std::map<std::string, std::string> console_;  // the console's files; empty: none
-  std::function<bool()> backendReachable_;  // unset: no "backend" member
+  std::function<bool(Json::Value&)> health_;  // unset: /healthz says only "status"
 };
 
 TEST(UrlDecodeTest, Table) {
@@ -278,26 +278,42 @@ TEST_F(MappingTest, FixedAnswers) {
   }
 }
 
-// With a backend probe, /healthz says what it found and stays 200: the
-// gateway itself serves.
-TEST_F(MappingTest, HealthzReportsTheBackend) {
-  int probes = 0;
-  bool reachable = true;
-  backendReachable_ = [&] {
-    ++probes;
-    return reachable;
+// /healthz adds what the health callback says and answers 503 when it says
+// the gateway cannot serve; the callback is asked for /healthz only.
+TEST_F(MappingTest, HealthzAddsWhatTheHealthCallbackSays) {
+  int asked = 0;
+  bool serves = true;
+  health_ = [&](Json::Value& health) {
+    ++asked;
+    health["backend"] = serves ? "reachable" : "unreachable";
+    return serves;
   };
   HttpOutput out = run("GET", "/healthz");
   EXPECT_EQ(out.status, 200);
   EXPECT_EQ(out.body, "{\"backend\":\"reachable\",\"status\":\"ok\"}");
-  reachable = false;
+  serves = false;
   out = run("GET", "/healthz");
-  EXPECT_EQ(out.status, 200);
-  EXPECT_EQ(out.body, "{\"backend\":\"unreachable\",\"status\":\"ok\"}");
-  EXPECT_EQ(probes, 2);
-  // Only /healthz asks.
+  EXPECT_EQ(out.status, 503);
+  EXPECT_EQ(out.body, "{\"backend\":\"unreachable\",\"status\":\"unavailable\"}");
+  // Not an error answer: no envelope, no Retry-After.
+  EXPECT_EQ(header(out, "Retry-After"), "");
+  EXPECT_EQ(asked, 2);
   run("GET", "/openapi.json");
-  EXPECT_EQ(probes, 2);
+  EXPECT_EQ(asked, 2);
+}
+
+// A 503 says when to try again, whichever service was missing; other
+// errors do not.
+TEST(ErrorOutputTest, ServiceUnavailableAnswersCarryRetryAfter) {
+  for (long long code : {0x03000101LL, 0x03000105LL, 0x03000207LL}) {
+    const HttpOutput out = gw::errorOutput(code, "x");
+    EXPECT_EQ(out.status, 503) << std::hex << code;
+    EXPECT_EQ(gw::headerValue(out.headers, "Retry-After"), gw::kRetryAfterSeconds)
+        << std::hex << code;
+  }
+  EXPECT_STREQ(gw::kRetryAfterSeconds, "1");
+  EXPECT_EQ(gw::headerValue(gw::errorOutput(0x03000102, "x").headers, "Retry-After"), "");
+  EXPECT_EQ(gw::headerValue(gw::errorOutput(0x03000011, "x").headers, "Retry-After"), "");
 }
 
 TEST_F(MappingTest, InvalidTokenIsRefusedAndOperationNotCalled) {

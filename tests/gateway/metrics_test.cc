@@ -77,13 +77,22 @@ TEST(MetricsTest, TheTransportsCountsAreRendered) {
   counts.droppedConnections = 2;
   counts.waitingForWorker = 5;
   counts.busyWorkers = 4;
-  const std::string text = gw::hostMetricsText(counts);
+  const std::string text = gw::hostMetricsText(counts, 6);
   EXPECT_TRUE(has(text, "nox_open_connections 7")) << text;
+  EXPECT_TRUE(has(text, "nox_sessions_open 6"));
   EXPECT_TRUE(has(text, "nox_connections_refused_total 3"));
   EXPECT_TRUE(has(text, "nox_connections_dropped_total 2"));
   EXPECT_TRUE(has(text, "nox_operations_waiting 5"));
   EXPECT_TRUE(has(text, "nox_workers_busy 4"));
   EXPECT_NE(text.find("# TYPE nox_connections_dropped_total counter\n"), std::string::npos);
+}
+
+// A session count the store could not give (-1) leaves the gauge out rather
+// than report a number nobody counted.
+TEST(MetricsTest, AnUncountedSessionGaugeIsLeftOut) {
+  const std::string text = gw::hostMetricsText(gw::TransportCounts(), -1);
+  EXPECT_FALSE(has(text, "nox_sessions_open")) << text;
+  EXPECT_TRUE(has(text, "nox_open_connections 0")) << text;
 }
 
 TEST(MetricsTest, LabelValuesAreEscaped) {

@@ -132,6 +132,29 @@ TEST(QueryAlarmTest, BackendCodeIsReturnedInTheEnvelope) {
             R"({"data":null,"error":{"code":50331680,"description":"alarm query failed"}})");
 }
 
+// A backend that cannot be reached is not a failed query: queryAlarm throws
+// the coded exception, as every other route's call does, so the operations
+// (which do not catch it) answer 503 instead of an envelope or a count.
+TEST(QueryAlarmTest, AnUnreachableBackendIsThrownNotEnveloped) {
+  for (const uint32_t command : {kListCode, kCountCode}) {
+    ScriptedBackend backend;
+    backend.fail(command, 0x03000101);
+    CRequestMsg request;
+    CResponseMsg response;
+    response.addRecord(1, 2);  // stale content is dropped
+    long long code = 0;
+    try {
+      queryAlarm(command == kListCode ? proto::kAlarmList : proto::kAlarmCount, request, response,
+                 command == kListCode);
+    } catch (const QPNExceptionWithErrCode_& e) {
+      code = e.getErrCode();
+    }
+    EXPECT_EQ(code, 0x03000101) << std::hex << command;
+    EXPECT_EQ(response.size(), 0u);
+    EXPECT_TRUE(response.getJsonBody().isNull()) << compact(response.getJsonBody());
+  }
+}
+
 TEST(QueryAlarmTest, ReplyIsLeftInTheResponse) {
   ScriptedBackend backend;
   backend.on(kCountCode, [](const CR3MPackageV3&, CR3MPackageV3& reply) {
@@ -227,6 +250,26 @@ TEST(HostAlarmOpsTest, CountServesEveryMethod) {
   CResponseMsg response;
   EXPECT_EQ(op.op("GET", "", request, response), 0);
   EXPECT_EQ(compact(response.getJsonBody()), R"({"COUNT":0})");
+}
+
+// The host's own operations let an unreachable backend through as well.
+TEST(HostAlarmOpsTest, AnUnreachableBackendGoesThroughBothOperations) {
+  ScriptedBackend backend;
+  backend.fail(kListCode, 0x03000101);
+  backend.fail(kCountCode, 0x03000101);
+  CHistoryAlarmOp list;
+  CHistoryAlarmCountOp count;
+  for (CSpecifyOp* op : {static_cast<CSpecifyOp*>(&list), static_cast<CSpecifyOp*>(&count)}) {
+    CRequestMsg request;
+    CResponseMsg response;
+    long long code = 0;
+    try {
+      op->op("GET", "", request, response);
+    } catch (const QPNExceptionWithErrCode_& e) {
+      code = e.getErrCode();
+    }
+    EXPECT_EQ(code, 0x03000101);
+  }
 }
 
 }  // namespace

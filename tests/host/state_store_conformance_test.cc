@@ -299,6 +299,10 @@ TEST_P(StateStoreConformance, StoreReportsItsKindAndHealth) {
   EXPECT_TRUE(store_->healthy(&why));
   EXPECT_EQ(why, "");
   EXPECT_STREQ(store_->kind(), GetParam().c_str());
+  const Reachability seen = store_->lastSeen();
+  EXPECT_TRUE(seen.reachable);
+  EXPECT_EQ(seen.error, "");
+  EXPECT_NE(seen.seenAt, std::chrono::steady_clock::time_point()) << "seen by the check";
 }
 
 INSTANTIATE_TEST_SUITE_P(Stores, StateStoreConformance, ::testing::Values("memory", "redis"),
@@ -346,6 +350,73 @@ TEST(RedisStateStoreTest, ReconnectsWhenRedisIsBack) {
   EXPECT_TRUE(store->healthy(nullptr));
   store->putInfo("k", 3, 60);
   EXPECT_EQ(store->getInfo("k"), 3);
+}
+
+// The message of the StateStoreError `call` throws, or "" when it throws none.
+std::string storeErrorOf(const std::function<void()>& call) {
+  try {
+    call();
+  } catch (const StateStoreError& e) {
+    return e.what();
+  }
+  return std::string();
+}
+
+// A restart closes the kept connections: the store notices before using one
+// and connects afresh, so the first command after the restart succeeds.
+TEST(RedisStateStoreTest, ARestartCostsNoFailedCommand) {
+  RedisServer server;
+  ASSERT_TRUE(server.start()) << server.error();
+  std::string error;
+  std::shared_ptr<RedisStateStore> store = RedisStateStore::open(server.url(), 500, &error);
+  ASSERT_NE(store, nullptr) << error;
+  store->putInfo("k", 3, 60);
+  server.stop();
+  ASSERT_TRUE(server.start()) << server.error();
+  EXPECT_EQ(storeErrorOf([&] { store->putInfo("k", 4, 60); }), "");
+  EXPECT_EQ(store->getInfo("k"), 4);
+  EXPECT_TRUE(store->lastSeen().reachable);
+}
+
+// A stalled Redis (SIGSTOP) fails the command that finds it after the
+// time-out and is reported with why; while one command tries it, the others
+// are refused at once instead of each waiting; once it runs again the next
+// command is served.
+TEST(RedisStateStoreTest, AStalledRedisFailsFastAndIsUsedAgainOnceItRuns) {
+  RedisServer server;
+  ASSERT_TRUE(server.start()) << server.error();
+  std::string error;
+  std::shared_ptr<RedisStateStore> store = RedisStateStore::open(server.url(), 1000, &error);
+  ASSERT_NE(store, nullptr) << error;
+  ASSERT_TRUE(store->healthy(nullptr));
+  const auto before = std::chrono::steady_clock::now();
+  ASSERT_TRUE(server.pause());
+
+  const std::string first = storeErrorOf([&] { store->getInfo("k"); });
+  EXPECT_NE(first.find("no answer within 1000 ms"), std::string::npos) << first;
+  Reachability seen = store->lastSeen();
+  EXPECT_FALSE(seen.reachable);
+  EXPECT_NE(seen.error.find("no answer within 1000 ms"), std::string::npos) << seen.error;
+  EXPECT_GT(seen.seenAt, before);
+
+  // A health check tries Redis (and waits its time-out) on another thread;
+  // a command meanwhile does not wait for Redis as well.
+  std::atomic<bool> probing{true};
+  std::thread probe([&] {
+    EXPECT_FALSE(store->healthy(nullptr));
+    probing = false;
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  const std::string refused = storeErrorOf([&] { store->getInfo("k"); });
+  EXPECT_TRUE(probing.load()) << "the command waited for the health check";
+  EXPECT_NE(refused.find("another request is trying it"), std::string::npos) << refused;
+  probe.join();
+
+  ASSERT_TRUE(server.resume());
+  EXPECT_EQ(storeErrorOf([&] { store->putInfo("k", 5, 60); }), "");
+  EXPECT_EQ(store->getInfo("k"), 5);
+  EXPECT_TRUE(store->lastSeen().reachable);
+  EXPECT_EQ(store->lastSeen().error, "");
 }
 
 TEST(RedisAddressTest, ParsesTheForms) {

@@ -127,8 +127,22 @@ bool RedisServer::start() {
   return false;
 }
 
+bool RedisServer::pause() {
+  if (pid_ <= 0 || kill(pid_, SIGSTOP) != 0) return false;
+  paused_ = true;
+  return true;
+}
+
+bool RedisServer::resume() {
+  if (pid_ <= 0 || kill(pid_, SIGCONT) != 0) return false;
+  paused_ = false;
+  return true;
+}
+
 void RedisServer::stop() {
   if (pid_ <= 0) return;
+  // A stopped process keeps SIGTERM pending until it runs again.
+  if (paused_) resume();
   kill(pid_, SIGTERM);
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
   int status = 0;

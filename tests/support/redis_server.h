@@ -4,6 +4,7 @@
 //   RedisServer redis;
 //   ASSERT_TRUE(redis.start()) << redis.error();
 //   ... "redis://127.0.0.1:" + std::to_string(redis.port()) ...
+//   redis.pause();   // SIGSTOP: a stalled Redis; resume() sends SIGCONT
 //   redis.stop();    // SIGTERM and wait; start() brings it back on the same port
 //
 // Thread-safety: one test thread.
@@ -27,9 +28,14 @@ class RedisServer {
   // after a stop) and waits until it answers PING, at most 20 s. Returns
   // false and says why in error() when it cannot.
   bool start();
-  // Stops it (SIGTERM, then SIGKILL after 10 s) and waits for it.
+  // Stops it (SIGTERM, then SIGKILL after 10 s) and waits for it; a paused
+  // server is resumed first.
   void stop();
   bool running() const { return pid_ > 0; }
+  // Freezes it (SIGSTOP): connections stay open, and nothing is answered
+  // until resume() (SIGCONT), as with a stalled host. False when not running.
+  bool pause();
+  bool resume();
 
   int port() const { return port_; }
   std::string url() const { return "redis://127.0.0.1:" + std::to_string(port_); }
@@ -39,6 +45,7 @@ class RedisServer {
   bool persistent_;
   std::string dataDir_;
   pid_t pid_ = -1;
+  bool paused_ = false;
   int port_ = 0;
   std::string error_;
 };
