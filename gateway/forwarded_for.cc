@@ -23,7 +23,7 @@ bool canonicalAddress(const std::string& entry, std::string* address) {
     text = text.substr(1, close - 1);
   } else if (text.find(':') != std::string::npos && text.find('.') != std::string::npos &&
              text.find(':') == text.rfind(':')) {
-    text = text.substr(0, text.find(':'));  // IPv4 with a port
+    text.resize(text.find(':'));  // IPv4 with a port
   }
   unsigned char bytes[16];
   char out[INET6_ADDRSTRLEN];

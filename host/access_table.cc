@@ -82,8 +82,6 @@ std::shared_ptr<const AccessTable> g_installed;
 
 }  // namespace
 
-constexpr char AccessTable::kAdministratorScope[];
-
 bool AccessRule::allows(const std::string& scope) const {
   return isPublic || scopes.count(scope) > 0;
 }
@@ -137,8 +135,8 @@ bool AccessTable::parse(const std::string& text, AccessTable* table, std::string
       const std::string method = upper(name);
       const Entry* same = result.find(path, method);
       if (same != nullptr && same->method == method) {
-        *error = "rule " + std::to_string(i + 1) + ": " + method + " " + path +
-                 " has a rule already";
+        *error = "rule " + std::to_string(i + 1) + ": ";
+        error->append(method).append(" ").append(path).append(" has a rule already");
         return false;
       }
       result.entries_.push_back(Entry{path, method, rule});

@@ -69,7 +69,7 @@ class Dice {
     return value;
   }
 
-  unsigned char buffer_[512];
+  unsigned char buffer_[512] = {};  // filled before the first use
   size_t used_ = sizeof(buffer_);
 };
 
@@ -112,7 +112,7 @@ GdImage newCanvas(const Rgb& ground) {
 void blend(gdImagePtr image, int x, int y, const Rgb& ink, double alpha) {
   const int old = gdImageGetTrueColorPixel(image, x, y);
   auto mix = [alpha](int from, int to) {
-    return static_cast<int>(from + (to - from) * alpha + 0.5);
+    return static_cast<int>(std::lround(from + (to - from) * alpha));
   };
   gdImageSetPixel(
       image, x, y,
@@ -267,7 +267,8 @@ Rgb sample(gdImagePtr image, double x, double y) {
     g += w[k] * gdTrueColorGetGreen(p[k]);
     b += w[k] * gdTrueColorGetBlue(p[k]);
   }
-  return {static_cast<int>(r + 0.5), static_cast<int>(g + 0.5), static_cast<int>(b + 0.5)};
+  return {static_cast<int>(std::lround(r)), static_cast<int>(std::lround(g)),
+          static_cast<int>(std::lround(b))};
 }
 
 // A copy of `image` bent by two waves: rows shift sideways along a sine of
