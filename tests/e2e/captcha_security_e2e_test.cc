@@ -70,18 +70,11 @@ time_t parseIsoUtc(const std::string& text) {
 
 // A gateway of its own per test, started with the code exposed (so that the
 // test can answer right) and the arguments the test gives.
-class CaptchaE2E : public ::testing::Test {
+class CaptchaE2E : public LiveGatewayTest {
  protected:
-  void startGateway(std::vector<std::string> extra = {}) {
-    extra.insert(extra.begin(), "--expose-verify-code");
-    ASSERT_TRUE(gateway_.start(extra)) << gateway_.output();
-    client_ = std::make_unique<httplib::Client>("127.0.0.1", gateway_.port());
-    recordExchanges(*client_);
-    client_->set_read_timeout(60);
-  }
+  void SetUp() override {}  // each test starts the gateway with its options
   void TearDown() override {
-    client_.reset();
-    EXPECT_EQ(gateway_.stop(), 0) << gateway_.output();
+    LiveGatewayTest::TearDown();
     redis_.stop();
   }
 
@@ -114,9 +107,7 @@ class CaptchaE2E : public ::testing::Test {
   // Waits until a challenge with a lifetime of one second is dead.
   static void outliveOneSecond() { std::this_thread::sleep_for(std::chrono::milliseconds(1200)); }
 
-  GatewayProcess gateway_;
   RedisServer redis_;
-  std::unique_ptr<httplib::Client> client_;
 };
 
 TEST_F(CaptchaE2E, ThePictureIsAPngWithoutTheCodeAndTheChallengeSaysWhenItEnds) {

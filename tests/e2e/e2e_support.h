@@ -116,18 +116,24 @@ inline std::string codeLoginToken(httplib::Client& client, const std::string& pa
 
 // A test with its own running gateway: started before the test body with
 // --expose-verify-code, stopped after it, and the stop must end the process
-// with status 0.
+// with status 0. A test that wants other options overrides SetUp() with a
+// call of startGateway(options).
 class LiveGatewayTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    ASSERT_TRUE(gateway_.start({"--expose-verify-code"})) << gateway_.output();
-    client_ = std::make_unique<httplib::Client>("127.0.0.1", gateway_.port());
-    recordExchanges(*client_);
-    client_->set_read_timeout(60);
-  }
+  void SetUp() override { startGateway(); }
   void TearDown() override {
     client_.reset();
     EXPECT_EQ(gateway_.stop(), 0) << gateway_.output();
+  }
+
+  // Starts the gateway with --expose-verify-code and `extra`, and a client
+  // of it that records its exchanges.
+  void startGateway(std::vector<std::string> extra = {}) {
+    extra.insert(extra.begin(), "--expose-verify-code");
+    ASSERT_TRUE(gateway_.start(extra)) << gateway_.output();
+    client_ = std::make_unique<httplib::Client>("127.0.0.1", gateway_.port());
+    recordExchanges(*client_);
+    client_->set_read_timeout(60);
   }
 
   // Logs in on "/sessions" and returns the token ("" on failure).
