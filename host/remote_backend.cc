@@ -98,8 +98,7 @@ std::shared_ptr<RemoteBackend> RemoteBackend::create(const RemoteBackendOptions&
 }
 
 RemoteBackend::RemoteBackend(const RemoteBackendOptions& options)
-    : options_(options),
-      staged_(kMaxStaged, std::chrono::seconds(kStagedMaxAgeSeconds)) {}
+    : options_(options), staged_(kMaxStaged, std::chrono::seconds(kStagedMaxAgeSeconds)) {}
 
 RemoteBackend::~RemoteBackend() {
   // Calls in flight hold the backend, so every connection is idle by now.
@@ -282,8 +281,7 @@ long long RemoteBackend::handle(const TlvCall& call, const CR3MPackageV3& reques
   return code;
 }
 
-bool RemoteBackend::useStaged(const CR3MPackageV3& request, CR3MPackageV3* sent,
-                              long long* code) {
+bool RemoteBackend::useStaged(const CR3MPackageV3& request, CR3MPackageV3* sent, long long* code) {
   if (request.size() == 0 || !checksUploadPath(request.recordAt(0).command())) return false;
   const std::string local = pathCell(request);
   StagedUploads::Upload upload;
@@ -344,9 +342,9 @@ long long RemoteBackend::storeRemote(const std::string& path, const char* data, 
   }
   std::string answer;
   std::string why;
-  const Failure failure = exchange(tlvwire::FrameKind::kStoreFile,
-                                   tlvwire::storeFileBody(path, data, length),
-                                   tlvwire::FrameKind::kStoreReply, deadline, &answer, &why);
+  const Failure failure =
+      exchange(tlvwire::FrameKind::kStoreFile, tlvwire::storeFileBody(path, data, length),
+               tlvwire::FrameKind::kStoreReply, deadline, &answer, &why);
   if (failure != Failure::kNone) {
     guard.error(0, kFunction, __LINE__, "backend %s not available for the upload %s: %s",
                 address().c_str(), path.c_str(), why.c_str());

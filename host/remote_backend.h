@@ -131,7 +131,7 @@ class HOST_API RemoteBackend : public TlvBackend {
   std::vector<int> idle_;                  // guarded by mutex_
   int open_ = 0;                           // connections idle or in use; guarded by mutex_
   std::vector<std::string> stagingDirs_;  // guarded by mutex_
-  StagedUploads staged_;                   // by local path; locks itself
+  StagedUploads staged_;                  // by local path; locks itself
 };
 
 #endif  // NOX_HOST_REMOTE_BACKEND_H_

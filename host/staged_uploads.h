@@ -71,9 +71,9 @@ class HOST_API StagedUploads {
   const size_t maxEntries_;
   const Clock::duration maxAge_;
   mutable std::mutex mutex_;
-  std::map<std::string, Entry> byPath_;        // guarded by mutex_
-  std::map<uint64_t, std::string> byOrder_;    // oldest first; guarded by mutex_
-  uint64_t nextOrder_ = 0;                     // guarded by mutex_
+  std::map<std::string, Entry> byPath_;      // guarded by mutex_
+  std::map<uint64_t, std::string> byOrder_;  // oldest first; guarded by mutex_
+  uint64_t nextOrder_ = 0;                   // guarded by mutex_
 };
 
 #endif  // NOX_HOST_STAGED_UPLOADS_H_

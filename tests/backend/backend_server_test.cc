@@ -212,7 +212,8 @@ TEST_F(BackendServerTest, ACellThatMerelyLooksLikeAStagingPathIsNeverRewritten) 
   ASSERT_EQ(remote->handle(call, request(proto::kCertTempPath, 1, "x"), reply), 0);
   EXPECT_EQ(textCell(reply, 0, proto::kTagPath), local);
   EXPECT_EQ(textCell(reply, 0, proto::kTagTaskName), lookalikePath);
-  EXPECT_EQ(textCell(reply, 1, proto::kTagPath), LookalikeBackend::dir() + "/crl-second-record.upload");
+  EXPECT_EQ(textCell(reply, 1, proto::kTagPath),
+            LookalikeBackend::dir() + "/crl-second-record.upload");
 
   // Requests: the local path anywhere but a check's path cell goes as it is.
   const CR3MPackageV3 inFilter = request(list, proto::kTagFilter, local);

@@ -22,8 +22,8 @@ StagedUploads::Upload uploadAt(const std::string& remote) {
 TEST(StagedUploadsTest, FindsOnlyTheExactPathAndTakesItOnce) {
   StagedUploads staged(8, minutes(10));
   const Clock::time_point t0 = Clock::now();
-  EXPECT_TRUE(staged.add("/gw/staging/cert-1.upload", uploadAt("/be/tmp/cert-1.upload"), t0)
-                  .empty());
+  EXPECT_TRUE(
+      staged.add("/gw/staging/cert-1.upload", uploadAt("/be/tmp/cert-1.upload"), t0).empty());
   StagedUploads::Upload found;
   // Only the very path: no prefix, no other folder, no trailing slash.
   for (const char* near : {"/gw/staging/cert-1.upload/", "/gw/staging/cert-1", "cert-1.upload",
