@@ -67,12 +67,9 @@ TaskQuery parseTaskFilter(const std::string& text) {
     const Json::Value& v = root[key];
     std::string value;
     if (field->numeric) {
-      // Blanks around digits are forgiven: a JSON writer may have added a
-      // line feed when it turned a number into text.
-      std::string digits = v.isString() ? v.asString() : std::string();
-      const size_t first = digits.find_first_not_of(" \t\r\n");
-      const size_t last = digits.find_last_not_of(" \t\r\n");
-      digits = first == std::string::npos ? std::string() : digits.substr(first, last - first + 1);
+      // A number, or a text of digits only: the host sends a number as its
+      // digits, with nothing around them.
+      const std::string digits = v.isString() ? v.asString() : std::string();
       if (v.isIntegral()) {
         value = std::to_string(v.asLargestInt());
       } else if (!digits.empty() && digits.find_first_not_of("0123456789") == std::string::npos &&

@@ -7,7 +7,8 @@
 #   /etc/default/nox-gateway                     its options (a conffile)
 #   /etc/logrotate.d/nox-gateway                 rotation of /var/log/nox-gateway/*.log
 #                                                with SIGHUP (a conffile)
-#   /usr/share/doc/nox-gateway/                  README.md, operations.md
+#   /usr/share/doc/nox-gateway/                  README.md, operations.md and
+#                                                copyright (machine-readable, Apache-2.0)
 # The maintainer scripts in packaging/deb/ make the nox system user and
 # enable the unit. Depends is computed from the ELF files (dpkg-shlibdeps,
 # from dpkg-dev) plus passwd for useradd.
@@ -28,6 +29,7 @@ install(FILES ${CMAKE_SOURCE_DIR}/packaging/deb/nox-gateway.default
 install(FILES ${CMAKE_SOURCE_DIR}/packaging/deb/nox-gateway.logrotate
         DESTINATION /etc/logrotate.d RENAME nox-gateway COMPONENT service EXCLUDE_FROM_ALL)
 install(FILES ${CMAKE_SOURCE_DIR}/README.md ${CMAKE_SOURCE_DIR}/docs/operations.md
+              ${CMAKE_SOURCE_DIR}/packaging/deb/copyright
         DESTINATION share/doc/nox-gateway COMPONENT service EXCLUDE_FROM_ALL)
 
 set(CPACK_GENERATOR DEB)
@@ -39,6 +41,10 @@ set(CPACK_PACKAGE_DESCRIPTION_SUMMARY
     "REST management gateway with the libucore_nox plug-in and a simulated backend")
 set(CPACK_PACKAGE_DESCRIPTION
     "nox-gateway serves the routes of the libucore_nox plug-in over HTTP(S): logins and sessions, certificate and CRL import, alarms, backup tasks and the storage configuration. The package holds the gateway, nox-backend, nox-catalog, the plug-in and its reference host libucore_tlv, the message catalogues, the host contract headers for integrators, and a hardened systemd unit running the gateway as the nox user.")
+# The licence (Apache-2.0): LICENSE for the generators that show one; a
+# Debian package has no licence field in its control file, it carries
+# /usr/share/doc/nox-gateway/copyright (above) instead.
+set(CPACK_RESOURCE_FILE_LICENSE ${CMAKE_SOURCE_DIR}/LICENSE)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
 # The project's own install tree plus the service component.

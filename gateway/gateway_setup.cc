@@ -46,8 +46,8 @@ bool installRemoteBackend(const GatewayOptions& options, const GatewayPaths& pat
     return false;
   }
   *exitCode = 1;
-  // Uploads wait in <data>/staging until they go to the backend with the
-  // request that names them; leftovers of an earlier run are removed.
+  // The plug-in writes uploads to <data>/staging, from where their bytes go
+  // to the backend as they are written; leftovers of an earlier run are removed.
   const std::string staging = paths.dataDir + "/staging";
   std::string why;
   if (!makeFolders(staging, &why)) {

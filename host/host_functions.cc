@@ -8,9 +8,11 @@
 #include <climits>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <string>
 
 #include "qpn_debug_kit.h"
+#include "tlv_backend.h"
 
 namespace {
 
@@ -62,6 +64,11 @@ int writeFile(const char* path, const char* data, unsigned int length) {
     unlink(temp.c_str());
     errno = saved;
     return writeFailed(path, "rename");
+  }
+  // The upload seam: a backend on another machine takes the bytes of a path
+  // it handed out from here, not from the disk.
+  if (std::shared_ptr<TlvBackend> backend = installedTlvBackend()) {
+    backend->uploadWritten(target, data, length);
   }
   return static_cast<int>(length);
 }

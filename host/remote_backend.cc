@@ -1,11 +1,10 @@
 #include "remote_backend.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdlib>
 
+#include "backend_protocol.h"
 #include "qpn_debug_kit.h"
 
 namespace {
@@ -14,8 +13,6 @@ constexpr int kModule = 2;
 constexpr char kFunction[] = "RemoteBackend";
 // The time-out of a call that gives none.
 constexpr long long kDefaultTimeoutMs = 30000;
-// Uploads named to the host but not yet sent that are remembered at most.
-constexpr size_t kMaxStaged = 4096;
 
 // The text of a text cell (up to its first zero byte); "" for other cells.
 std::string cellText(const CTLVCell& cell) {
@@ -24,23 +21,6 @@ std::string cellText(const CTLVCell& cell) {
   size_t n = 0;
   while (n < cell.getLength() && text[n] != '\0') ++n;
   return std::string(text, n);
-}
-
-// The whole file at `path` in *bytes; false when it cannot be read.
-bool readWhole(const std::string& path, std::string* bytes) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-  if (fd < 0) return false;
-  bytes->clear();
-  char buffer[65536];
-  for (;;) {
-    const ssize_t n = read(fd, buffer, sizeof(buffer));
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) {
-      close(fd);
-      return n == 0;
-    }
-    bytes->append(buffer, static_cast<size_t>(n));
-  }
 }
 
 // The folder part of `path` when its last part is a plain name (not "." or
@@ -58,6 +38,23 @@ std::string plainParent(const std::string& path) {
     return std::string();
   }
   return parent;
+}
+
+// The commands that hand out an upload path (in kTagPath of reply record
+// 0), and the ones that name it again for the check (kTagPath of request
+// record 0). These cells are the only ones the upload seam reads.
+bool handsOutUploadPath(unsigned command) {
+  return command == proto::kCertTempPath || command == proto::kCrlImportPath;
+}
+bool checksUploadPath(unsigned command) {
+  return command == proto::kCertCheck || command == proto::kCrlSave;
+}
+
+// The text of record 0's path cell; "" when there is none.
+std::string pathCell(const CR3MPackageV3& package) {
+  if (package.size() == 0) return std::string();
+  const CTLVCell* cell = package.recordAt(0).find(proto::kTagPath);
+  return cell != nullptr ? cellText(*cell) : std::string();
 }
 
 }  // namespace
@@ -100,7 +97,8 @@ std::shared_ptr<RemoteBackend> RemoteBackend::create(const RemoteBackendOptions&
   return std::shared_ptr<RemoteBackend>(new RemoteBackend(options));
 }
 
-RemoteBackend::RemoteBackend(const RemoteBackendOptions& options) : options_(options) {}
+RemoteBackend::RemoteBackend(const RemoteBackendOptions& options)
+    : options_(options), staged_(kMaxStaged, std::chrono::seconds(kStagedMaxAgeSeconds)) {}
 
 RemoteBackend::~RemoteBackend() {
   // Calls in flight hold the backend, so every connection is idle by now.
@@ -248,16 +246,16 @@ long long RemoteBackend::handle(const TlvCall& call, const CR3MPackageV3& reques
   const unsigned command = request.size() > 0 ? request.recordAt(0).command() : 0;
   const wiresock::Deadline deadline =
       wiresock::deadlineIn(call.timeout > 0 ? call.timeout * 1000LL : kDefaultTimeoutMs);
+  const bool staging = !options_.localStagingDir.empty();
   CR3MPackageV3 translated;
-  bool changed = false;
-  if (!options_.localStagingDir.empty()) {
-    const long long code = sendStaged(request, deadline, &translated, &changed);
-    if (code != 0) return code;
-  }
+  long long storeCode = 0;
+  const bool named = staging && useStaged(request, &translated, &storeCode);
+  // Logged when the store failed; the check cannot succeed without the file.
+  if (storeCode != 0) return storeCode;
   std::string answer;
   std::string why;
   const Failure failure =
-      exchange(tlvwire::FrameKind::kCall, tlvwire::callBody(call, changed ? translated : request),
+      exchange(tlvwire::FrameKind::kCall, tlvwire::callBody(call, named ? translated : request),
                tlvwire::FrameKind::kCallReply, deadline, &answer, &why);
   CQPNDebugKitGuard guard(kModule, kFunction);
   if (failure == Failure::kTimeout) {
@@ -279,82 +277,74 @@ long long RemoteBackend::handle(const TlvCall& call, const CR3MPackageV3& reques
                 address().c_str(), command, error.c_str());
     return kErrBackendFailure;
   }
-  if (code == 0 && !options_.localStagingDir.empty()) localizePaths(reply);
+  if (code == 0 && staging) stageHandedOut(command, call.timeout, reply);
   return code;
 }
 
-long long RemoteBackend::sendStaged(const CR3MPackageV3& request, wiresock::Deadline deadline,
-                                    CR3MPackageV3* sent, bool* changed) {
-  for (size_t r = 0; r < request.size(); ++r) {
-    const CR3MRecordV3& record = request.recordAt(r);
-    for (size_t c = 0; c < record.cellCount(); ++c) {
-      const std::string local = cellText(record.cellAt(c));
-      if (local.empty() || plainParent(local) != options_.localStagingDir) continue;
-      const std::string name = local.substr(local.rfind('/') + 1);
-      std::string remote;
-      {
-        std::lock_guard<std::mutex> lock(mutex_);
-        auto it = staged_.find(name);
-        if (it == staged_.end()) continue;  // not one of ours: the backend judges it
-        remote = it->second;
-        staged_.erase(it);
-      }
-      std::string bytes;
-      const bool present = readWhole(local, &bytes);
-      // The upload is used once, whatever happens next.
-      unlink(local.c_str());
-      // A file that was never written is the backend's to report missing.
-      if (present) {
-        const long long code = storeRemote(remote, bytes, deadline);
-        if (code != 0) return code;
-      }
-      if (!*changed) {
-        *sent = request;
-        *changed = true;
-      }
-      const unsigned short tag = record.cellAt(c).getTag();
-      (*sent)[r][tag].setString(tag, remote);
-    }
+bool RemoteBackend::useStaged(const CR3MPackageV3& request, CR3MPackageV3* sent, long long* code) {
+  if (request.size() == 0 || !checksUploadPath(request.recordAt(0).command())) return false;
+  const std::string local = pathCell(request);
+  StagedUploads::Upload upload;
+  // A path the backend never handed out passes unchanged: the backend judges it.
+  if (local.empty() || !staged_.take(local, &upload)) return false;
+  // The upload is used once, whatever happens next.
+  unlink(local.c_str());
+  if (upload.written && upload.storeCode != 0) {
+    *code = upload.storeCode;
+    return true;
   }
-  return 0;
+  // Never written: the backend reports its own path missing.
+  *sent = request;
+  (*sent)[0][proto::kTagPath].setString(proto::kTagPath, upload.remotePath);
+  return true;
 }
 
-void RemoteBackend::localizePaths(CR3MPackageV3& reply) {
-  for (size_t r = 0; r < reply.size(); ++r) {
-    CR3MRecordV3& record = reply[r];
-    for (size_t c = 0; c < record.cellCount(); ++c) {
-      const std::string remote = cellText(record.cellAt(c));
-      const std::string parent = remote.empty() ? std::string() : plainParent(remote);
-      if (parent.empty()) continue;
-      const std::string name = remote.substr(remote.rfind('/') + 1);
-      {
-        std::lock_guard<std::mutex> lock(mutex_);
-        bool staging = false;
-        for (const std::string& dir : stagingDirs_) staging = staging || dir == parent;
-        if (!staging) continue;
-        // Bounded: uploads that were never checked are forgotten in bulk.
-        if (staged_.size() >= kMaxStaged) staged_.clear();
-        staged_[name] = remote;
-      }
-      const unsigned short tag = record.cellAt(c).getTag();
-      record[tag].setString(tag, options_.localStagingDir + "/" + name);
-    }
+void RemoteBackend::stageHandedOut(unsigned command, int timeoutSeconds, CR3MPackageV3& reply) {
+  if (!handsOutUploadPath(command)) return;
+  const std::string remote = pathCell(reply);
+  const std::string parent = remote.empty() ? std::string() : plainParent(remote);
+  if (parent.empty()) return;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    bool staging = false;
+    for (const std::string& dir : stagingDirs_) staging = staging || dir == parent;
+    if (!staging) return;
   }
+  const std::string local = options_.localStagingDir + remote.substr(parent.size());
+  StagedUploads::Upload upload;
+  upload.remotePath = remote;
+  upload.timeoutSeconds = timeoutSeconds;
+  for (const std::string& gone : staged_.add(local, upload, StagedUploads::Clock::now())) {
+    // Handed out long ago and never checked: its local copy goes with it.
+    unlink(gone.c_str());
+  }
+  reply[0][proto::kTagPath].setString(proto::kTagPath, local);
 }
 
-long long RemoteBackend::storeRemote(const std::string& path, const std::string& bytes,
+void RemoteBackend::uploadWritten(const std::string& path, const char* data, size_t length) {
+  if (options_.localStagingDir.empty()) return;
+  StagedUploads::Upload upload;
+  if (!staged_.find(path, &upload)) return;  // not a path the backend handed out
+  const long long timeoutMs =
+      upload.timeoutSeconds > 0 ? upload.timeoutSeconds * 1000LL : kDefaultTimeoutMs;
+  const long long code =
+      storeRemote(upload.remotePath, data, length, wiresock::deadlineIn(timeoutMs));
+  staged_.setWritten(path, code);
+}
+
+long long RemoteBackend::storeRemote(const std::string& path, const char* data, size_t length,
                                      wiresock::Deadline deadline) {
   CQPNDebugKitGuard guard(kModule, kFunction);
-  if (bytes.size() > tlvwire::kMaxFrameBytes - tlvwire::kHeaderBytes - 8 - path.size()) {
+  if (length > tlvwire::kMaxFrameBytes - tlvwire::kHeaderBytes - 8 - path.size()) {
     guard.error(0, kFunction, __LINE__, "backend %s: upload %s of %zu bytes is beyond a frame",
-                address().c_str(), path.c_str(), bytes.size());
+                address().c_str(), path.c_str(), length);
     return kErrBackendFailure;
   }
   std::string answer;
   std::string why;
-  const Failure failure = exchange(tlvwire::FrameKind::kStoreFile,
-                                   tlvwire::storeFileBody(path, bytes.data(), bytes.size()),
-                                   tlvwire::FrameKind::kStoreReply, deadline, &answer, &why);
+  const Failure failure =
+      exchange(tlvwire::FrameKind::kStoreFile, tlvwire::storeFileBody(path, data, length),
+               tlvwire::FrameKind::kStoreReply, deadline, &answer, &why);
   if (failure != Failure::kNone) {
     guard.error(0, kFunction, __LINE__, "backend %s not available for the upload %s: %s",
                 address().c_str(), path.c_str(), why.c_str());

@@ -22,14 +22,23 @@
 // in time. A call that times out says nothing about reachability (the
 // command may be slow); the pings of the gateway's health probe do.
 //
-// Uploads: the backend hands out paths in its staging folders (named by the
-// backend when a connection opens) for the host to write an upload to, and
-// later checks the file at that path. The backend's folders may be on
-// another machine, so with options.localStagingDir set such a path in a
-// reply becomes the same name in the local folder, where the host writes it;
-// when a later request names that local path, the file goes to the backend
-// first ("store file" frame) and the request names the backend's path again.
-// The local copy is removed once sent.
+// Uploads (with options.localStagingDir set): the backend's staging folders
+// (named by the backend when a connection opens) may be on another machine,
+// so uploads pass through an explicit seam, and only through the one cell of
+// the commands that carry an upload path (kTagPath of record 0):
+//   - the reply of an upload-path command (certificate temporary path, CRL
+//     import path) names a path directly inside a staging folder: the host
+//     gets the same name in the local folder instead, and the pair is
+//     remembered (StagedUploads, by the exact local path);
+//   - writeFile to that local path tells uploadWritten(), which sends the
+//     bytes at once to the backend's path ("store file" frame), from memory;
+//   - the check (certificate check, CRL save) that names exactly that local
+//     path goes with the backend's path instead, or, when the bytes could not
+//     be sent, is answered with the store's failure without a call. The local
+//     copy is removed then: an upload is used once.
+// No other cell is read or rewritten, whatever it holds. A remembered path
+// is forgotten (and its local file removed) after kStagedMaxAgeSeconds, or,
+// the oldest first, when kMaxStaged are remembered.
 //
 // Thread-safety: every method may be called from any thread at once.
 #ifndef NOX_HOST_REMOTE_BACKEND_H_
@@ -37,7 +46,6 @@
 
 #include <atomic>
 #include <condition_variable>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -45,6 +53,7 @@
 
 #include "nox_visibility.h"
 #include "service_gate.h"
+#include "staged_uploads.h"
 #include "tlv_backend.h"
 #include "tlv_wire.h"
 #include "wire_socket.h"
@@ -61,6 +70,11 @@ struct RemoteBackendOptions {
 
 class HOST_API RemoteBackend : public TlvBackend {
  public:
+  // How long a handed-out upload path is remembered (an import writes and
+  // checks its upload within its own request), and how many at most.
+  static constexpr int kStagedMaxAgeSeconds = 600;
+  static constexpr size_t kMaxStaged = 4096;
+
   // Reads "tcp://HOST:PORT" ("tcp://[::1]:7070" for IPv6) into options->host
   // and options->port. Returns false and sets *error when malformed.
   static bool parseAddress(const std::string& url, RemoteBackendOptions* options,
@@ -75,6 +89,7 @@ class HOST_API RemoteBackend : public TlvBackend {
   // TlvBackend
   long long handle(const TlvCall& call, const CR3MPackageV3& request,
                    CR3MPackageV3& reply) override;
+  void uploadWritten(const std::string& path, const char* data, size_t length) override;
 
   // True when the backend answers a ping within `timeoutMs`.
   bool reachable(int timeoutMs);
@@ -97,14 +112,15 @@ class HOST_API RemoteBackend : public TlvBackend {
   // One request frame and its answer of kind `want` on a pooled connection.
   Failure exchange(tlvwire::FrameKind kind, const std::string& body, tlvwire::FrameKind want,
                    wiresock::Deadline deadline, std::string* answer, std::string* why);
-  // Sends the local files that `request` names to the backend; *sent gets
-  // the request with the backend's paths. Returns 0 or a failure code.
-  long long sendStaged(const CR3MPackageV3& request, wiresock::Deadline deadline,
-                       CR3MPackageV3* sent, bool* changed);
-  // Turns paths in the backend's staging folders into local ones.
-  void localizePaths(CR3MPackageV3& reply);
-  // Stores `bytes` at the backend's `path`; 0 or a failure code.
-  long long storeRemote(const std::string& path, const std::string& bytes,
+  // When `request` is a check that names a staged upload's local path:
+  // true, the upload taken, and either *sent (the request with the backend's
+  // path) or *code (the failure of its store). False for any other request.
+  bool useStaged(const CR3MPackageV3& request, CR3MPackageV3* sent, long long* code);
+  // When `reply` answers an upload-path command with a path directly inside
+  // a staging folder: the path becomes the local one, remembered.
+  void stageHandedOut(unsigned command, int timeoutSeconds, CR3MPackageV3& reply);
+  // Stores `length` bytes at the backend's `path`; 0 or a failure code.
+  long long storeRemote(const std::string& path, const char* data, size_t length,
                         wiresock::Deadline deadline);
 
   const RemoteBackendOptions options_;
@@ -115,8 +131,7 @@ class HOST_API RemoteBackend : public TlvBackend {
   std::vector<int> idle_;                  // guarded by mutex_
   int open_ = 0;                           // connections idle or in use; guarded by mutex_
   std::vector<std::string> stagingDirs_;  // guarded by mutex_
-  // Local upload name -> the backend's path for it; guarded by mutex_.
-  std::map<std::string, std::string> staged_;
+  StagedUploads staged_;                  // by local path; locks itself
 };
 
 #endif  // NOX_HOST_REMOTE_BACKEND_H_

@@ -63,6 +63,13 @@ bool parseCount(const std::string& text, uint32_t* value) {
   return true;
 }
 
+// `value` as compact JSON text, with no line feed at its end.
+std::string compact(const Json::Value& value) {
+  Json::FastWriter writer;
+  writer.omitEndingLineFeed();
+  return writer.write(value);
+}
+
 // The filter object of `args`: every argument but the paging, sorting and
 // language ones. Returns false when "filter" is given but is no JSON object.
 bool buildFilter(const std::map<std::string, MsgValue>& args, Json::Value* filter) {
@@ -79,7 +86,9 @@ bool buildFilter(const std::map<std::string, MsgValue>& args, Json::Value* filte
     }
     for (const std::string& name : parsed.getMemberNames()) {
       const Json::Value& v = parsed[name];
-      (*filter)[name] = v.isString() ? v : Json::Value(Json::FastWriter().write(v));
+      // A number (or any other non-text value) travels as its JSON text:
+      // {"status":1} as "1".
+      (*filter)[name] = v.isString() ? v : Json::Value(compact(v));
     }
   }
   for (const auto& entry : args) {
@@ -92,12 +101,6 @@ bool buildFilter(const std::map<std::string, MsgValue>& args, Json::Value* filte
     (*filter)[key] = entry.second.value_;
   }
   return true;
-}
-
-std::string compact(const Json::Value& value) {
-  Json::FastWriter writer;
-  writer.omitEndingLineFeed();
-  return writer.write(value);
 }
 
 // Sends `package` for the request's session and leaves the reply in

@@ -7,10 +7,18 @@
 // reports a failure by returning a non-zero code, which sendMessage throws as
 // QPNExceptionWithErrCode_ carrying that code.
 //
-// Thread-safety: handle() is called from any request thread at once.
+// Uploads: the plug-in writes an upload with the host's writeFile to a path
+// the backend handed out, then names that path in a call. writeFile tells
+// the installed backend about every file it wrote (uploadWritten, the upload
+// seam); a backend whose files are the host's ignores it, a RemoteBackend
+// sends the bytes of a path it handed out on to its machine.
+//
+// Thread-safety: handle() and uploadWritten() are called from any request
+// thread at once.
 #ifndef NOX_HOST_TLV_BACKEND_H_
 #define NOX_HOST_TLV_BACKEND_H_
 
+#include <cstddef>
 #include <memory>
 #include <string>
 
@@ -31,6 +39,17 @@ class HOST_API TlvBackend {
   // Returns 0 and fills `reply`, or returns the backend's error code.
   virtual long long handle(const TlvCall& call, const CR3MPackageV3& request,
                            CR3MPackageV3& reply) = 0;
+  // The upload seam: writeFile has written `length` bytes at `path` (whole,
+  // renamed into place). A backend that handed out `path` for an upload and
+  // keeps its files elsewhere takes the bytes now; any other path is none of
+  // its business. Never throws and returns nothing: a failure is kept and
+  // answered to the call that names the path next. `data` stays the
+  // caller's. By default every file is ignored.
+  virtual void uploadWritten(const std::string& path, const char* data, size_t length) {
+    (void)path;
+    (void)data;
+    (void)length;
+  }
 };
 
 // Error codes of the messaging layer itself.
@@ -41,5 +60,7 @@ constexpr long long kErrBackendFailure = 0x03000103;      // the backend threw
 // Installs `backend` for every later sendMessage; null uninstalls. Returns
 // the backend it replaces. Calls already running keep the one they started with.
 HOST_API std::shared_ptr<TlvBackend> installTlvBackend(std::shared_ptr<TlvBackend> backend);
+// The backend installed now, or null.
+HOST_API std::shared_ptr<TlvBackend> installedTlvBackend();
 
 #endif  // NOX_HOST_TLV_BACKEND_H_

@@ -30,6 +30,11 @@ std::shared_ptr<TlvBackend> installTlvBackend(std::shared_ptr<TlvBackend> backen
   return backend;
 }
 
+std::shared_ptr<TlvBackend> installedTlvBackend() {
+  std::lock_guard<std::mutex> lock(backendMutex());
+  return backendSlot();
+}
+
 int CTlvMsg::sendMessage(const CDeviceID& device, const UserContext& user, CR3MPackageV3& request,
                          CR3MPackageV3& reply, std::string interfaceVersion, int timeout,
                          CommunicationTarget::TargetType target) {

@@ -22,7 +22,8 @@ PACKAGES=(
   chromium chromium-driver python3-selenium fonts-wqy-microhei
 )
 # Node and npm for tools/api: Debian's, unless a node is installed already
-# (another one may be newer; the tools need node 18.17 or later).
+# (another one may be newer; the tools need node 18.17 or later, and the
+# lint with Redocly CLI 2 node 20.19 or later: it is skipped on an older one).
 command -v node >/dev/null 2>&1 || PACKAGES+=(nodejs)
 command -v npm >/dev/null 2>&1 || PACKAGES+=(npm)
 

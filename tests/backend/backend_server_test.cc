@@ -7,10 +7,13 @@
 #include <unistd.h>
 
 #include <condition_variable>
+#include <fstream>
+#include <iterator>
 #include <mutex>
 #include <string>
 #include <vector>
 
+#include "host_functions.h"
 #include "remote_fixture.h"
 #include "test_pki.h"
 #include "trace_capture.h"
@@ -19,6 +22,12 @@
 namespace {
 
 void importTarget(CR3MRecordV3& r) { r[0].setUInt32(0, proto::kImportTarget); }
+
+// The whole file at `path` ("" when it cannot be read).
+std::string readWhole(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
 
 // Reads what the server sends until it closes; true when it closed within
 // 30 s (it always should after a bad frame).
@@ -55,7 +64,7 @@ TEST_F(BackendServerTest, AnswersAsTheBackendInProcess) {
   EXPECT_EQ(remoteSend(0x12345678, nullptr), proto::kErrUnknownCommand);
 }
 
-TEST_F(BackendServerTest, UploadsGoToTheBackendWithTheRequestThatNamesThem) {
+TEST_F(BackendServerTest, UploadsGoToTheBackendWhenTheHostWritesThem) {
   // The path handed to the host is in the local folder, under the backend's
   // name for it.
   CR3MPackageV3 reply;
@@ -63,6 +72,25 @@ TEST_F(BackendServerTest, UploadsGoToTheBackendWithTheRequestThatNamesThem) {
   const std::string local = textCell(reply, 0, proto::kTagPath);
   EXPECT_EQ(local.rfind(localStaging_ + "/cert-", 0), 0u) << local;
   EXPECT_EQ(local.size(), localStaging_.size() + std::string("/cert-.upload").size() + 32);
+  // The host's write sends the bytes on at once (the seam): the backend has
+  // them under the same name before any check, and the local file is there
+  // for the plug-in's own steps (its mode).
+  const std::string der = "not a certificate";
+  ASSERT_EQ(writeFile(local.c_str(), der.data(), static_cast<unsigned int>(der.size())),
+            static_cast<int>(der.size()));
+  const std::string name = local.substr(localStaging_.size() + 1);
+  EXPECT_EQ(folderNames(dataDir() + "/tmp"), std::vector<std::string>{name});
+  EXPECT_EQ(readWhole(dataDir() + "/tmp/" + name), der);
+  EXPECT_TRUE(fileExists(local));
+  // The check goes with the backend's path: its verdict is on those bytes.
+  EXPECT_EQ(remoteSend(proto::kCertCheck,
+                       [&](CR3MRecordV3& r) {
+                         importTarget(r);
+                         r[proto::kTagPath].setString(proto::kTagPath, local);
+                       }),
+            0x60E01D01);
+  EXPECT_FALSE(fileExists(local));
+  EXPECT_TRUE(folderNames(dataDir() + "/tmp").empty());
 
   const TestCert ca = makeCert(CertProfile());
   const std::string pem = ca.pem();
@@ -98,8 +126,19 @@ TEST_F(BackendServerTest, AnUploadWhoseBackendIsGoneIsNotAvailable) {
   CR3MPackageV3 reply;
   ASSERT_EQ(remoteSend(proto::kCertTempPath, importTarget, &reply), 0);
   const std::string local = textCell(reply, 0, proto::kTagPath);
-  writeText(local, makeCert(CertProfile()).pem());
   server_->stop();
+  TraceCapture trace(TraceLevel::kError);
+  // The local write succeeds; the store fails and is kept for the check.
+  const std::string pem = makeCert(CertProfile()).pem();
+  EXPECT_EQ(writeFile(local.c_str(), pem.data(), static_cast<unsigned int>(pem.size())),
+            static_cast<int>(pem.size()));
+  bool logged = false;
+  for (const std::string& line : trace.logs(TraceLevel::kError)) {
+    logged = logged || (line.find("backend 127.0.0.1:") == 0 &&
+                        line.find(" not available for the upload /") != std::string::npos &&
+                        line.find("/tmp/cert-") != std::string::npos);
+  }
+  EXPECT_TRUE(logged) << trace.dump();
   EXPECT_EQ(remoteSend(proto::kCertCheck,
                        [&](CR3MRecordV3& r) {
                          importTarget(r);
@@ -107,6 +146,94 @@ TEST_F(BackendServerTest, AnUploadWhoseBackendIsGoneIsNotAvailable) {
                        }),
             kErrBackendUnavailable);
   EXPECT_FALSE(fileExists(local)) << "the upload is used once, whatever happens";
+}
+
+// A backend whose staging folder is /srv/nox/tmp (never touched) that
+// answers every command with text cells that look like upload paths in it,
+// and keeps every package it was sent.
+class LookalikeBackend : public TlvBackend {
+ public:
+  static std::string dir() { return "/srv/nox/tmp"; }
+
+  long long handle(const TlvCall&, const CR3MPackageV3& request, CR3MPackageV3& reply) override {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      received_.push_back(request);
+    }
+    const uint32_t command = request.recordAt(0).command();
+    CR3MRecordV3& first = reply.addRecord(command, proto::kWord);
+    first[proto::kTagPath].setString(proto::kTagPath, dir() + "/cert-handed-out.upload");
+    first[proto::kTagTaskName].setString(proto::kTagTaskName, dir() + "/cert-lookalike.upload");
+    CR3MRecordV3& second = reply.addRecord(command, proto::kWord);
+    second[proto::kTagPath].setString(proto::kTagPath, dir() + "/crl-second-record.upload");
+    return 0;
+  }
+  CR3MPackageV3 last() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return received_.back();
+  }
+
+ private:
+  std::mutex mutex_;
+  std::vector<CR3MPackageV3> received_;
+};
+
+TEST_F(BackendServerTest, ACellThatMerelyLooksLikeAStagingPathIsNeverRewritten) {
+  auto lookalike = std::make_shared<LookalikeBackend>();
+  RunningServer server(lookalike, {LookalikeBackend::dir()});
+  ASSERT_GT(server.port(), 0) << server.error();
+  RemoteBackendOptions options;
+  options.host = "127.0.0.1";
+  options.port = server.port();
+  options.localStagingDir = localStaging_;
+  std::shared_ptr<RemoteBackend> remote = RemoteBackend::create(options);
+  CDeviceID device;
+  UserContext user;
+  const TlvCall call{device, user, "v1", 30, CommunicationTarget::TARGET_BACKEND};
+  auto request = [](uint32_t command, unsigned short tag, const std::string& text) {
+    CR3MPackageV3 package;
+    CR3MRecordV3& r = package.addRecord(command, proto::kWord);
+    importTarget(r);
+    r[tag].setString(tag, text);
+    return package;
+  };
+  const std::string lookalikePath = LookalikeBackend::dir() + "/cert-lookalike.upload";
+  const std::string handedOut = LookalikeBackend::dir() + "/cert-handed-out.upload";
+  const std::string local = localStaging_ + "/cert-handed-out.upload";
+  const uint32_t list = proto::moCommand(proto::kTaskObjType, proto::kMoList);
+
+  // Replies: a task list passes as the backend made it, path cell and all.
+  CR3MPackageV3 reply;
+  ASSERT_EQ(remote->handle(call, request(list, proto::kTagFilter, "{}"), reply), 0);
+  EXPECT_EQ(textCell(reply, 0, proto::kTagPath), handedOut);
+  EXPECT_EQ(textCell(reply, 0, proto::kTagTaskName), lookalikePath);
+  // The temporary path: only record 0's path cell becomes the local one.
+  reply.clear();
+  ASSERT_EQ(remote->handle(call, request(proto::kCertTempPath, 1, "x"), reply), 0);
+  EXPECT_EQ(textCell(reply, 0, proto::kTagPath), local);
+  EXPECT_EQ(textCell(reply, 0, proto::kTagTaskName), lookalikePath);
+  EXPECT_EQ(textCell(reply, 1, proto::kTagPath),
+            LookalikeBackend::dir() + "/crl-second-record.upload");
+
+  // Requests: the local path anywhere but a check's path cell goes as it is.
+  const CR3MPackageV3 inFilter = request(list, proto::kTagFilter, local);
+  ASSERT_EQ(remote->handle(call, inFilter, reply), 0);
+  EXPECT_EQ(tlvwire::packageBytes(lookalike->last()), tlvwire::packageBytes(inFilter));
+  const CR3MPackageV3 inAnotherCommand = request(list, proto::kTagPath, local);
+  ASSERT_EQ(remote->handle(call, inAnotherCommand, reply), 0);
+  EXPECT_EQ(tlvwire::packageBytes(lookalike->last()), tlvwire::packageBytes(inAnotherCommand));
+  CR3MPackageV3 inAnotherCell = request(proto::kCertCheck, proto::kTagTaskName, local);
+  inAnotherCell[0][proto::kTagPath].setString(proto::kTagPath, localStaging_ + "/cert-x.upload");
+  ASSERT_EQ(remote->handle(call, inAnotherCell, reply), 0);
+  EXPECT_EQ(tlvwire::packageBytes(lookalike->last()), tlvwire::packageBytes(inAnotherCell));
+  // The check's path cell with exactly the handed-out path: the backend's.
+  ASSERT_EQ(remote->handle(call, request(proto::kCertCheck, proto::kTagPath, local), reply), 0);
+  EXPECT_EQ(tlvwire::packageBytes(lookalike->last()),
+            tlvwire::packageBytes(request(proto::kCertCheck, proto::kTagPath, handedOut)));
+  // Used once: the same check again goes as it is.
+  ASSERT_EQ(remote->handle(call, request(proto::kCertCheck, proto::kTagPath, local), reply), 0);
+  CR3MPackageV3 again = lookalike->last();
+  EXPECT_EQ(textCell(again, 0, proto::kTagPath), local);
 }
 
 TEST_F(BackendServerTest, StoreFramesOutsideTheStagingFoldersAreRefused) {

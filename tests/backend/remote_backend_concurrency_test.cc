@@ -18,6 +18,7 @@ class RemoteConcurrencyTest : public RemoteBackendTest {};
 
 TEST_F(RemoteConcurrencyTest, EightThreadsThroughAPoolOfThree) {
   remote_ = connect(3);
+  installTlvBackend(remote_);
   const uint32_t one = proto::moCommand(proto::kTaskObjType, proto::kMoGetById);
   // The answers in process, to compare with.
   std::vector<std::string> expected;
@@ -45,7 +46,7 @@ TEST_F(RemoteConcurrencyTest, EightThreadsThroughAPoolOfThree) {
           ++wrong;
         }
         if (i % 5 != 0) continue;
-        // An upload: path, bytes written locally, check.
+        // An upload: path, bytes written (and sent on by the seam), check.
         if (remoteImport(proto::kCertTempPath, proto::kCertCheck, caPem) == 0) {
           ++imported;
         } else {

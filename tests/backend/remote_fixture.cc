@@ -4,6 +4,8 @@
 
 #include <cstdlib>
 
+#include "host_functions.h"
+
 RunningServer::RunningServer(std::shared_ptr<TlvBackend> backend,
                              std::vector<std::string> stagingDirs, int port,
                              int maxConnections) {
@@ -34,9 +36,11 @@ void RemoteBackendTest::SetUp() {
   server_ = std::make_unique<RunningServer>(backend_, backend_->stagingFolders());
   ASSERT_GT(server_->port(), 0) << server_->error();
   remote_ = connect();
+  installTlvBackend(remote_);
 }
 
 void RemoteBackendTest::TearDown() {
+  installTlvBackend(nullptr);
   remote_.reset();
   server_.reset();
   BackendTest::TearDown();
@@ -73,7 +77,9 @@ long long RemoteBackendTest::remoteImport(uint32_t pathCommand, uint32_t checkCo
   if (code != 0) return code;
   const std::string path = textCell(reply, 0, proto::kTagPath);
   if (stagedAt != nullptr) *stagedAt = path;
-  writeText(path, bytes);
+  if (writeFile(path.c_str(), bytes.data(), static_cast<unsigned int>(bytes.size())) < 0) {
+    return -1;
+  }
   return remoteSend(checkCommand, [&](CR3MRecordV3& r) {
     target(r);
     r[proto::kTagPath].setString(proto::kTagPath, path);

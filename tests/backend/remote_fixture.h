@@ -1,6 +1,7 @@
 // RemoteBackendTest: a fresh simulated backend (BackendTest) served by a
 // BackendServer on a free loopback port, and a RemoteBackend that reaches it
-// the way a gateway does, with a local upload folder of its own.
+// the way a gateway does, with a local upload folder of its own, installed
+// as the host's backend (so that the host's writeFile tells it of uploads).
 //
 //   TEST_F(RemoteBackendTest, Something) {
 //     CR3MPackageV3 reply;
@@ -46,15 +47,17 @@ class RemoteBackendTest : public BackendTest {
   void SetUp() override;
   void TearDown() override;
 
-  // A RemoteBackend for the running server with `poolSize` connections.
+  // A RemoteBackend for the running server with `poolSize` connections (not
+  // installed: installTlvBackend it to use it for uploads).
   std::shared_ptr<RemoteBackend> connect(int poolSize = 4);
   // Sends one record through remote_ (call time-out `timeout` seconds).
   long long remoteSend(uint32_t command, const Fill& fill, CR3MPackageV3* reply = nullptr,
                        int timeout = 30);
 
   // An import through remote_ as the plug-in makes it: asks for the path,
-  // writes `bytes` there (the local staging folder), asks for the check.
-  // Returns the first failing code or the check's; *stagedAt gets the path.
+  // writes `bytes` there with the host's writeFile (the local staging
+  // folder), asks for the check. Returns the first failing code (-1: the
+  // write) or the check's; *stagedAt gets the path.
   long long remoteImport(uint32_t pathCommand, uint32_t checkCommand, const std::string& bytes,
                          std::string* stagedAt = nullptr);
 

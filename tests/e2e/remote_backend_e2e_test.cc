@@ -93,9 +93,10 @@ TEST_F(RemoteBackendE2E, LoginTasksAndAnUploadThroughNoxBackend) {
   expectImported(uploadFile(*client, token, "/kestrel_cert/import_cert", "ca.pem", ca));
   EXPECT_NE(backend_.traceLog().find("CA CN=NOX Remote CA accepted"), std::string::npos)
       << backend_.traceLog();
-  // The gateway staged the upload in its own folder and sent it on with the
-  // check: nothing is left there, and the plug-in's steps on the local file
-  // (its mode) found it.
+  // The plug-in wrote the upload in the gateway's own folder, the gateway
+  // sent its bytes on as it was written, and the check removed it: nothing
+  // is left there, and the plug-in's steps on the local file (its mode)
+  // found it.
   EXPECT_EQ(entries(gateways_.back()->dataDir() + "/data/staging"), 0);
   EXPECT_EQ(gateways_.back()->traceLog().find("filepermission failed"), std::string::npos)
       << gateways_.back()->traceLog();

@@ -7,8 +7,13 @@
 #include <climits>
 #include <cstdlib>
 #include <fstream>
+#include <memory>
 #include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
 
+#include "tlv_backend.h"
 #include "trace_capture.h"
 
 namespace {
@@ -94,6 +99,42 @@ TEST(WriteFileTest, NewFileIsPrivateUntilTheCallerChangesIt) {
   struct stat st;
   ASSERT_EQ(stat(path.c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0600u);
+}
+
+// The upload seam: a backend that records what writeFile told it.
+class UploadRecorder : public TlvBackend {
+ public:
+  long long handle(const TlvCall&, const CR3MPackageV3&, CR3MPackageV3&) override { return 0; }
+  void uploadWritten(const std::string& path, const char* data, size_t length) override {
+    told.emplace_back(path, std::string(data, length));
+  }
+  std::vector<std::pair<std::string, std::string>> told;
+};
+
+TEST(WriteFileTest, TellsTheInstalledBackendOfEveryFileItWrote) {
+  TempDir dir;
+  auto recorder = std::make_shared<UploadRecorder>();
+  std::shared_ptr<TlvBackend> before = installTlvBackend(recorder);
+  const std::string path = dir.path() + "/cert-1.upload";
+  const std::string bytes("PEM\0DER", 7);
+  ASSERT_EQ(writeFile(path.c_str(), bytes.data(), 7), 7);
+  // A write that fails tells nothing: there is no file.
+  const std::string nowhere = dir.path() + "/missing/cert-2.upload";
+  EXPECT_EQ(writeFile(nowhere.c_str(), "x", 1), -1);
+  installTlvBackend(before);
+  ASSERT_EQ(recorder->told.size(), 1u);
+  EXPECT_EQ(recorder->told[0].first, path);
+  EXPECT_EQ(recorder->told[0].second, bytes);
+  EXPECT_EQ(readAll(path), bytes) << "the local file is written all the same";
+}
+
+TEST(WriteFileTest, WritesWithoutABackendInstalled) {
+  TempDir dir;
+  std::shared_ptr<TlvBackend> before = installTlvBackend(nullptr);
+  const std::string path = dir.path() + "/plain";
+  EXPECT_EQ(writeFile(path.c_str(), "abc", 3), 3);
+  installTlvBackend(before);
+  EXPECT_EQ(readAll(path), "abc");
 }
 
 TEST(StrToLLTest, Table) {

@@ -4,8 +4,10 @@
 #   - the control fields, and a Depends line with the shared libraries the
 #     executables and libraries need (computed by dpkg-shlibdeps) and passwd;
 #   - the files under /usr are exactly what `cmake --install` lays out, plus
-#     the unit, the documentation, /etc/default/nox-gateway and
-#     /etc/logrotate.d/nox-gateway;
+#     the unit, the documentation, the copyright file, /etc/default/nox-gateway
+#     and /etc/logrotate.d/nox-gateway;
+#   - the copyright file is machine-readable (DEP-5) and names Apache-2.0 for
+#     every file, with the licence's own paragraph;
 #   - the conffile and the maintainer scripts (executable, valid sh);
 #   - the unit's start line, options file, user and hardening lines;
 #   - the options in /etc/default/nox-gateway are ones nox-gateway accepts,
@@ -51,7 +53,8 @@ cmake --install "$BUILD" --prefix "$WORK/prefix" >"$WORK/install.log"
 (cd "$WORK/prefix" && find . -type f | sed 's|^\./|/usr/|') | sort >"$WORK/expected"
 printf '%s\n' /etc/default/nox-gateway /etc/logrotate.d/nox-gateway \
   /usr/lib/systemd/system/nox-gateway.service \
-  /usr/share/doc/nox-gateway/README.md /usr/share/doc/nox-gateway/operations.md >>"$WORK/expected"
+  /usr/share/doc/nox-gateway/README.md /usr/share/doc/nox-gateway/operations.md \
+  /usr/share/doc/nox-gateway/copyright >>"$WORK/expected"
 sort -o "$WORK/expected" "$WORK/expected"
 dpkg-deb -c "$deb" | awk '$1 !~ /^d/ {print $6}' | sed 's|^\./|/|' | sort >"$WORK/packaged"
 if ! diff -u "$WORK/expected" "$WORK/packaged" >"$WORK/files.diff"; then
@@ -78,8 +81,19 @@ grep -q 'useradd --system' "$WORK/control/postinst" || fail "postinst makes no s
 grep -q '/run/systemd/system' "$WORK/control/postinst" || fail "postinst starts without asking for systemd"
 echo "deb: conffiles and maintainer scripts ok"
 
-# The unit and its options.
 dpkg-deb -x "$deb" "$WORK/root"
+# The copyright file, machine-readable: the format line first, a Files: *
+# paragraph under Apache-2.0, and that licence's own paragraph.
+copyright="$WORK/root/usr/share/doc/nox-gateway/copyright"
+[ "$(head -n 1 "$copyright")" = 'Format: https://www.debian.org/doc/packaging-manuals/copyright-format/1.0/' ] ||
+  fail "the copyright file is not machine-readable: $(head -n 1 "$copyright")"
+awk -v RS= '/(^|\n)Files: \*\n/ && /\nCopyright: [^\n]+/ && /\nLicense: Apache-2.0(\n|$)/ {found = 1}
+            END {exit !found}' "$copyright" || fail "the copyright file has no Files: * paragraph under Apache-2.0"
+awk -v RS= '/^License: Apache-2.0\n / && /common-licenses\/Apache-2.0/ {found = 1} END {exit !found}' "$copyright" ||
+  fail "the copyright file has no Apache-2.0 licence paragraph"
+echo "deb: the copyright file names Apache-2.0 (DEP-5)"
+
+# The unit and its options.
 unit="$WORK/root/usr/lib/systemd/system/nox-gateway.service"
 for line in 'ExecStart=/usr/bin/nox-gateway $NOX_GATEWAY_OPTIONS' \
             'EnvironmentFile=/etc/default/nox-gateway' 'User=nox' \

@@ -5,7 +5,8 @@
 #     pkg-config file);
 #   - a consumer project configured with find_package(ucore_nox CONFIG) and
 #     built against the installed tree only, which loads the plug-in;
-#   - pkg-config's flags compile a translation unit of the contract;
+#   - pkg-config's flags compile a translation unit of the contract, and its
+#     file names the licence;
 #   - the installed nox-gateway starts from the prefix, finds its plug-in and
 #     catalogues, answers /healthz and renders a task in Chinese.
 # usage: install_check.sh BUILD_DIR SOURCE_DIR
@@ -41,6 +42,7 @@ printf '#include "request_msg.h"\nint main() { CRequestMsg r; return r.getResIDs
 c++ -std=c++17 "$WORK/pc.cc" -o "$WORK/pc" $(PKG_CONFIG_PATH="$P/lib/pkgconfig" pkg-config --cflags --libs ucore_nox) \
   -Wl,-rpath,"$P/lib"
 "$WORK/pc"
+grep -qx 'License: Apache-2.0' "$P/lib/pkgconfig/ucore_nox.pc" || { echo "install: the pkg-config file names no licence"; exit 1; }
 echo "install: pkg-config ok"
 
 # The installed gateway, run from somewhere else entirely.
