@@ -336,20 +336,6 @@ std::vector<std::string> routeLabels(const CSpecifyProc& registry) {
   return labels;
 }
 
-namespace {
-
-// Why an upload was refused, from its answer's code.
-const char* refusalReason(long long code, int status) {
-  if (code == 2000000001 || code == kErrBodyTooLarge || status == 413) return "too_large";
-  if (code == 0x03000003) return "no_file";
-  if ((code & ~0xFFLL) == 0x60E01D00LL) return "refused_by_check";
-  if (code == 1000005) return "write_failed";
-  if (code == kErrCsrfHeaderMissing) return "console_header";
-  return "other";
-}
-
-}  // namespace
-
 HttpOutput Dispatcher::handle(const HttpInput& in) const {
   std::string route = kOtherRoute;
   HttpOutput out = dispatch(in, &route);
@@ -357,7 +343,7 @@ HttpOutput Dispatcher::handle(const HttpInput& in) const {
   // Refused uploads, whatever refused them (a session is not a refusal).
   if (options_.metrics != nullptr && access_->rule(route, in.method).upload &&
       out.status >= 400 && out.status != 401) {
-    options_.metrics->uploadRefused(refusalReason(out.code, out.status));
+    options_.metrics->uploadRefused(uploadRefusalReason(out.code, out.status));
   }
   return out;
 }
