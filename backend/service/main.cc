@@ -1,33 +1,21 @@
 // nox-backend: the simulated backend as a service of its own. Opens the
 // data folder and serves the TLV commands to gateways over TCP
 // (docs/backend.md, "The backend as a service") until SIGINT or SIGTERM.
-#include <limits.h>
-#include <pthread.h>
-#include <signal.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "backend_server.h"
 #include "service_options.h"
 #include "command_line.h"
+#include "signal_thread.h"
 #include "sim_backend.h"
-#include "trace_sink.h"
 
 namespace {
 
 const char kVersion[] = "nox-backend 1.0.0";
-
-std::string errnoText(int error) {
-  char buffer[256];
-  return strerror_r(error, buffer, sizeof(buffer));
-}
 
 void fail(const std::string& text) { fprintf(stderr, "nox-backend: %s\n", text.c_str()); }
 
@@ -54,33 +42,13 @@ int main(int argc, char** argv) {
   const std::string dataDir =
       options.dataDir.empty() ? home + "/data" : absoluteFrom(startDir, options.dataDir);
 
-  TraceLevel level = TraceLevel::kInfo;
-  if (!parseTraceLevel(options.logLevel, &level)) {
-    fail("--log-level wants trace, debug, info, warn, error or off, not '" + options.logLevel +
-         "'");
-    return 2;
+  int exitCode = 1;
+  const std::string logPath = absoluteFrom(startDir, options.log);
+  if (!openTraceLog(options.logLevel, logPath, &exitCode, &error)) {
+    fail(error);
+    return exitCode;
   }
-  setTraceLevel(level);
-  if (!options.log.empty()) {
-    const std::string logPath = absoluteFrom(startDir, options.log);
-    std::shared_ptr<StreamTraceSink> sink = StreamTraceSink::openFile(logPath);
-    if (!sink) {
-      fail("cannot open the log " + logPath + ": " + errnoText(errno));
-      return 1;
-    }
-    setTraceSink(sink);
-  }
-
-  // Signals are taken by one thread with sigwait; every other thread
-  // inherits the blocked mask.
-  signal(SIGPIPE, SIG_IGN);
-  signal(SIGINT, SIG_DFL);
-  signal(SIGTERM, SIG_DFL);
-  sigset_t stopSignals;
-  sigemptyset(&stopSignals);
-  sigaddset(&stopSignals, SIGINT);
-  sigaddset(&stopSignals, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+  SignalThread signals(SignalThread::kLeaveHangUp);
 
   SimBackendOptions backendOptions;
   backendOptions.dataDir = dataDir;
@@ -113,14 +81,8 @@ int main(int argc, char** argv) {
          server.port());
   fflush(stdout);
 
-  std::thread signalThread([&] {
-    int signal = 0;
-    if (sigwait(&stopSignals, &signal) == 0) server.stop();
-  });
+  signals.start([&server] { server.stop(); });
   server.run();
-  // Wakes the signal thread when the server ended on its own.
-  // NOLINTNEXTLINE(bugprone-bad-signal-to-kill-thread)
-  pthread_kill(signalThread.native_handle(), SIGTERM);
-  signalThread.join();
+  signals.finish();
   return 0;
 }
