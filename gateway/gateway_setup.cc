@@ -74,19 +74,10 @@ bool installSimulatedBackend(const GatewayOptions& options, const GatewayPaths& 
   SimBackendOptions backendOptions;
   backendOptions.dataDir = paths.dataDir;
   backendOptions.initPassword = options.initPassword;
-  std::string why;
-  std::shared_ptr<SimulatedBackend> backend = SimulatedBackend::open(backendOptions, &why);
+  std::shared_ptr<SimulatedBackend> backend = openAnnouncingDemoUsers(backendOptions, error);
   if (!backend) {
     *exitCode = 1;
-    *error = "cannot open the backend's data folder " + paths.dataDir + ": " + why;
     return false;
-  }
-  if (backend->firstStart() && !backend->demoPassword().empty()) {
-    printf("demo users admin (scope 0), auditor (scope 1), apiuser (scope 4); password: %s\n",
-           backend->demoPassword().c_str());
-    printf("(the password is printed only at first start; remove %s to start afresh)\n",
-           paths.dataDir.c_str());
-    fflush(stdout);
   }
   check->lastSeen = seenNow;
   installTlvBackend(backend);
