@@ -36,8 +36,10 @@ constexpr long long kErrScopeForbidden = 0x03000208;
 // 403: a login sent as a form (urlencoded or multipart) without the console's
 // header: a page of another site could post such a form.
 constexpr long long kErrFormLoginNeedsConsole = 0x03000209;
-constexpr long long kErrBadRequest = proto::kErrInvalidArgument;  // 400: unreadable body or arguments
-constexpr long long kErrSessionRequired = proto::kErrNotLoggedIn;  // 401: no valid session
+// 400: unreadable body or arguments
+constexpr long long kErrBadRequest = proto::kErrInvalidArgument;
+// 401: no valid session
+constexpr long long kErrSessionRequired = proto::kErrNotLoggedIn;
 
 // The HTTP status for an error code. Codes the table does not know are
 // server-side failures: 500.

@@ -183,9 +183,16 @@ bool parseOptions(const std::vector<std::string>& args, GatewayOptions* options,
          checkTlsChoice(*options, error);
 }
 
-std::string usageText() {
-  return std::string("usage: nox-gateway [options]\n"
-             "  --listen HOST:PORT      address to serve (default " + kDefaults.server.host + ":" + number(kDefaults.server.port) + "; port 0 picks a free\n"
+namespace {
+
+// Where the gateway finds and keeps things, and its logs.
+std::string usageFilesAndLogs() {
+  return std::string() + "usage: nox-gateway [options]\n"
+         "  --listen HOST:PORT      address to serve (default " +
+         kDefaults.server.host +
+         ":" +
+         number(kDefaults.server.port) +
+         "; port 0 picks a free\n"
          "                          port and prints 'listening on HOST:PORT')\n"
          "  --plugin PATH           the plug-in (default <home>/lib/libucore_nox.so)\n"
          "  --home DIR              installation folder holding bin/, lib/, conf/ (default: the\n"
@@ -196,11 +203,18 @@ std::string usageText() {
          "                          backend in this process\n"
          "  --init-password PW      demo users' password on first start (default: generated)\n"
          "  --log FILE              trace log (default stderr)\n"
-         "  --log-level LEVEL       trace, debug, info, warn, error, off (default " + kDefaults.logLevel + ")\n"
+         "  --log-level LEVEL       trace, debug, info, warn, error, off (default " +
+         kDefaults.logLevel +
+         ")\n"
          "  --access-log FILE       access log (default stderr)\n"
          "  --log-format text|json  the access log's lines: text (default) or one JSON object each\n"
          "  --audit-log FILE        audit trail: one JSON object per line for each security\n"
-         "                          event (default: none)\n"
+         "                          event (default: none)\n";
+}
+
+// The server's threads, time-outs and limits.
+std::string usageServer() {
+  return std::string() +
          "  --io-threads N          threads reading and writing connections (default: one\n"
          "                          per core)\n"
          "  --threads N             worker threads running operations; the requests beyond\n"
@@ -209,27 +223,56 @@ std::string usageText() {
          "  --queue N               requests that may wait for a worker; beyond it 503\n"
          "                          (default " + number(kDefaults.server.queueLimit) + ")\n"
          "  --login-threads N       threads of their own for the logins, at a lower priority,\n"
-         "                          so that logins never hold up other requests (default " + number(kDefaults.server.loginThreads) + ")\n"
+         "                          so that logins never hold up other requests (default " +
+         number(kDefaults.server.loginThreads) +
+         ")\n"
          "  --max-connections N     open connections; new ones beyond it are closed at once\n"
          "                          (default " + number(kDefaults.server.maxConnections) + ")\n"
-         "  --header-timeout SECONDS  time for a whole request header (default " + number(kDefaults.server.headerTimeout) + ")\n"
-         "  --read-timeout SECONDS  longest silence while a request body arrives (default " + number(kDefaults.server.readTimeout) + ")\n"
+         "  --header-timeout SECONDS  time for a whole request header (default " +
+         number(kDefaults.server.headerTimeout) +
+         ")\n"
+         "  --read-timeout SECONDS  longest silence while a request body arrives (default " +
+         number(kDefaults.server.readTimeout) +
+         ")\n"
          "  --min-body-rate BYTES   bytes per second a body must average once it has taken\n"
-         "                          --read-timeout seconds (default " + number(kDefaults.server.minBodyRate) + ")\n"
-         "  --keep-alive-timeout SECONDS  idle time between requests on a connection (default " + number(kDefaults.server.keepAliveTimeout) + ")\n"
-         "  --write-timeout SECONDS time a client may take to read an answer (default " + number(kDefaults.server.writeTimeout) + ")\n"
-         "  --max-header-bytes BYTES  request line and header lines together (default " + number(kDefaults.server.maxHeaderBytes) + ")\n"
-         "  --max-headers N         header lines of a request (default " + number(kDefaults.server.maxHeaders) + ")\n"
-         "  --drain-timeout SECONDS on SIGTERM, time for requests in flight (default " + number(kDefaults.server.drainTimeout) + ")\n"
-         "  --max-body BYTES        largest JSON body or upload (default " + number(kDefaults.server.maxBody) + ")\n"
+         "                          --read-timeout seconds (default " +
+         number(kDefaults.server.minBodyRate) +
+         ")\n"
+         "  --keep-alive-timeout SECONDS  idle time between requests on a connection (default " +
+         number(kDefaults.server.keepAliveTimeout) +
+         ")\n"
+         "  --write-timeout SECONDS time a client may take to read an answer (default " +
+         number(kDefaults.server.writeTimeout) +
+         ")\n"
+         "  --max-header-bytes BYTES  request line and header lines together (default " +
+         number(kDefaults.server.maxHeaderBytes) +
+         ")\n"
+         "  --max-headers N         header lines of a request (default " +
+         number(kDefaults.server.maxHeaders) +
+         ")\n"
+         "  --drain-timeout SECONDS on SIGTERM, time for requests in flight (default " +
+         number(kDefaults.server.drainTimeout) +
+         ")\n"
+         "  --max-body BYTES        largest JSON body or upload (default " +
+         number(kDefaults.server.maxBody) +
+         ")\n";
+}
+
+// Sessions, who may call what, and HTTPS.
+std::string usageSessionsAndTls() {
+  return std::string(
          "  --session-idle SECONDS  idle time after which a session ends\n"
          "  --state memory|redis://[[USER]:PASSWORD@]HOST[:PORT][/DB]\n"
          "                          where sessions, verification codes and login failure\n"
          "                          counts live (default memory: this process only; Redis:\n"
          "                          shared by every gateway that names the same one)\n"
-         "  --state-timeout-ms MS   time-out of each Redis command (default " + number(kDefaults.stateTimeoutMs) + ")\n"
+         "  --state-timeout-ms MS   time-out of each Redis command (default " +
+         number(kDefaults.stateTimeoutMs) +
+         ")\n"
          "  --metrics-allow LIST    client addresses that may read GET /metrics, as addresses\n"
-         "                          and ranges (default " + kDefaults.metricsAllow + "; others get 404)\n"
+         "                          and ranges (default " +
+         kDefaults.metricsAllow +
+         "; others get 404)\n"
          "  --trusted-proxies LIST  proxies, as addresses and ranges, whose X-Forwarded-For\n"
          "                          names the client (its right-most untrusted entry); the\n"
          "                          login throttle, logs and --metrics-allow then see that\n"
@@ -240,7 +283,9 @@ std::string usageText() {
          "  --tls-cert FILE --tls-key FILE   serve HTTPS with this certificate and key (PEM)\n"
          "  --tls-self-signed       serve HTTPS with a key pair made in <data>/tls/ (trial runs)\n"
          "  --hsts-max-age SECONDS  over HTTPS, the max-age of Strict-Transport-Security\n"
-         "                          (default " + number(kDefaults.server.hstsMaxAge) + ", one year; 0 sends no such header)\n"
+         "                          (default " +
+         number(kDefaults.server.hstsMaxAge) +
+         ", one year; 0 sends no such header)\n"
          "  --verify-code-lifetime SECONDS  how long a GET /login challenge lives (default ") +
          std::to_string(VerifyCodeStore::kDefaultLifetime) +
          ";\n"
@@ -248,6 +293,12 @@ std::string usageText() {
          "  --expose-verify-code    put the verification code's text into the GET /login\n"
          "                          challenge (tests only; off by default)\n"
          "  --help, --version\n";
+}
+
+}  // namespace
+
+std::string usageText() {
+  return usageFilesAndLogs() + usageServer() + usageSessionsAndTls();
 }
 
 }  // namespace gw

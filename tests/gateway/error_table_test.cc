@@ -22,7 +22,8 @@ TEST(ErrorTableTest, StatusAndDescriptionOfNamedCodes) {
       {proto::kErrCertNotSafe, 422, "The certificate is not safe."},
       {proto::kErrUploadTooLarge, 413, "The file is larger than 1048576 bytes."},
       {proto::kErrUploadWriteFailed, 500, "The file could not be written."},
-      {proto::kCertVerdictBase + 0x77, 422, "The certificate or CRL was refused."},  // unnamed verdict
+      // A verdict without a name of its own.
+      {proto::kCertVerdictBase + 0x77, 422, "The certificate or CRL was refused."},
       {gw::kErrBusy, 503, "The gateway is busy. Try again shortly."},
       {0x7FFFFFFF, 500, ""},  // unknown: a server-side failure without a text
   };
