@@ -146,26 +146,32 @@ TEST_F(LoadAccessTableTest, TheFileBesideTheCataloguesElseTheNamedOne) {
   EXPECT_EQ(error.compare(0, 10, "--access: "), 0) << error;
 }
 
-TEST(OpenLogsTest, AnUnknownLevelIsAUsageError) {
-  std::unique_ptr<gw::AccessLog> accessLog;
-  int exitCode = 0;
-  std::string error;
-  const gw::GatewayOptions options = parsed({"--log-level", "loud"});
-  EXPECT_FALSE(gw::openLogs(options, gw::resolvePaths(options, "/"), &accessLog, &exitCode,
-                            &error));
-  EXPECT_EQ(exitCode, 2);
-  EXPECT_EQ(error, "--log-level wants trace, debug, info, warn, error or off, not 'loud'");
-}
-
-TEST(OpenLogsTest, AFileThatCannotBeOpened) {
-  std::unique_ptr<gw::AccessLog> accessLog;
-  int exitCode = 0;
-  std::string error;
-  const gw::GatewayOptions options = parsed({"--log", "/nonexistent/folder/trace.log"});
-  EXPECT_FALSE(gw::openLogs(options, gw::resolvePaths(options, "/"), &accessLog, &exitCode,
-                            &error));
-  EXPECT_EQ(exitCode, 1);
-  EXPECT_EQ(error, "cannot open the log /nonexistent/folder/trace.log: No such file or directory");
+// A level it does not know is a usage error (exit status 2); a log that
+// cannot be opened a start-up failure (1).
+TEST(OpenLogsTest, Refusals) {
+  const struct {
+    std::vector<std::string> args;
+    int exitCode;
+    const char* error;
+  } cases[] = {
+      {{"--log-level", "loud"},
+       2,
+       "--log-level wants trace, debug, info, warn, error or off, not 'loud'"},
+      {{"--log", "/nonexistent/folder/trace.log"},
+       1,
+       "cannot open the log /nonexistent/folder/trace.log: No such file or directory"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.args[0]);
+    std::unique_ptr<gw::AccessLog> accessLog;
+    int exitCode = 0;
+    std::string error;
+    const gw::GatewayOptions options = parsed(c.args);
+    EXPECT_FALSE(gw::openLogs(options, gw::resolvePaths(options, "/"), &accessLog, &exitCode,
+                              &error));
+    EXPECT_EQ(exitCode, c.exitCode);
+    EXPECT_EQ(error, c.error);
+  }
 }
 
 TEST(EnterWorkDirTest, AHomeWithoutBinIsRefused) {
