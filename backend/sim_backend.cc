@@ -1,5 +1,6 @@
 #include "sim_backend.h"
 
+#include <cstdio>
 #include <exception>
 #include <memory>
 #include <string>
@@ -104,4 +105,22 @@ std::string SimulatedBackend::demoPassword() const { return impl_->demoPassword;
 
 std::vector<std::string> SimulatedBackend::stagingFolders() const {
   return {impl_->tmpDir, impl_->crlIncomingDir};
+}
+
+std::shared_ptr<SimulatedBackend> openAnnouncingDemoUsers(const SimBackendOptions& options,
+                                                          std::string* error) {
+  std::string why;
+  std::shared_ptr<SimulatedBackend> backend = SimulatedBackend::open(options, &why);
+  if (!backend) {
+    *error = "cannot open the backend's data folder " + options.dataDir + ": " + why;
+    return nullptr;
+  }
+  if (backend->firstStart() && !backend->demoPassword().empty()) {
+    printf("demo users admin (scope 0), auditor (scope 1), apiuser (scope 4); password: %s\n",
+           backend->demoPassword().c_str());
+    printf("(the password is printed only at first start; remove %s to start afresh)\n",
+           options.dataDir.c_str());
+    fflush(stdout);
+  }
+  return backend;
 }

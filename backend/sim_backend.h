@@ -48,4 +48,11 @@ class SimulatedBackend : public TlvBackend {
   std::unique_ptr<Impl> impl_;
 };
 
+// Opens the store as nox-gateway and nox-backend do when they start: on the
+// first start, prints the demo users and their password on stdout (the only
+// time it is known). Null with *error "cannot open the backend's data folder
+// DIR: WHY" when the store cannot be used.
+std::shared_ptr<SimulatedBackend> openAnnouncingDemoUsers(const SimBackendOptions& options,
+                                                          std::string* error);
+
 #endif  // NOX_BACKEND_SIM_BACKEND_H_

@@ -12,6 +12,7 @@
 
 #include <string>
 
+#include "backend_protocol.h"
 #include "compact_json.h"
 
 namespace gw {
@@ -35,12 +36,14 @@ constexpr long long kErrScopeForbidden = 0x03000208;
 // 403: a login sent as a form (urlencoded or multipart) without the console's
 // header: a page of another site could post such a form.
 constexpr long long kErrFormLoginNeedsConsole = 0x03000209;
-constexpr long long kErrBadRequest = 0x03000003;        // 400: unreadable body or arguments
-constexpr long long kErrSessionRequired = 0x03000011;   // 401: no valid session
+// 400: unreadable body or arguments
+constexpr long long kErrBadRequest = proto::kErrInvalidArgument;
+// 401: no valid session
+constexpr long long kErrSessionRequired = proto::kErrNotLoggedIn;
 
 // The HTTP status for an error code. Codes the table does not know are
 // server-side failures: 500.
-//   httpStatusForCode(0x03000003) == 400, httpStatusForCode(0x60E01D02) == 422
+//   httpStatusForCode(kErrBadRequest) == 400, httpStatusForCode(proto::kErrCertExpired) == 422
 int httpStatusForCode(long long code);
 
 // The fixed description of a code, or "" when the table has none.
@@ -49,6 +52,12 @@ std::string describeCode(long long code);
 // text; English otherwise.
 //   describeCode(kErrScopeForbidden, "zh") == "当前用户的角色不允许此操作，请联系管理员。"
 std::string describeCode(long long code, const std::string& language);
+
+// The reason a refused upload is counted under in the metrics, from its
+// answer's code and status: "too_large", "no_file", "refused_by_check",
+// "write_failed", "console_header" or "other".
+//   uploadRefusalReason(proto::kErrCertExpired, 422) == "refused_by_check"
+const char* uploadRefusalReason(long long code, int status);
 
 // {"data": null, "error": {"code": code, "description": description}}.
 Json::Value errorEnvelope(long long code, const std::string& description);

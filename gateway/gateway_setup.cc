@@ -74,19 +74,10 @@ bool installSimulatedBackend(const GatewayOptions& options, const GatewayPaths& 
   SimBackendOptions backendOptions;
   backendOptions.dataDir = paths.dataDir;
   backendOptions.initPassword = options.initPassword;
-  std::string why;
-  std::shared_ptr<SimulatedBackend> backend = SimulatedBackend::open(backendOptions, &why);
+  std::shared_ptr<SimulatedBackend> backend = openAnnouncingDemoUsers(backendOptions, error);
   if (!backend) {
     *exitCode = 1;
-    *error = "cannot open the backend's data folder " + paths.dataDir + ": " + why;
     return false;
-  }
-  if (backend->firstStart() && !backend->demoPassword().empty()) {
-    printf("demo users admin (scope 0), auditor (scope 1), apiuser (scope 4); password: %s\n",
-           backend->demoPassword().c_str());
-    printf("(the password is printed only at first start; remove %s to start afresh)\n",
-           paths.dataDir.c_str());
-    fflush(stdout);
   }
   check->lastSeen = seenNow;
   installTlvBackend(backend);
@@ -113,30 +104,14 @@ GatewayPaths resolvePaths(const GatewayOptions& options, const std::string& star
   paths.accessLog = absoluteFrom(startDir, options.accessLog);
   paths.auditLog = absoluteFrom(startDir, options.auditLog);
   paths.access = options.access.empty() ? std::string() : absoluteFrom(startDir, options.access);
-  paths.tlsCert = absoluteFrom(startDir, options.tlsCert);
-  paths.tlsKey = absoluteFrom(startDir, options.tlsKey);
+  paths.tlsCert = absoluteFrom(startDir, options.server.tlsCert);
+  paths.tlsKey = absoluteFrom(startDir, options.server.tlsKey);
   return paths;
 }
 
 bool openLogs(const GatewayOptions& options, const GatewayPaths& paths,
               std::unique_ptr<AccessLog>* accessLog, int* exitCode, std::string* error) {
-  TraceLevel level = TraceLevel::kInfo;
-  if (!parseTraceLevel(options.logLevel, &level)) {
-    *exitCode = 2;
-    *error = "--log-level wants trace, debug, info, warn, error or off, not '" +
-             options.logLevel + "'";
-    return false;
-  }
-  *exitCode = 1;
-  setTraceLevel(level);
-  if (!paths.log.empty()) {
-    std::shared_ptr<StreamTraceSink> sink = StreamTraceSink::openFile(paths.log);
-    if (!sink) {
-      *error = "cannot open the log " + paths.log + ": " + errnoText(errno);
-      return false;
-    }
-    setTraceSink(sink);
-  }
+  if (!openTraceLog(options.logLevel, paths.log, exitCode, error)) return false;
   *accessLog = AccessLog::open(paths.accessLog, options.accessLogJson);
   if (!*accessLog) {
     *error = "cannot open the access log " + paths.accessLog + ": " + errnoText(errno);
@@ -272,24 +247,8 @@ std::unique_ptr<HealthMonitor> makeHealthMonitor(const ServiceCheck& backend) {
 
 bool serverConfig(const GatewayOptions& options, const GatewayPaths& paths, ServerConfig* config,
                   std::string* error) {
-  config->host = options.listenHost;
-  config->port = options.listenPort;
-  config->ioThreads = options.ioThreads;
+  *config = options.server;
   config->workers = options.threads > 0 ? options.threads : defaultWorkers(options);
-  config->queueLimit = options.queueLimit;
-  config->maxBody = options.maxBody;
-  config->headerTimeout = options.headerTimeout;
-  config->readTimeout = options.readTimeout;
-  config->minBodyRate = options.minBodyRate;
-  config->keepAliveTimeout = options.keepAliveTimeout;
-  config->writeTimeout = options.writeTimeout;
-  config->maxConnections = options.maxConnections;
-  config->maxHeaderBytes = options.maxHeaderBytes;
-  config->maxHeaders = options.maxHeaders;
-  config->drainTimeout = options.drainTimeout;
-  config->hstsMaxAge = options.hstsMaxAge;
-  config->loginThreads = options.loginThreads;
-  parseAddressRanges(options.trustedProxies, &config->trustedProxies, error);  // checked by the parser
   config->tlsCert = paths.tlsCert;
   config->tlsKey = paths.tlsKey;
   if (options.tlsSelfSigned) {

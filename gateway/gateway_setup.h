@@ -99,8 +99,10 @@ std::unique_ptr<HealthMonitor> makeHealthMonitor(const ServiceCheck& backend);
 // 31k to 34k (more threads, more switching and lock waits).
 int defaultWorkers(const GatewayOptions& options);
 
-// The server's settings from the command line; with --tls-self-signed the key
-// pair is made (or reused) in <data>/tls first.
+// The server's settings from the command line (options.server) with the
+// workers decided (--threads, else defaultWorkers) and the TLS files
+// resolved; with --tls-self-signed the key pair is made (or reused) in
+// <data>/tls first. False with *error when it cannot be made.
 bool serverConfig(const GatewayOptions& options, const GatewayPaths& paths, ServerConfig* config,
                   std::string* error);
 

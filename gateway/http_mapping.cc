@@ -12,10 +12,10 @@
 #include "qpn_debug_kit.h"
 #include "qpn_exception.h"
 #include "reply_json.h"
+#include "session_token.h"
 
 namespace gw {
 
-const char kSessionCookie[] = "NOX_SESSION";
 const char kCsrfHeader[] = "X-Requested-With";
 const char kCsrfHeaderValue[] = "nox-console";
 const char kRetryAfterSeconds[] = "1";
@@ -56,22 +56,6 @@ std::string trim(const std::string& text) {
   while (begin < end && std::isspace(static_cast<unsigned char>(text[begin]))) ++begin;
   while (end > begin && std::isspace(static_cast<unsigned char>(text[end - 1]))) --end;
   return text.substr(begin, end - begin);
-}
-
-// The value of cookie `name` in a Cookie header ("a=1; NOX_SESSION=ab12").
-std::string cookieValue(const std::string& header, const std::string& name) {
-  size_t pos = 0;
-  while (pos <= header.size()) {
-    size_t end = header.find(';', pos);
-    if (end == std::string::npos) end = header.size();
-    const std::string pair = trim(header.substr(pos, end - pos));
-    const size_t eq = pair.find('=');
-    if (eq != std::string::npos && pair.compare(0, eq, name) == 0 && eq == name.size()) {
-      return pair.substr(eq + 1);
-    }
-    pos = end + 1;
-  }
-  return std::string();
 }
 
 bool isMethod(const std::string& method, const char* name) {
@@ -208,21 +192,6 @@ std::string headerValue(const HeaderList& headers, const std::string& name) {
   return std::string();
 }
 
-std::string sessionToken(const HttpInput& in, bool* fromCookie) {
-  if (fromCookie != nullptr) *fromCookie = false;
-  std::string token = trim(headerValue(in.headers, "X-Auth-Token"));
-  if (!token.empty()) return token;
-  for (const auto& header : in.headers) {
-    if (strcasecmp(header.first.c_str(), "Cookie") != 0) continue;
-    std::string value = cookieValue(header.second, kSessionCookie);
-    if (!value.empty()) {
-      if (fromCookie != nullptr) *fromCookie = true;
-      return value;
-    }
-  }
-  return std::string();
-}
-
 std::string consoleContentType(const std::string& path) {
   static const struct {
     const char* suffix;
@@ -336,20 +305,6 @@ std::vector<std::string> routeLabels(const CSpecifyProc& registry) {
   return labels;
 }
 
-namespace {
-
-// Why an upload was refused, from its answer's code.
-const char* refusalReason(long long code, int status) {
-  if (code == 2000000001 || code == kErrBodyTooLarge || status == 413) return "too_large";
-  if (code == 0x03000003) return "no_file";
-  if ((code & ~0xFFLL) == 0x60E01D00LL) return "refused_by_check";
-  if (code == 1000005) return "write_failed";
-  if (code == kErrCsrfHeaderMissing) return "console_header";
-  return "other";
-}
-
-}  // namespace
-
 HttpOutput Dispatcher::handle(const HttpInput& in) const {
   std::string route = kOtherRoute;
   HttpOutput out = dispatch(in, &route);
@@ -357,7 +312,7 @@ HttpOutput Dispatcher::handle(const HttpInput& in) const {
   // Refused uploads, whatever refused them (a session is not a refusal).
   if (options_.metrics != nullptr && access_->rule(route, in.method).upload &&
       out.status >= 400 && out.status != 401) {
-    options_.metrics->uploadRefused(refusalReason(out.code, out.status));
+    options_.metrics->uploadRefused(uploadRefusalReason(out.code, out.status));
   }
   return out;
 }
@@ -514,7 +469,7 @@ HttpOutput Dispatcher::serveRoute(const HttpInput& in, const RouteMatch& match,
   // names one.
   const std::string language = request.getArg("LANGUAGE");
   bool fromCookie = false;
-  const std::string token = sessionToken(in, &fromCookie);
+  const std::string token = sessionTokenOf(connection, &fromCookie);
   bool haveSession = false;
   try {
     haveSession = !token.empty() && lookup_ && lookup_(token, info);

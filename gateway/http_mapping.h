@@ -110,9 +110,6 @@ std::vector<std::string> routeLabels(const CSpecifyProc& registry);
 enum class BuiltInPath { kNone, kCheck, kDocument };
 BuiltInPath builtInPath(const std::string& target);
 
-// The name of the session cookie.
-extern const char kSessionCookie[];  // "NOX_SESSION"
-
 // The Retry-After of every 503 answer (busy, backend or session store not
 // available), in seconds.
 extern const char kRetryAfterSeconds[];  // "1"
@@ -139,11 +136,6 @@ std::vector<std::pair<std::string, std::string>> parseQuery(const std::string& q
 
 // The value of header `name` (case-insensitive), or "".
 std::string headerValue(const HeaderList& headers, const std::string& name);
-
-// The session token of a request: the X-Auth-Token header, else the
-// NOX_SESSION cookie, else "". When `fromCookie` is given, *fromCookie tells
-// whether the token came from the cookie.
-std::string sessionToken(const HttpInput& in, bool* fromCookie = nullptr);
 
 // The content type the console's file `path` is served with, from its suffix:
 //   consoleContentType("js/app.js") == "text/javascript; charset=utf-8"

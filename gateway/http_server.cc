@@ -294,6 +294,24 @@ class Connection final : public Impl::Connection {
     if (timedOut_) {
       return refuse(408, kErrRequestTimeout, "The request header did not arrive in time.");
     }
+    if (ec) return onHeaderError(ec);
+    const auto& req = parser_->get();
+    method_ = std::string(req.method_string());
+    target_ = std::string(req.target());
+    // Each refusal here closes the connection: a body may follow that was
+    // never read.
+    if (!headerAcceptable()) return;
+    if (parser_->is_done()) return dispatch();
+    bodyStarted_ = Clock::now();
+    if (req.version() >= 11 && beast::iequals(req[http::field::expect], "100-continue")) {
+      return sendContinue();
+    }
+    readBody();
+  }
+
+  // The header could not be read: the client went away, or sent too much
+  // or something unreadable.
+  void onHeaderError(beast::error_code ec) {
     if (ec == http::error::end_of_stream || ec == net::error::eof ||
         ec == net::error::connection_reset || ec == net::error::operation_aborted ||
         ec == net::ssl::error::stream_truncated) {
@@ -310,20 +328,21 @@ class Connection final : public Impl::Connection {
     if (ec == http::error::body_limit) {
       return refuse(413, kErrBodyTooLarge, describeCode(kErrBodyTooLarge));
     }
-    if (ec) return refuse(400, kErrBadRequest, "The request could not be read.");
+    refuse(400, kErrBadRequest, "The request could not be read.");
+  }
 
+  // Whether the header read is one the gateway serves; refuses it otherwise.
+  bool headerAcceptable() {
     const auto& req = parser_->get();
-    method_ = std::string(req.method_string());
-    target_ = std::string(req.target());
     size_t headers = 0;
     for (auto it = req.begin(); it != req.end(); ++it) ++headers;
-    // Each refusal here closes the connection: a body may follow that was
-    // never read.
     if (!servedMethod(method_)) {
-      return refuse(405, kErrMethodNotAllowed, describeCode(kErrMethodNotAllowed));
+      refuse(405, kErrMethodNotAllowed, describeCode(kErrMethodNotAllowed));
+      return false;
     }
     if (headers > server_.config.maxHeaders) {
-      return refuse(431, kErrBadRequest, "The request carries too many headers.");
+      refuse(431, kErrBadRequest, "The request carries too many headers.");
+      return false;
     }
     // Transfer codings other than plain chunks, or the length given twice
     // (even twice the same): a front proxy and the gateway could disagree
@@ -331,26 +350,26 @@ class Connection final : public Impl::Connection {
     const auto coding = req.find(http::field::transfer_encoding);
     if ((coding != req.end() && !beast::iequals(coding->value(), "chunked")) ||
         req.count(http::field::content_length) > 1) {
-      return refuse(400, kErrBadRequest, "The request body is framed ambiguously.");
+      refuse(400, kErrBadRequest, "The request body is framed ambiguously.");
+      return false;
     }
     if (takesNoBody(method_) && (req.has_content_length() || parser_->chunked())) {
-      return refuse(400, kErrBadRequest, "This method takes no request body.");
+      refuse(400, kErrBadRequest, "This method takes no request body.");
+      return false;
     }
-    if (parser_->is_done()) return dispatch();
-    bodyStarted_ = Clock::now();
-    if (req.version() >= 11 && beast::iequals(req[http::field::expect], "100-continue")) {
-      // The client waits for this before it sends the body.
-      auto go = std::make_shared<http::response<http::empty_body>>(http::status::continue_, 11);
-      beast::get_lowest_layer(stream_).expires_after(
-          std::chrono::seconds(server_.config.writeTimeout));
-      http::async_write(stream_, *go, [self = self(), go](beast::error_code ec, size_t) {
-        beast::get_lowest_layer(self->stream_).expires_never();
-        if (ec) return self->closeNow();
-        self->readBody();
-      });
-      return;
-    }
-    readBody();
+    return true;
+  }
+
+  // The client waits for "100 Continue" before it sends the body.
+  void sendContinue() {
+    auto go = std::make_shared<http::response<http::empty_body>>(http::status::continue_, 11);
+    beast::get_lowest_layer(stream_).expires_after(
+        std::chrono::seconds(server_.config.writeTimeout));
+    http::async_write(stream_, *go, [self = self(), go](beast::error_code ec, size_t) {
+      beast::get_lowest_layer(self->stream_).expires_never();
+      if (ec) return self->closeNow();
+      self->readBody();
+    });
   }
 
   void readBody() {
@@ -398,44 +417,8 @@ class Connection final : public Impl::Connection {
 
   // The request is whole: it goes to a worker; the answer comes back here.
   void dispatch() {
-    auto& req = parser_->get();
-    HttpInput in;
-    in.method = method_;
-    in.target = target_;
-    for (const auto& field : req) {
-      in.headers.emplace_back(std::string(field.name_string()), std::string(field.value()));
-    }
-    requestClient_ = clientOf(req);
-    in.clientAddress = requestClient_;
-    in.body = std::move(req.body());
-    keepAlive_ = req.keep_alive();
-    version_ = req.version();
-    head_ = method_ == "HEAD";
-    context_.requestId = requestIdFor(headerValue(in.headers, "X-Request-Id"));
-    context_.acceptEncoding = headerValue(in.headers, "Accept-Encoding");
-
-    // Bodies are counted after inflating, so that a small body cannot
-    // unpack into a large one.
-    switch (decodeContent(headerValue(in.headers, "Content-Encoding"), &in.body,
-                          server_.transportLimit)) {
-      case BodyStatus::kOk:
-        break;
-      case BodyStatus::kTooLarge:
-        return refuse(413, kErrBodyTooLarge, describeCode(kErrBodyTooLarge));
-      case BodyStatus::kUnsupported:
-        return refuse(415, kErrBadRequest, "The request body's Content-Encoding is not supported.");
-      case BodyStatus::kMalformed:
-        return refuse(400, kErrBadRequest, "The request body could not be read.");
-    }
-    const std::string type = headerValue(in.headers, "Content-Type");
-    if (strncasecmp(type.c_str(), "multipart/form-data", 19) == 0) {
-      const std::string boundary = multipartBoundary(type);
-      if (boundary.empty() || !parseMultipart(in.body, boundary, &in.parts)) {
-        return refuse(400, kErrBadRequest, "The request body could not be read.");
-      }
-      in.multipart = true;
-      in.body.clear();
-    }
+    HttpInput in = takeInput();
+    if (!decodeBody(&in)) return;
     // The health check and the metrics read only what the gateway already
     // knows and cost next to nothing: answered here, without a hand-over to
     // a thread, so no stalled backend or session store can delay them.
@@ -459,6 +442,59 @@ class Connection final : public Impl::Connection {
     });
     // The refusal carries Retry-After, as every 503 does (errorOutput).
     if (!queued) answer(refusal(503, kErrBusy, describeCode(kErrBusy)));
+  }
+
+  // The parsed request as the dispatcher takes it; notes what the answer
+  // needs (keep-alive, version, HEAD, request id, encodings).
+  HttpInput takeInput() {
+    auto& req = parser_->get();
+    HttpInput in;
+    in.method = method_;
+    in.target = target_;
+    for (const auto& field : req) {
+      in.headers.emplace_back(std::string(field.name_string()), std::string(field.value()));
+    }
+    requestClient_ = clientOf(req);
+    in.clientAddress = requestClient_;
+    in.body = std::move(req.body());
+    keepAlive_ = req.keep_alive();
+    version_ = req.version();
+    head_ = method_ == "HEAD";
+    context_.requestId = requestIdFor(headerValue(in.headers, "X-Request-Id"));
+    context_.acceptEncoding = headerValue(in.headers, "Accept-Encoding");
+    return in;
+  }
+
+  // Inflates the body and splits a multipart one into its parts. False
+  // after refusing a body that cannot be read.
+  bool decodeBody(HttpInput* in) {
+    // Bodies are counted after inflating, so that a small body cannot
+    // unpack into a large one.
+    switch (decodeContent(headerValue(in->headers, "Content-Encoding"), &in->body,
+                          server_.transportLimit)) {
+      case BodyStatus::kOk:
+        break;
+      case BodyStatus::kTooLarge:
+        refuse(413, kErrBodyTooLarge, describeCode(kErrBodyTooLarge));
+        return false;
+      case BodyStatus::kUnsupported:
+        refuse(415, kErrBadRequest, "The request body's Content-Encoding is not supported.");
+        return false;
+      case BodyStatus::kMalformed:
+        refuse(400, kErrBadRequest, "The request body could not be read.");
+        return false;
+    }
+    const std::string type = headerValue(in->headers, "Content-Type");
+    if (strncasecmp(type.c_str(), "multipart/form-data", 19) == 0) {
+      const std::string boundary = multipartBoundary(type);
+      if (boundary.empty() || !parseMultipart(in->body, boundary, &in->parts)) {
+        refuse(400, kErrBadRequest, "The request body could not be read.");
+        return false;
+      }
+      in->multipart = true;
+      in->body.clear();
+    }
+    return true;
   }
 
   // The request's client: the connection's address, or, from a trusted

@@ -4,14 +4,11 @@
 // log files.
 // docs/operations.md describes options, files and logs.
 #include <malloc.h>
-#include <pthread.h>
-#include <signal.h>
 #include <sys/resource.h>
 
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
-#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -29,6 +26,7 @@
 #include "options.h"
 #include "plugin_loader.h"
 #include "session_store.h"
+#include "signal_thread.h"
 #include "state_store.h"
 #include "tlv_backend.h"
 #include "verify_code.h"
@@ -65,108 +63,77 @@ void raiseOpenFileLimit() {
   }
 }
 
-}  // namespace
+// The open logs, kept until the end for SIGHUP.
+struct Logs {
+  std::unique_ptr<gw::AccessLog> access;
+  std::shared_ptr<gw::AuditLog> audit;
+};
 
-int main(int argc, char** argv) {
-  capMallocArenas();
-  raiseOpenFileLimit();
-  gw::GatewayOptions options;
+// Reads the command line into *options. -1 to go on, else the exit code:
+// 0 after --help or --version, 2 for a refusal.
+int readCommandLine(int argc, char** argv, gw::GatewayOptions* options) {
   std::string error;
-  if (!gw::parseOptions(std::vector<std::string>(argv + 1, argv + argc), &options, &error)) {
+  if (!gw::parseOptions(std::vector<std::string>(argv + 1, argv + argc), options, &error)) {
     fail(error);
     return 2;
   }
-  if (options.help) {
+  if (options->help) {
     fputs(gw::usageText().c_str(), stdout);
     return 0;
   }
-  if (options.version) {
+  if (options->version) {
     puts(kVersion);
     return 0;
   }
+  return -1;
+}
 
-  // Paths given on the command line are relative to where the gateway was
-  // started; it works from the catalogues' folder afterwards.
-  const gw::GatewayPaths paths = gw::resolvePaths(options, currentDir());
-  std::unique_ptr<gw::AccessLog> accessLog;
-  std::shared_ptr<gw::AuditLog> auditLog;
-  int exitCode = 1;
-  if (!gw::openLogs(options, paths, &accessLog, &exitCode, &error) ||
-      !gw::openAuditLog(paths, &auditLog, &error) || !gw::enterWorkDir(paths, &error)) {
-    fail(error);
-    return exitCode;
-  }
-
-  // Signals are taken by one thread with sigwait; every other thread,
-  // including the server's I/O threads and workers, inherits the blocked mask.
-  signal(SIGPIPE, SIG_IGN);
-  // A shell without job control starts background commands with SIGINT
-  // ignored, nohup with SIGHUP ignored; the gateway still wants them.
-  signal(SIGINT, SIG_DFL);
-  signal(SIGTERM, SIG_DFL);
-  signal(SIGHUP, SIG_DFL);
-  sigset_t handledSignals;
-  sigemptyset(&handledSignals);
-  sigaddset(&handledSignals, SIGINT);
-  sigaddset(&handledSignals, SIGTERM);
-  sigaddset(&handledSignals, SIGHUP);
-  pthread_sigmask(SIG_BLOCK, &handledSignals, nullptr);
-
-  gw::ServiceCheck backendCheck;
-  if (!gw::installBackend(options, paths, &backendCheck, &exitCode, &error)) {
-    fail(error);
-    return exitCode;
-  }
-  if (!gw::installSessionStore(options, &error)) {
-    fail(error);
-    return 1;
-  }
-  gw::SessionLookup lookup = [](const std::string& token, CSessionInfo& info) {
-    return SessionStore::instance().lookup(token, info);
-  };
+// The backend, the session store and the verification codes, as the
+// options say. False with *error and *exitCode.
+bool installServices(const gw::GatewayOptions& options, const gw::GatewayPaths& paths,
+                     gw::ServiceCheck* backendCheck, int* exitCode, std::string* error) {
+  if (!gw::installBackend(options, paths, backendCheck, exitCode, error)) return false;
+  *exitCode = 1;
+  if (!gw::installSessionStore(options, error)) return false;
   CLoginOpWithVerifyCode::setExposeCodeForTests(options.exposeVerifyCode);
   VerifyCodeStore::instance().setLifetime(options.verifyCodeLifetime);
+  return true;
+}
 
-  std::unique_ptr<gw::PluginLibrary> plugin = gw::PluginLibrary::load(paths.plugin, &error);
-  if (!plugin) {
-    fail(error);
-    return 1;
+// Loads the plug-in, lets it register its routes in *registry and loads the
+// access table that guards them. Null with *error on failure (the registry
+// is then released).
+std::unique_ptr<gw::PluginLibrary> loadPlugin(const gw::GatewayPaths& paths,
+                                              CSpecifyProc* registry,
+                                              std::shared_ptr<const AccessTable>* access,
+                                              std::string* error) {
+  std::unique_ptr<gw::PluginLibrary> plugin = gw::PluginLibrary::load(paths.plugin, error);
+  if (!plugin) return nullptr;
+  plugin->registerOperations(registry);
+  if (registry->routes().empty()) fail("the plug-in " + paths.plugin + " registered no route");
+  if (!gw::loadAccessTable(paths, *registry, access, error)) {
+    registry->releaseAll();
+    return nullptr;
   }
-  // The registry outlives the server: the workers use its operations until
-  // run() returns, then releaseAll() lets them go through release().
-  CSpecifyProc registry;
-  plugin->registerOperations(&registry);
-  if (registry.routes().empty()) fail("the plug-in " + paths.plugin + " registered no route");
-  std::shared_ptr<const AccessTable> access;
-  if (!gw::loadAccessTable(paths, registry, &access, &error)) {
-    fail(error);
-    registry.releaseAll();
-    return 1;
-  }
+  return plugin;
+}
 
-  gw::ServerConfig config;
-  if (!gw::serverConfig(options, paths, &config, &error)) {
-    fail(error);
-    registry.releaseAll();
-    return 1;
-  }
-
+// What the dispatcher serves besides the routes: the documents, /healthz and
+// the sessions gauge of /metrics from what the monitor last saw (they never
+// wait for the backend or the session store), and the metrics for the
+// addresses --metrics-allow names, with the counts of the server once it is
+// made.
+gw::DispatchOptions dispatchOptionsFor(const gw::GatewayOptions& options,
+                                       std::shared_ptr<const AccessTable> access,
+                                       gw::HealthMonitor& health, gw::Metrics& metrics,
+                                       const std::vector<gw::AddressRange>& metricsAllowed,
+                                       const std::atomic<const gw::HttpServer*>& serverSeen) {
   gw::DispatchOptions dispatchOptions;
-  dispatchOptions.maxBody = options.maxBody;
+  dispatchOptions.maxBody = options.server.maxBody;
   dispatchOptions.openApi = kNoxOpenApiText;
   dispatchOptions.console = gw::embeddedConsoleFiles();
-  // /healthz and the sessions gauge of /metrics from what the monitor last
-  // saw: they never wait for the backend or the session store.
-  std::unique_ptr<gw::HealthMonitor> health = gw::makeHealthMonitor(backendCheck);
-  dispatchOptions.health = [&health](Json::Value& answer) { return health->report(answer); };
-  dispatchOptions.access = access;
-  // Metrics: counted by the server for every answer, read at GET /metrics
-  // by the addresses --metrics-allow names.
-  gw::Metrics metrics(gw::routeLabels(registry));
-  std::vector<gw::AddressRange> metricsAllowed;
-  gw::parseAddressRanges(options.metricsAllow, &metricsAllowed, &error);  // checked by the parser
-  // The server is made after the dispatcher, which serves /metrics.
-  std::atomic<const gw::HttpServer*> serverSeen{nullptr};
+  dispatchOptions.health = [&health](Json::Value& answer) { return health.report(answer); };
+  dispatchOptions.access = std::move(access);
   dispatchOptions.metrics = &metrics;
   dispatchOptions.metricsAllowed = [&metricsAllowed](const std::string& address) {
     return gw::addressAllowed(metricsAllowed, address);
@@ -175,49 +142,95 @@ int main(int argc, char** argv) {
     const gw::HttpServer* server = serverSeen.load();
     return metrics.render() +
            gw::hostMetricsText(server != nullptr ? server->counts() : gw::TransportCounts(),
-                               health->sessionsOpen());
+                               health.sessionsOpen());
   };
-  gw::Dispatcher dispatcher(registry, lookup, dispatchOptions);
-  gw::HttpServer server(config, dispatcher, *accessLog);
+  return dispatchOptions;
+}
+
+// Serves the registered routes until a signal stops the server. The exit code.
+int serve(const gw::GatewayOptions& options, const gw::GatewayPaths& paths,
+          const CSpecifyProc& registry, std::shared_ptr<const AccessTable> access,
+          const gw::ServiceCheck& backendCheck, const Logs& logs, SignalThread& signals) {
+  std::string error;
+  gw::ServerConfig config;
+  if (!gw::serverConfig(options, paths, &config, &error)) {
+    fail(error);
+    return 1;
+  }
+  std::unique_ptr<gw::HealthMonitor> health = gw::makeHealthMonitor(backendCheck);
+  gw::Metrics metrics(gw::routeLabels(registry));
+  std::vector<gw::AddressRange> metricsAllowed;
+  gw::parseAddressRanges(options.metricsAllow, &metricsAllowed, &error);  // checked by the parser
+  // The server is made after the dispatcher, which serves /metrics.
+  std::atomic<const gw::HttpServer*> serverSeen{nullptr};
+  gw::SessionLookup lookup = [](const std::string& token, CSessionInfo& info) {
+    return SessionStore::instance().lookup(token, info);
+  };
+  gw::Dispatcher dispatcher(registry, lookup,
+                            dispatchOptionsFor(options, std::move(access), *health, metrics,
+                                               metricsAllowed, serverSeen));
+  gw::HttpServer server(config, dispatcher, *logs.access);
   serverSeen = &server;
   health->start();
   if (!server.start(&error)) {
     fail(error);
-    registry.releaseAll();
+    health->stop();
     return 1;
   }
   printf("listening on %s:%d\n", config.host.c_str(), server.port());
   fflush(stdout);
-
-  std::atomic<bool> finished(false);
-  std::thread signalThread([&] {
-    int signal = 0;
-    while (sigwait(&handledSignals, &signal) == 0) {
-      // logrotate has moved the files away: write to new ones by the same
-      // names. Done here, on this thread, not in a signal handler.
-      if (signal == SIGHUP) {
-        if (!finished.load()) gw::reopenLogs(paths, accessLog.get(), auditLog.get());
-        continue;
-      }
-      // Stops accepting and lets the requests in flight finish; a stop
-      // before run() has started is kept and carried out when it does.
-      if (!finished.load()) server.stop();
-      return;
-    }
-  });
+  // A stop before run() has started is kept and carried out when it does.
+  // logrotate has moved the files away on SIGHUP: write to new ones by the
+  // same names.
+  signals.start([&server] { server.stop(); },
+                [&paths, &logs] { gw::reopenLogs(paths, logs.access.get(), logs.audit.get()); });
   server.run();
-  finished.store(true);
-  // Wakes the signal thread when the server ended on its own. SIGTERM is
-  // blocked everywhere and only taken by sigwait: it wakes the thread, it
-  // does not end it.
-  // NOLINTNEXTLINE(bugprone-bad-signal-to-kill-thread)
-  pthread_kill(signalThread.native_handle(), SIGTERM);
-  signalThread.join();
-
-  registry.releaseAll();
+  signals.finish();
   health->stop();
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  capMallocArenas();
+  raiseOpenFileLimit();
+  gw::GatewayOptions options;
+  const int early = readCommandLine(argc, argv, &options);
+  if (early >= 0) return early;
+
+  // Paths given on the command line are relative to where the gateway was
+  // started; it works from the catalogues' folder afterwards.
+  const gw::GatewayPaths paths = gw::resolvePaths(options, currentDir());
+  Logs logs;
+  std::string error;
+  int exitCode = 1;
+  if (!gw::openLogs(options, paths, &logs.access, &exitCode, &error) ||
+      !gw::openAuditLog(paths, &logs.audit, &error) || !gw::enterWorkDir(paths, &error)) {
+    fail(error);
+    return exitCode;
+  }
+  // Before any other thread: the server's I/O threads and workers inherit
+  // the blocked signals.
+  SignalThread signals(SignalThread::kTakeHangUp);
+  gw::ServiceCheck backendCheck;
+  if (!installServices(options, paths, &backendCheck, &exitCode, &error)) {
+    fail(error);
+    return exitCode;
+  }
+  // The registry outlives the server: the workers use its operations until
+  // run() returns, then releaseAll() lets them go through release().
+  CSpecifyProc registry;
+  std::shared_ptr<const AccessTable> access;
+  std::unique_ptr<gw::PluginLibrary> plugin = loadPlugin(paths, &registry, &access, &error);
+  if (!plugin) {
+    fail(error);
+    return 1;
+  }
+  exitCode = serve(options, paths, registry, std::move(access), backendCheck, logs, signals);
+  registry.releaseAll();
   installTlvBackend(nullptr);
   installStateStore(nullptr);
   setAuditSink(nullptr);
-  return 0;
+  return exitCode;
 }

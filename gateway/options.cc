@@ -8,8 +8,23 @@ namespace gw {
 
 namespace {
 
-// The server's numeric settings: threads, time-outs and limits.
-struct TransportNumber {
+const GatewayOptions kDefaults;
+
+// The options without a value.
+struct SwitchOption {
+  const char* name;
+  bool GatewayOptions::*member;
+};
+const SwitchOption kSwitches[] = {
+    {"--help", &GatewayOptions::help},
+    {"-h", &GatewayOptions::help},
+    {"--version", &GatewayOptions::version},
+    {"--tls-self-signed", &GatewayOptions::tlsSelfSigned},
+    {"--expose-verify-code", &GatewayOptions::exposeVerifyCode},
+};
+
+// The numeric settings: threads, time-outs and limits, each with its range.
+struct NumberOption {
   const char* name;
   long long min;
   long long max;
@@ -17,187 +32,167 @@ struct TransportNumber {
   void (*set)(GatewayOptions*, long long);
 };
 
-#define NOX_SETTER(member) [](GatewayOptions* o, long long v) { o->member = static_cast<decltype(o->member)>(v); }
-const TransportNumber kTransportNumbers[] = {
-    {"--io-threads", 1, 256, "a number", NOX_SETTER(ioThreads)},
+#define NOX_SETTER(member) \
+  [](GatewayOptions* o, long long v) { o->member = static_cast<decltype(o->member)>(v); }
+const NumberOption kNumbers[] = {
+    {"--io-threads", 1, 256, "a number", NOX_SETTER(server.ioThreads)},
     {"--threads", 1, 1024, "a number", NOX_SETTER(threads)},
-    {"--queue", 0, 1000000, "a number", NOX_SETTER(queueLimit)},
-    {"--login-threads", 1, 1024, "a number", NOX_SETTER(loginThreads)},
-    {"--header-timeout", 1, 3600, "seconds", NOX_SETTER(headerTimeout)},
-    {"--read-timeout", 1, 3600, "seconds", NOX_SETTER(readTimeout)},
-    {"--min-body-rate", 0, 1LL << 30, "bytes per second", NOX_SETTER(minBodyRate)},
-    {"--keep-alive-timeout", 1, 3600, "seconds", NOX_SETTER(keepAliveTimeout)},
-    {"--write-timeout", 1, 3600, "seconds", NOX_SETTER(writeTimeout)},
-    {"--max-connections", 1, 1000000, "a number", NOX_SETTER(maxConnections)},
-    {"--max-header-bytes", 1024, 1LL << 20, "a number of bytes", NOX_SETTER(maxHeaderBytes)},
-    {"--max-headers", 1, 10000, "a number", NOX_SETTER(maxHeaders)},
-    {"--drain-timeout", 0, 3600, "seconds", NOX_SETTER(drainTimeout)},
+    {"--queue", 0, 1000000, "a number", NOX_SETTER(server.queueLimit)},
+    {"--login-threads", 1, 1024, "a number", NOX_SETTER(server.loginThreads)},
+    {"--header-timeout", 1, 3600, "seconds", NOX_SETTER(server.headerTimeout)},
+    {"--read-timeout", 1, 3600, "seconds", NOX_SETTER(server.readTimeout)},
+    {"--min-body-rate", 0, 1LL << 30, "bytes per second", NOX_SETTER(server.minBodyRate)},
+    {"--keep-alive-timeout", 1, 3600, "seconds", NOX_SETTER(server.keepAliveTimeout)},
+    {"--write-timeout", 1, 3600, "seconds", NOX_SETTER(server.writeTimeout)},
+    {"--max-connections", 1, 1000000, "a number", NOX_SETTER(server.maxConnections)},
+    {"--max-header-bytes", 1024, 1LL << 20, "a number of bytes", NOX_SETTER(server.maxHeaderBytes)},
+    {"--max-headers", 1, 10000, "a number", NOX_SETTER(server.maxHeaders)},
+    {"--drain-timeout", 0, 3600, "seconds", NOX_SETTER(server.drainTimeout)},
+    {"--max-body", 1024, 1LL << 32, "a number of bytes", NOX_SETTER(server.maxBody)},
+    {"--hsts-max-age", 0, 10LL * 365 * 24 * 3600, "seconds", NOX_SETTER(server.hstsMaxAge)},
+    {"--session-idle", 1, 7LL * 24 * 3600, "seconds", NOX_SETTER(sessionIdle)},
+    {"--verify-code-lifetime", 1, 3600, "seconds", NOX_SETTER(verifyCodeLifetime)},
+    {"--state-timeout-ms", 10, 60000, "milliseconds", NOX_SETTER(stateTimeoutMs)},
+    {"--backend-timeout", 1, 3600, "seconds", NOX_SETTER(backendTimeout)},
 };
 #undef NOX_SETTER
 
-const TransportNumber* findTransportNumber(const std::string& name) {
-  for (const TransportNumber& row : kTransportNumbers) {
-    if (name == row.name) return &row;
+// The options whose text is taken as it is: names of files and folders.
+struct TextOption {
+  const char* name;
+  std::string* (*field)(GatewayOptions*);
+};
+
+#define NOX_FIELD(member) [](GatewayOptions* o) { return &o->member; }
+const TextOption kTexts[] = {
+    {"--plugin", NOX_FIELD(plugin)},
+    {"--home", NOX_FIELD(home)},
+    {"--data", NOX_FIELD(dataDir)},
+    {"--init-password", NOX_FIELD(initPassword)},
+    {"--log", NOX_FIELD(log)},
+    {"--log-level", NOX_FIELD(logLevel)},
+    {"--access-log", NOX_FIELD(accessLog)},
+    {"--audit-log", NOX_FIELD(auditLog)},
+    {"--access", NOX_FIELD(access)},
+    {"--tls-cert", NOX_FIELD(server.tlsCert)},
+    {"--tls-key", NOX_FIELD(server.tlsKey)},
+};
+#undef NOX_FIELD
+
+bool takeSwitch(const std::string& name, GatewayOptions* options) {
+  for (const SwitchOption& row : kSwitches) {
+    if (name != row.name) continue;
+    options->*row.member = true;
+    return true;
   }
-  return nullptr;
+  return false;
 }
 
-}  // namespace
-
-bool parseOptions(const std::vector<std::string>& args, GatewayOptions* options,
-                  std::string* error) {
-  for (size_t i = 0; i < args.size(); ++i) {
-    CommandOption option = splitOption(args[i]);
-    const std::string& name = option.name;
-    // Switches without a value.
-    if (name == "--help" || name == "-h") {
-      options->help = true;
-      continue;
+// The options whose value is checked by its own rule.
+OptionVerdict takeCheckedValue(const CommandOption& option, GatewayOptions* options,
+                               std::string* error) {
+  const std::string& name = option.name;
+  const std::string& value = option.value;
+  std::string why;
+  if (name == "--listen") {
+    const std::string example =
+        kDefaults.server.host + ":" + std::to_string(kDefaults.server.port);
+    if (!takeHostPort(option, example, &options->server.host, &options->server.port, error)) {
+      return kOptionRefused;
     }
-    if (name == "--version") {
-      options->version = true;
-      continue;
+  } else if (name == "--backend") {
+    RemoteBackendOptions address;
+    if (!RemoteBackend::parseAddress(value, &address, error)) {
+      *error = "--backend wants tcp://HOST:PORT, not '" + value + "'";
+      return kOptionRefused;
     }
-    if (name == "--tls-self-signed") {
-      options->tlsSelfSigned = true;
-      continue;
+    options->backend = value;
+  } else if (name == "--state") {
+    if (value != "memory" && value.compare(0, 8, "redis://") != 0) {
+      *error = "--state wants memory or redis://[[USER]:PASSWORD@]HOST[:PORT][/DB], not '" +
+               value + "'";
+      return kOptionRefused;
     }
-    if (name == "--expose-verify-code") {
-      options->exposeVerifyCode = true;
-      continue;
+    options->state = value == "memory" ? std::string() : value;
+  } else if (name == "--log-format") {
+    if (value != "text" && value != "json") {
+      *error = "--log-format wants text or json, not '" + value + "'";
+      return kOptionRefused;
     }
-    if (!takeOptionValue(args, &i, &option, error)) return false;
-    const std::string& value = option.value;
-    long long number = 0;
-    if (const TransportNumber* row = findTransportNumber(name)) {
-      if (!parseNumber(value, row->min, row->max, &number)) {
-        *error = name;
-        *error += " wants ";
-        *error += row->unit;
-        *error += " from " + std::to_string(row->min);
-        *error += " to " + std::to_string(row->max);
-        *error += ", not '" + value + "'";
-        return false;
-      }
-      row->set(options, number);
-    } else if (name == "--listen") {
-      if (!parseHostPort(value, &options->listenHost, &options->listenPort)) {
-        *error = "--listen wants HOST:PORT, e.g. 127.0.0.1:8080, not '" + value + "'";
-        return false;
-      }
-    } else if (name == "--plugin") {
-      options->plugin = value;
-    } else if (name == "--home") {
-      options->home = value;
-    } else if (name == "--data") {
-      options->dataDir = value;
-    } else if (name == "--backend") {
-      RemoteBackendOptions address;
-      if (!RemoteBackend::parseAddress(value, &address, error)) {
-        *error = "--backend wants tcp://HOST:PORT, not '" + value + "'";
-        return false;
-      }
-      options->backend = value;
-    } else if (name == "--init-password") {
-      options->initPassword = value;
-    } else if (name == "--log") {
-      options->log = value;
-    } else if (name == "--log-level") {
-      options->logLevel = value;
-    } else if (name == "--access-log") {
-      options->accessLog = value;
-    } else if (name == "--audit-log") {
-      options->auditLog = value;
-    } else if (name == "--max-body") {
-      if (!parseNumber(value, 1024, 1LL << 32, &number)) {
-        *error = "--max-body wants a number of bytes from 1024 to 4294967296, not '" + value + "'";
-        return false;
-      }
-      options->maxBody = static_cast<size_t>(number);
-    } else if (name == "--session-idle") {
-      if (!parseNumber(value, 1, 7LL * 24 * 3600, &number)) {
-        *error = "--session-idle wants seconds from 1 to 604800, not '" + value + "'";
-        return false;
-      }
-      options->sessionIdle = static_cast<int>(number);
-    } else if (name == "--verify-code-lifetime") {
-      if (!parseNumber(value, 1, 3600, &number)) {
-        *error = "--verify-code-lifetime wants seconds from 1 to 3600, not '" + value + "'";
-        return false;
-      }
-      options->verifyCodeLifetime = static_cast<int>(number);
-    } else if (name == "--state") {
-      if (value != "memory" && value.compare(0, 8, "redis://") != 0) {
-        *error = "--state wants memory or redis://[[USER]:PASSWORD@]HOST[:PORT][/DB], not '" +
-                 value + "'";
-        return false;
-      }
-      options->state = value == "memory" ? std::string() : value;
-    } else if (name == "--log-format") {
-      if (value != "text" && value != "json") {
-        *error = "--log-format wants text or json, not '" + value + "'";
-        return false;
-      }
-      options->accessLogJson = value == "json";
-    } else if (name == "--metrics-allow") {
-      std::vector<AddressRange> ranges;
-      std::string why;
-      if (!parseAddressRanges(value, &ranges, &why)) {
-        *error = "--metrics-allow wants addresses or ranges like 127.0.0.0/8,::1: " + why;
-        return false;
-      }
-      options->metricsAllow = value;
-    } else if (name == "--trusted-proxies") {
-      std::vector<AddressRange> ranges;
-      std::string why;
-      if (!parseAddressRanges(value, &ranges, &why)) {
-        *error = "--trusted-proxies wants addresses or ranges like 10.0.0.0/8,::1: " + why;
-        return false;
-      }
-      options->trustedProxies = value;
-    } else if (name == "--state-timeout-ms") {
-      if (!parseNumber(value, 10, 60000, &number)) {
-        *error = "--state-timeout-ms wants milliseconds from 10 to 60000, not '" + value + "'";
-        return false;
-      }
-      options->stateTimeoutMs = static_cast<int>(number);
-    } else if (name == "--backend-timeout") {
-      if (!parseNumber(value, 1, 3600, &number)) {
-        *error = "--backend-timeout wants seconds from 1 to 3600, not '" + value + "'";
-        return false;
-      }
-      options->backendTimeout = static_cast<int>(number);
-    } else if (name == "--hsts-max-age") {
-      if (!parseNumber(value, 0, 10LL * 365 * 24 * 3600, &number)) {
-        *error = "--hsts-max-age wants seconds from 0 to 315360000, not '" + value + "'";
-        return false;
-      }
-      options->hstsMaxAge = number;
-    } else if (name == "--access") {
-      options->access = value;
-    } else if (name == "--tls-cert") {
-      options->tlsCert = value;
-    } else if (name == "--tls-key") {
-      options->tlsKey = value;
-    } else {
-      *error = "unknown option " + name + " (see --help)";
-      return false;
+    options->accessLogJson = value == "json";
+  } else if (name == "--metrics-allow") {
+    std::vector<AddressRange> ranges;
+    if (!parseAddressRanges(value, &ranges, &why)) {
+      *error = "--metrics-allow wants addresses or ranges like 127.0.0.0/8,::1: " + why;
+      return kOptionRefused;
     }
+    options->metricsAllow = value;
+  } else if (name == "--trusted-proxies") {
+    if (!parseAddressRanges(value, &options->server.trustedProxies, &why)) {
+      *error = "--trusted-proxies wants addresses or ranges like 10.0.0.0/8,::1: " + why;
+      return kOptionRefused;
+    }
+  } else {
+    return kOptionUnknown;
   }
-  if (options->tlsCert.empty() != options->tlsKey.empty()) {
+  return kOptionTaken;
+}
+
+OptionVerdict takeValue(const CommandOption& option, GatewayOptions* options,
+                        std::string* error) {
+  for (const NumberOption& row : kNumbers) {
+    if (option.name != row.name) continue;
+    long long number = 0;
+    if (!takeNumber(option, row.min, row.max, row.unit, &number, error)) return kOptionRefused;
+    row.set(options, number);
+    return kOptionTaken;
+  }
+  for (const TextOption& row : kTexts) {
+    if (option.name != row.name) continue;
+    *row.field(options) = option.value;
+    return kOptionTaken;
+  }
+  return takeCheckedValue(option, options, error);
+}
+
+// The options that only make sense together, or apart.
+bool checkTlsChoice(const GatewayOptions& options, std::string* error) {
+  if (options.server.tlsCert.empty() != options.server.tlsKey.empty()) {
     *error = "--tls-cert and --tls-key go together";
     return false;
   }
-  if (options->tlsSelfSigned && !options->tlsCert.empty()) {
+  if (options.tlsSelfSigned && !options.server.tlsCert.empty()) {
     *error = "--tls-self-signed and --tls-cert exclude each other";
     return false;
   }
   return true;
 }
 
-std::string usageText() {
-  return std::string("usage: nox-gateway [options]\n"
-             "  --listen HOST:PORT      address to serve (default 127.0.0.1:8080; port 0 picks a free\n"
+std::string number(long long value) { return std::to_string(value); }
+
+}  // namespace
+
+bool parseOptions(const std::vector<std::string>& args, GatewayOptions* options,
+                  std::string* error) {
+  return parseArguments(
+             args, [options](const std::string& name) { return takeSwitch(name, options); },
+             [options](const CommandOption& option, std::string* why) {
+               return takeValue(option, options, why);
+             },
+             error) &&
+         checkTlsChoice(*options, error);
+}
+
+namespace {
+
+// Where the gateway finds and keeps things, and its logs.
+std::string usageFilesAndLogs() {
+  return std::string() + "usage: nox-gateway [options]\n"
+         "  --listen HOST:PORT      address to serve (default " +
+         kDefaults.server.host +
+         ":" +
+         number(kDefaults.server.port) +
+         "; port 0 picks a free\n"
          "                          port and prints 'listening on HOST:PORT')\n"
          "  --plugin PATH           the plug-in (default <home>/lib/libucore_nox.so)\n"
          "  --home DIR              installation folder holding bin/, lib/, conf/ (default: the\n"
@@ -208,40 +203,76 @@ std::string usageText() {
          "                          backend in this process\n"
          "  --init-password PW      demo users' password on first start (default: generated)\n"
          "  --log FILE              trace log (default stderr)\n"
-         "  --log-level LEVEL       trace, debug, info, warn, error, off (default info)\n"
+         "  --log-level LEVEL       trace, debug, info, warn, error, off (default " +
+         kDefaults.logLevel +
+         ")\n"
          "  --access-log FILE       access log (default stderr)\n"
          "  --log-format text|json  the access log's lines: text (default) or one JSON object each\n"
          "  --audit-log FILE        audit trail: one JSON object per line for each security\n"
-         "                          event (default: none)\n"
+         "                          event (default: none)\n";
+}
+
+// The server's threads, time-outs and limits.
+std::string usageServer() {
+  return std::string() +
          "  --io-threads N          threads reading and writing connections (default: one\n"
          "                          per core)\n"
          "  --threads N             worker threads running operations; the requests beyond\n"
          "                          them wait in line (default two per core, at least 4; with\n"
          "                          --backend eight per core, at least 8)\n"
          "  --queue N               requests that may wait for a worker; beyond it 503\n"
-         "                          (default 1024)\n"
+         "                          (default " + number(kDefaults.server.queueLimit) + ")\n"
          "  --login-threads N       threads of their own for the logins, at a lower priority,\n"
-         "                          so that logins never hold up other requests (default 16)\n"
+         "                          so that logins never hold up other requests (default " +
+         number(kDefaults.server.loginThreads) +
+         ")\n"
          "  --max-connections N     open connections; new ones beyond it are closed at once\n"
-         "                          (default 10000)\n"
-         "  --header-timeout SECONDS  time for a whole request header (default 10)\n"
-         "  --read-timeout SECONDS  longest silence while a request body arrives (default 30)\n"
+         "                          (default " + number(kDefaults.server.maxConnections) + ")\n"
+         "  --header-timeout SECONDS  time for a whole request header (default " +
+         number(kDefaults.server.headerTimeout) +
+         ")\n"
+         "  --read-timeout SECONDS  longest silence while a request body arrives (default " +
+         number(kDefaults.server.readTimeout) +
+         ")\n"
          "  --min-body-rate BYTES   bytes per second a body must average once it has taken\n"
-         "                          --read-timeout seconds (default 1024)\n"
-         "  --keep-alive-timeout SECONDS  idle time between requests on a connection (default 5)\n"
-         "  --write-timeout SECONDS time a client may take to read an answer (default 30)\n"
-         "  --max-header-bytes BYTES  request line and header lines together (default 8192)\n"
-         "  --max-headers N         header lines of a request (default 100)\n"
-         "  --drain-timeout SECONDS on SIGTERM, time for requests in flight (default 30)\n"
-         "  --max-body BYTES        largest JSON body or upload (default 2097152)\n"
+         "                          --read-timeout seconds (default " +
+         number(kDefaults.server.minBodyRate) +
+         ")\n"
+         "  --keep-alive-timeout SECONDS  idle time between requests on a connection (default " +
+         number(kDefaults.server.keepAliveTimeout) +
+         ")\n"
+         "  --write-timeout SECONDS time a client may take to read an answer (default " +
+         number(kDefaults.server.writeTimeout) +
+         ")\n"
+         "  --max-header-bytes BYTES  request line and header lines together (default " +
+         number(kDefaults.server.maxHeaderBytes) +
+         ")\n"
+         "  --max-headers N         header lines of a request (default " +
+         number(kDefaults.server.maxHeaders) +
+         ")\n"
+         "  --drain-timeout SECONDS on SIGTERM, time for requests in flight (default " +
+         number(kDefaults.server.drainTimeout) +
+         ")\n"
+         "  --max-body BYTES        largest JSON body or upload (default " +
+         number(kDefaults.server.maxBody) +
+         ")\n";
+}
+
+// Sessions, who may call what, and HTTPS.
+std::string usageSessionsAndTls() {
+  return std::string(
          "  --session-idle SECONDS  idle time after which a session ends\n"
          "  --state memory|redis://[[USER]:PASSWORD@]HOST[:PORT][/DB]\n"
          "                          where sessions, verification codes and login failure\n"
          "                          counts live (default memory: this process only; Redis:\n"
          "                          shared by every gateway that names the same one)\n"
-         "  --state-timeout-ms MS   time-out of each Redis command (default 500)\n"
+         "  --state-timeout-ms MS   time-out of each Redis command (default " +
+         number(kDefaults.stateTimeoutMs) +
+         ")\n"
          "  --metrics-allow LIST    client addresses that may read GET /metrics, as addresses\n"
-         "                          and ranges (default 127.0.0.0/8,::1; others get 404)\n"
+         "                          and ranges (default " +
+         kDefaults.metricsAllow +
+         "; others get 404)\n"
          "  --trusted-proxies LIST  proxies, as addresses and ranges, whose X-Forwarded-For\n"
          "                          names the client (its right-most untrusted entry); the\n"
          "                          login throttle, logs and --metrics-allow then see that\n"
@@ -252,7 +283,9 @@ std::string usageText() {
          "  --tls-cert FILE --tls-key FILE   serve HTTPS with this certificate and key (PEM)\n"
          "  --tls-self-signed       serve HTTPS with a key pair made in <data>/tls/ (trial runs)\n"
          "  --hsts-max-age SECONDS  over HTTPS, the max-age of Strict-Transport-Security\n"
-         "                          (default 31536000, one year; 0 sends no such header)\n"
+         "                          (default " +
+         number(kDefaults.server.hstsMaxAge) +
+         ", one year; 0 sends no such header)\n"
          "  --verify-code-lifetime SECONDS  how long a GET /login challenge lives (default ") +
          std::to_string(VerifyCodeStore::kDefaultLifetime) +
          ";\n"
@@ -260,6 +293,12 @@ std::string usageText() {
          "  --expose-verify-code    put the verification code's text into the GET /login\n"
          "                          challenge (tests only; off by default)\n"
          "  --help, --version\n";
+}
+
+}  // namespace
+
+std::string usageText() {
+  return usageFilesAndLogs() + usageServer() + usageSessionsAndTls();
 }
 
 }  // namespace gw

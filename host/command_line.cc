@@ -5,6 +5,10 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "trace_sink.h"
 
 CommandOption splitOption(const std::string& arg) {
   CommandOption option;
@@ -27,6 +31,63 @@ bool takeOptionValue(const std::vector<std::string>& args, size_t* index, Comman
   }
   option->value = args[++*index];
   option->hasValue = true;
+  return true;
+}
+
+bool parseArguments(
+    const std::vector<std::string>& args, const std::function<bool(const std::string&)>& isSwitch,
+    const std::function<OptionVerdict(const CommandOption&, std::string*)>& takeValue,
+    std::string* error) {
+  for (size_t i = 0; i < args.size(); ++i) {
+    CommandOption option = splitOption(args[i]);
+    if (isSwitch(option.name)) continue;
+    if (!takeOptionValue(args, &i, &option, error)) return false;
+    switch (takeValue(option, error)) {
+      case kOptionTaken:
+        continue;
+      case kOptionUnknown:
+        *error = "unknown option " + option.name + " (see --help)";
+        return false;
+      case kOptionRefused:
+        return false;
+    }
+  }
+  return true;
+}
+
+bool takeNumber(const CommandOption& option, long long low, long long high, const char* unit,
+                long long* value, std::string* error) {
+  if (parseNumber(option.value, low, high, value)) return true;
+  *error = option.name + " wants " + unit + " from " + std::to_string(low) + " to " +
+           std::to_string(high) + ", not '" + option.value + "'";
+  return false;
+}
+
+bool takeHostPort(const CommandOption& option, const std::string& example, std::string* host,
+                  int* port, std::string* error) {
+  if (parseHostPort(option.value, host, port)) return true;
+  *error = option.name + " wants HOST:PORT, e.g. " + example + ", not '" + option.value + "'";
+  return false;
+}
+
+bool openTraceLog(const std::string& level, const std::string& path, int* exitCode,
+                  std::string* error) {
+  TraceLevel parsed = TraceLevel::kInfo;
+  if (!parseTraceLevel(level, &parsed)) {
+    *exitCode = 2;
+    *error = "--log-level wants trace, debug, info, warn, error or off, not '" + level + "'";
+    return false;
+  }
+  *exitCode = 1;
+  setTraceLevel(parsed);
+  if (path.empty()) return true;
+  std::shared_ptr<StreamTraceSink> sink = StreamTraceSink::openFile(path);
+  if (!sink) {
+    char buffer[256];
+    *error = "cannot open the log " + path + ": " + strerror_r(errno, buffer, sizeof(buffer));
+    return false;
+  }
+  setTraceSink(sink);
   return true;
 }
 

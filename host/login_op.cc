@@ -23,15 +23,13 @@
 #include "host_counters.h"
 #include "redirect_info.h"
 #include "session_store.h"
+#include "session_token.h"
 #include "verify_code.h"
 
 namespace {
 
 constexpr char kSource[] = "host/login_op";
 constexpr int kModule = 3;
-constexpr char kTokenHeader[] = "X-Auth-Token";
-constexpr char kCookieName[] = "NOX_SESSION";
-constexpr char kCookieAttributes[] = "; Path=/; HttpOnly; SameSite=Strict";
 // The login type the host's own handler passes to the route's login.
 constexpr char kLoginTypePassword[] = "password";
 
@@ -64,34 +62,11 @@ void writeEnvelope(CResponseMsg& response, const Json::Value& data) {
   response.setContentKind(CResponseMsg::kContentJson);
 }
 
-std::string trim(const std::string& text) {
-  size_t begin = 0;
-  size_t end = text.size();
-  while (begin < end && (text[begin] == ' ' || text[begin] == '\t')) ++begin;
-  while (end > begin && (text[end - 1] == ' ' || text[end - 1] == '\t')) --end;
-  return text.substr(begin, end - begin);
-}
-
-// The session token the client sent: the "X-Auth-Token" header, else the
-// session cookie. "" when neither is there.
+// The session token the client sent (sessionTokenOf), or "" without a
+// connection.
 std::string tokenOf(const CRequestMsg& request) {
   const HttpRequest* connection = request.getSessionInfo().getHttpConnection();
-  if (connection == nullptr) return std::string();
-  std::string token = trim(connection->getHeader(kTokenHeader));
-  if (!token.empty()) return token;
-  const std::string cookies = connection->getHeader("Cookie");
-  size_t pos = 0;
-  while (pos <= cookies.size()) {
-    size_t end = cookies.find(';', pos);
-    if (end == std::string::npos) end = cookies.size();
-    const std::string pair = trim(cookies.substr(pos, end - pos));
-    const size_t eq = pair.find('=');
-    if (eq != std::string::npos && pair.compare(0, eq, kCookieName) == 0) {
-      return trim(pair.substr(eq + 1));
-    }
-    pos = end + 1;
-  }
-  return std::string();
+  return connection == nullptr ? std::string() : sessionTokenOf(*connection);
 }
 
 // Backend answers that mean "this attempt was wrong" and so count towards
@@ -387,8 +362,7 @@ int CLoginOp::handleLogin(CRequestMsg& request, CResponseMsg& response) try {
   writeEnvelope(response, data);
   if (connection != nullptr) {
     connection->setResponseHeader(kTokenHeader, token);
-    connection->setResponseHeader("Set-Cookie",
-                                  std::string(kCookieName) + "=" + token + kCookieAttributes);
+    connection->setResponseHeader("Set-Cookie", sessionCookieFor(token));
     connection->setResponseHeader("Cache-Control", "no-store");
   }
   guard.info(0, "handleLogin", __LINE__, "user %s logged in from %s with scope %s, session %s",
@@ -440,8 +414,7 @@ int CLoginOp::handleLogout(CRequestMsg& request, CResponseMsg& response) {
 
   HttpRequest* connection = request.getSessionInfo().getHttpConnection();
   if (connection != nullptr) {
-    connection->setResponseHeader("Set-Cookie",
-                                  std::string(kCookieName) + "=; Max-Age=0" + kCookieAttributes);
+    connection->setResponseHeader("Set-Cookie", clearedSessionCookie());
   }
   request.getSessionInfo().setHttpSession(nullptr);
   writeEnvelope(response, Json::Value());

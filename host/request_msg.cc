@@ -2,6 +2,8 @@
 
 #include <strings.h>
 
+#include "session_token.h"
+
 const char* const CRequestUri::URI_ACT_GET = "GET";
 const char* const CRequestUri::URI_ACT_POST = "POST";
 const char* const CRequestUri::URI_ACT_PUT = "PUT";
@@ -18,6 +20,15 @@ void CRequestUri::setCfgTimeout(int seconds) { g_cfgTimeout = seconds; }
 const char* const CSessionInfo::SESS_STAT_K = "SESS_STAT";
 
 void HttpRequest::addHeader(const std::string& name, const std::string& value) {
+  // Cookie lines are one list (a client may split it over several lines,
+  // HTTP/2 always does): the later lines join the first, as "a=1; b=2".
+  if (strcasecmp(name.c_str(), kCookieHeader) == 0) {
+    for (auto& header : headers_) {
+      if (strcasecmp(header.first.c_str(), kCookieHeader) != 0) continue;
+      header.second += "; " + value;
+      return;
+    }
+  }
   headers_.emplace_back(name, value);
 }
 

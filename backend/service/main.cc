@@ -1,109 +1,54 @@
 // nox-backend: the simulated backend as a service of its own. Opens the
 // data folder and serves the TLV commands to gateways over TCP
 // (docs/backend.md, "The backend as a service") until SIGINT or SIGTERM.
-#include <limits.h>
-#include <pthread.h>
-#include <signal.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <memory>
 #include <string>
-#include <thread>
+#include <utility>
 #include <vector>
 
 #include "backend_server.h"
 #include "service_options.h"
 #include "command_line.h"
+#include "signal_thread.h"
 #include "sim_backend.h"
-#include "trace_sink.h"
 
 namespace {
 
 const char kVersion[] = "nox-backend 1.0.0";
 
-std::string errnoText(int error) {
-  char buffer[256];
-  return strerror_r(error, buffer, sizeof(buffer));
-}
-
 void fail(const std::string& text) { fprintf(stderr, "nox-backend: %s\n", text.c_str()); }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  BackendServiceOptions options;
+// Reads the command line into *options. -1 to go on, else the exit code:
+// 0 after --help or --version, 2 for a refusal.
+int readCommandLine(int argc, char** argv, BackendServiceOptions* options) {
   std::string error;
-  if (!parseServiceOptions(std::vector<std::string>(argv + 1, argv + argc), &options, &error)) {
+  if (!parseServiceOptions(std::vector<std::string>(argv + 1, argv + argc), options, &error)) {
     fail(error);
     return 2;
   }
-  if (options.help) {
+  if (options->help) {
     fputs(serviceUsageText().c_str(), stdout);
     return 0;
   }
-  if (options.version) {
+  if (options->version) {
     puts(kVersion);
     return 0;
   }
-  const std::string startDir = currentDir();
-  const std::string home =
-      options.home.empty() ? dirName(executableDir()) : absoluteFrom(startDir, options.home);
-  const std::string dataDir =
-      options.dataDir.empty() ? home + "/data" : absoluteFrom(startDir, options.dataDir);
+  return -1;
+}
 
-  TraceLevel level = TraceLevel::kInfo;
-  if (!parseTraceLevel(options.logLevel, &level)) {
-    fail("--log-level wants trace, debug, info, warn, error or off, not '" + options.logLevel +
-         "'");
-    return 2;
-  }
-  setTraceLevel(level);
-  if (!options.log.empty()) {
-    const std::string logPath = absoluteFrom(startDir, options.log);
-    std::shared_ptr<StreamTraceSink> sink = StreamTraceSink::openFile(logPath);
-    if (!sink) {
-      fail("cannot open the log " + logPath + ": " + errnoText(errno));
-      return 1;
-    }
-    setTraceSink(sink);
-  }
-
-  // Signals are taken by one thread with sigwait; every other thread
-  // inherits the blocked mask.
-  signal(SIGPIPE, SIG_IGN);
-  signal(SIGINT, SIG_DFL);
-  signal(SIGTERM, SIG_DFL);
-  sigset_t stopSignals;
-  sigemptyset(&stopSignals);
-  sigaddset(&stopSignals, SIGINT);
-  sigaddset(&stopSignals, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
-
-  SimBackendOptions backendOptions;
-  backendOptions.dataDir = dataDir;
-  backendOptions.initPassword = options.initPassword;
-  std::shared_ptr<SimulatedBackend> backend = SimulatedBackend::open(backendOptions, &error);
-  if (!backend) {
-    fail("cannot open the backend's data folder " + dataDir + ": " + error);
-    return 1;
-  }
-  if (backend->firstStart() && !backend->demoPassword().empty()) {
-    printf("demo users admin (scope 0), auditor (scope 1), apiuser (scope 4); password: %s\n",
-           backend->demoPassword().c_str());
-    printf("(the password is printed only at first start; remove %s to start afresh)\n",
-           dataDir.c_str());
-    fflush(stdout);
-  }
-
+// Serves `backend` to gateways until a signal stops the server. The exit code.
+int serve(const BackendServiceOptions& options, std::shared_ptr<SimulatedBackend> backend,
+          SignalThread& signals) {
   BackendServerOptions serverOptions;
   serverOptions.host = options.listenHost;
   serverOptions.port = options.listenPort;
   serverOptions.maxConnections = options.maxConnections;
   serverOptions.stagingDirs = backend->stagingFolders();
-  BackendServer server(backend, serverOptions);
+  BackendServer server(std::move(backend), serverOptions);
+  std::string error;
   if (!server.start(&error)) {
     fail(error);
     return 1;
@@ -112,15 +57,37 @@ int main(int argc, char** argv) {
   printf("listening on %s%s%s:%d\n", ipv6 ? "[" : "", options.listenHost.c_str(), ipv6 ? "]" : "",
          server.port());
   fflush(stdout);
-
-  std::thread signalThread([&] {
-    int signal = 0;
-    if (sigwait(&stopSignals, &signal) == 0) server.stop();
-  });
+  signals.start([&server] { server.stop(); });
   server.run();
-  // Wakes the signal thread when the server ended on its own.
-  // NOLINTNEXTLINE(bugprone-bad-signal-to-kill-thread)
-  pthread_kill(signalThread.native_handle(), SIGTERM);
-  signalThread.join();
+  signals.finish();
   return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  BackendServiceOptions options;
+  const int early = readCommandLine(argc, argv, &options);
+  if (early >= 0) return early;
+  const std::string startDir = currentDir();
+  const std::string home =
+      options.home.empty() ? dirName(executableDir()) : absoluteFrom(startDir, options.home);
+  std::string error;
+  int exitCode = 1;
+  if (!openTraceLog(options.logLevel, absoluteFrom(startDir, options.log), &exitCode, &error)) {
+    fail(error);
+    return exitCode;
+  }
+  // Before any other thread: the server's threads inherit the blocked signals.
+  SignalThread signals(SignalThread::kLeaveHangUp);
+  SimBackendOptions backendOptions;
+  backendOptions.dataDir =
+      options.dataDir.empty() ? home + "/data" : absoluteFrom(startDir, options.dataDir);
+  backendOptions.initPassword = options.initPassword;
+  std::shared_ptr<SimulatedBackend> backend = openAnnouncingDemoUsers(backendOptions, &error);
+  if (!backend) {
+    fail(error);
+    return 1;
+  }
+  return serve(options, std::move(backend), signals);
 }

@@ -187,16 +187,6 @@ TEST(ParseQueryTest, DecodesAndSkipsEmptyPieces) {
   EXPECT_EQ(args[3], std::make_pair(std::string("d"), std::string("e=f")));
 }
 
-TEST(SessionTokenTest, HeaderBeforeCookie) {
-  HttpInput in;
-  in.headers = {{"Cookie", "a=1; NOX_SESSION=fromcookie"}};
-  EXPECT_EQ(gw::sessionToken(in), "fromcookie");
-  in.headers.push_back({"x-auth-token", "fromheader"});
-  EXPECT_EQ(gw::sessionToken(in), "fromheader");
-  in.headers = {{"Cookie", "NOX_SESSIONX=1; XNOX_SESSION=2"}};
-  EXPECT_EQ(gw::sessionToken(in), "");
-}
-
 TEST(LanguageTest, AcceptLanguage) {
   EXPECT_EQ(gw::languageFromAcceptLanguage("zh-CN,zh;q=0.9"), "zh");
   EXPECT_EQ(gw::languageFromAcceptLanguage("ZH"), "zh");

@@ -13,10 +13,10 @@ TEST(GatewayOptionsTest, Defaults) {
   gw::GatewayOptions options;
   std::string error;
   ASSERT_TRUE(gw::parseOptions({}, &options, &error));
-  EXPECT_EQ(options.listenHost, "127.0.0.1");
-  EXPECT_EQ(options.listenPort, 8080);
+  EXPECT_EQ(options.server.host, "127.0.0.1");
+  EXPECT_EQ(options.server.port, 8080);
   EXPECT_EQ(options.threads, 0);  // eight per core
-  EXPECT_EQ(options.maxBody, 2u * 1024 * 1024);
+  EXPECT_EQ(options.server.maxBody, 2u * 1024 * 1024);
   EXPECT_FALSE(options.exposeVerifyCode);  // off unless asked for
   EXPECT_FALSE(options.tlsSelfSigned);
 }
@@ -45,10 +45,10 @@ TEST(GatewayOptionsTest, ValuesInBothSpellings) {
                         "--session-idle", "60", "--log-level", "debug"},
                        &options, &error))
       << error;
-  EXPECT_EQ(options.listenHost, "0.0.0.0");
-  EXPECT_EQ(options.listenPort, 0);
+  EXPECT_EQ(options.server.host, "0.0.0.0");
+  EXPECT_EQ(options.server.port, 0);
   EXPECT_EQ(options.threads, 3);
-  EXPECT_EQ(options.maxBody, 4096u);
+  EXPECT_EQ(options.server.maxBody, 4096u);
   EXPECT_EQ(options.dataDir, "d");
   EXPECT_EQ(options.initPassword, "pw");
   EXPECT_TRUE(options.exposeVerifyCode);
@@ -83,9 +83,9 @@ TEST(GatewayOptionsTest, ReadTimeout) {
   gw::GatewayOptions options;
   std::string error;
   ASSERT_TRUE(gw::parseOptions({}, &options, &error));
-  EXPECT_EQ(options.readTimeout, 30);
+  EXPECT_EQ(options.server.readTimeout, 30);
   ASSERT_TRUE(gw::parseOptions({"--read-timeout", "2"}, &options, &error)) << error;
-  EXPECT_EQ(options.readTimeout, 2);
+  EXPECT_EQ(options.server.readTimeout, 2);
   for (const char* bad : {"0", "3601", "x"}) {
     EXPECT_FALSE(gw::parseOptions({"--read-timeout", bad}, &options, &error)) << bad;
     EXPECT_EQ(error, std::string("--read-timeout wants seconds from 1 to 3600, not '") + bad + "'");
@@ -119,11 +119,11 @@ TEST(GatewayOptionsTest, HstsMaxAge) {
   gw::GatewayOptions options;
   std::string error;
   ASSERT_TRUE(gw::parseOptions({}, &options, &error));
-  EXPECT_EQ(options.hstsMaxAge, 31536000);
+  EXPECT_EQ(options.server.hstsMaxAge, 31536000);
   ASSERT_TRUE(gw::parseOptions({"--hsts-max-age", "0"}, &options, &error)) << error;
-  EXPECT_EQ(options.hstsMaxAge, 0);
+  EXPECT_EQ(options.server.hstsMaxAge, 0);
   ASSERT_TRUE(gw::parseOptions({"--hsts-max-age=600"}, &options, &error)) << error;
-  EXPECT_EQ(options.hstsMaxAge, 600);
+  EXPECT_EQ(options.server.hstsMaxAge, 600);
   for (const char* bad : {"-1", "315360001", "1y"}) {
     EXPECT_FALSE(gw::parseOptions({"--hsts-max-age", bad}, &options, &error)) << bad;
     EXPECT_EQ(error,
@@ -139,10 +139,13 @@ TEST(GatewayOptionsTest, TrustedProxies) {
   gw::GatewayOptions options;
   std::string error;
   ASSERT_TRUE(gw::parseOptions({}, &options, &error)) << error;
-  EXPECT_EQ(options.trustedProxies, "");
+  EXPECT_TRUE(options.server.trustedProxies.empty());
   ASSERT_TRUE(gw::parseOptions({"--trusted-proxies", "10.0.0.0/8,::1"}, &options, &error))
       << error;
-  EXPECT_EQ(options.trustedProxies, "10.0.0.0/8,::1");
+  ASSERT_EQ(options.server.trustedProxies.size(), 2u);
+  EXPECT_TRUE(gw::addressAllowed(options.server.trustedProxies, "10.1.2.3"));
+  EXPECT_TRUE(gw::addressAllowed(options.server.trustedProxies, "::1"));
+  EXPECT_FALSE(gw::addressAllowed(options.server.trustedProxies, "192.168.0.1"));
   EXPECT_FALSE(gw::parseOptions({"--trusted-proxies", "nginx"}, &options, &error));
   EXPECT_EQ(error,
             "--trusted-proxies wants addresses or ranges like 10.0.0.0/8,::1: 'nginx' is no IPv4 "
@@ -153,17 +156,17 @@ TEST(GatewayOptionsTest, TransportSettings) {
   gw::GatewayOptions options;
   std::string error;
   ASSERT_TRUE(gw::parseOptions({}, &options, &error));
-  EXPECT_EQ(options.ioThreads, 0);  // one per core
+  EXPECT_EQ(options.server.ioThreads, 0);  // one per core
   EXPECT_EQ(options.threads, 0);    // eight per core
-  EXPECT_EQ(options.queueLimit, 1024u);
-  EXPECT_EQ(options.headerTimeout, 10);
-  EXPECT_EQ(options.minBodyRate, 1024u);
-  EXPECT_EQ(options.keepAliveTimeout, 5);
-  EXPECT_EQ(options.writeTimeout, 30);
-  EXPECT_EQ(options.maxConnections, 10000u);
-  EXPECT_EQ(options.maxHeaderBytes, 8192u);
-  EXPECT_EQ(options.maxHeaders, 100u);
-  EXPECT_EQ(options.drainTimeout, 30);
+  EXPECT_EQ(options.server.queueLimit, 1024u);
+  EXPECT_EQ(options.server.headerTimeout, 10);
+  EXPECT_EQ(options.server.minBodyRate, 1024u);
+  EXPECT_EQ(options.server.keepAliveTimeout, 5);
+  EXPECT_EQ(options.server.writeTimeout, 30);
+  EXPECT_EQ(options.server.maxConnections, 10000u);
+  EXPECT_EQ(options.server.maxHeaderBytes, 8192u);
+  EXPECT_EQ(options.server.maxHeaders, 100u);
+  EXPECT_EQ(options.server.drainTimeout, 30);
   ASSERT_TRUE(gw::parseOptions({"--io-threads=2", "--threads", "16", "--queue", "0",
                                 "--header-timeout", "3", "--min-body-rate", "0",
                                 "--keep-alive-timeout=60", "--write-timeout", "7",
@@ -171,17 +174,17 @@ TEST(GatewayOptionsTest, TransportSettings) {
                                 "--max-headers", "50", "--drain-timeout", "0"},
                                &options, &error))
       << error;
-  EXPECT_EQ(options.ioThreads, 2);
+  EXPECT_EQ(options.server.ioThreads, 2);
   EXPECT_EQ(options.threads, 16);
-  EXPECT_EQ(options.queueLimit, 0u);
-  EXPECT_EQ(options.headerTimeout, 3);
-  EXPECT_EQ(options.minBodyRate, 0u);
-  EXPECT_EQ(options.keepAliveTimeout, 60);
-  EXPECT_EQ(options.writeTimeout, 7);
-  EXPECT_EQ(options.maxConnections, 20000u);
-  EXPECT_EQ(options.maxHeaderBytes, 16384u);
-  EXPECT_EQ(options.maxHeaders, 50u);
-  EXPECT_EQ(options.drainTimeout, 0);
+  EXPECT_EQ(options.server.queueLimit, 0u);
+  EXPECT_EQ(options.server.headerTimeout, 3);
+  EXPECT_EQ(options.server.minBodyRate, 0u);
+  EXPECT_EQ(options.server.keepAliveTimeout, 60);
+  EXPECT_EQ(options.server.writeTimeout, 7);
+  EXPECT_EQ(options.server.maxConnections, 20000u);
+  EXPECT_EQ(options.server.maxHeaderBytes, 16384u);
+  EXPECT_EQ(options.server.maxHeaders, 50u);
+  EXPECT_EQ(options.server.drainTimeout, 0);
   const std::vector<std::pair<std::vector<std::string>, std::string>> refused = {
       {{"--io-threads", "0"}, "--io-threads wants a number from 1 to 256, not '0'"},
       {{"--threads", "1025"}, "--threads wants a number from 1 to 1024, not '1025'"},

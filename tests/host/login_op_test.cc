@@ -313,6 +313,19 @@ TEST_F(CLoginOpTest, LogoutEndsTheSessionNamedByHeaderOrCookie) {
   }
 }
 
+// The gateway finds the session in any Cookie line; the logout must end
+// the same session, not refuse it for want of a token.
+TEST_F(CLoginOpTest, LogoutReadsTheTokenFromASecondCookieLine) {
+  const std::string token = login(op_)["data"]["token"].asString();
+  LoginRequest del("DELETE");
+  del.connection.addHeader("Cookie", "theme=dark");
+  del.connection.addHeader("Cookie", "NOX_SESSION=" + token);
+  ASSERT_EQ(op_.op("DELETE", "", del.request, del.response), 0);
+  CSessionInfo info;
+  EXPECT_FALSE(SessionStore::instance().lookup(token, info)) << "the token is dead";
+  EXPECT_EQ(backend_.sent(proto::kLogout).size(), 1u);
+}
+
 TEST_F(CLoginOpTest, LogoutWithoutALiveSessionIsRefused) {
   const struct {
     const char* header;
