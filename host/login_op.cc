@@ -191,6 +191,140 @@ void auditLogin(CRequestMsg& request, long long code) {
   auditSessionEvent(request, audit::kLogin, outcome, userName, scope, code);
 }
 
+// What a login request gives: checked, the language normalized.
+struct LoginArgs {
+  std::string userName;
+  std::string password;
+  std::string scope;
+  std::string language;
+};
+
+// Reads and checks the login's members; throws kErrInvalidArgument (or the
+// unclean-text code) for a request that cannot be a login.
+LoginArgs readLoginArgs(CRequestMsg& request, CQPNDebugKitGuard& guard) {
+  std::map<std::string, MsgValue> args;
+  request.getAllArgs(args);
+  refuseUncleanText(args, guard);
+  LoginArgs login;
+  int passwordKind = MsgValue::kQueryArg;
+  if (!argOf(args, "username", &login.userName) || login.userName.empty() ||
+      !argOf(args, "password", &login.password, &passwordKind) || login.password.empty() ||
+      !argOf(args, "scope", &login.scope)) {
+    guard.error(0, "handleLogin", __LINE__, "login without user name, password or scope");
+    fail(proto::kErrInvalidArgument, __LINE__);
+  }
+  if (passwordKind != MsgValue::kBodyArg) {
+    // A password in the URL would end up in access logs and browser history.
+    guard.error(0, "handleLogin", __LINE__, "login of user %s with the password in the URL",
+                login.userName.c_str());
+    fail(proto::kErrInvalidArgument, __LINE__);
+  }
+  if (!argOf(args, "language", &login.language) || login.language.empty()) {
+    login.language = request.getSessionInfo().language();
+  }
+  login.language = normalizeLanguage(login.language);
+  return login;
+}
+
+// Throws kErrLoginThrottled, with Retry-After the true wait, while the pair
+// (user, address) must still wait after its failures.
+void refuseWhileThrottled(LoginThrottle& throttle, const std::string& userName,
+                          const std::string& clientAddress, HttpRequest* connection,
+                          CQPNDebugKitGuard& guard) {
+  const int wait = throttle.secondsToWait(userName, clientAddress);
+  if (wait <= 0) return;
+  guard.warn(0, "handleLogin", __LINE__,
+             "login of user %s from %s refused: too many failed attempts, %d s to wait",
+             userName.c_str(), clientAddress.c_str(), wait);
+  if (connection != nullptr) connection->setResponseHeader("Retry-After", std::to_string(wait));
+  countLoginThrottled();
+  fail(proto::kErrLoginThrottled, __LINE__);
+}
+
+// The verification code (for the routes that ask one), then the route's own
+// login slot, its scope check included. A wrong attempt counts towards the
+// throttle; a scope refused after the password was checked answers like a
+// wrong password, which would otherwise tell that the password was right.
+void askBackend(CLoginOp& op, CRequestMsg& request, const LoginArgs& args,
+                const std::string& clientAddress, CDeviceID& device, const UserContext& user,
+                CR3MPackageV3& reply, CQPNDebugKitGuard& guard) {
+  try {
+    // At login there is no session yet; a client that already holds one
+    // has the code checked against it.
+    std::shared_ptr<HttpSession> current = request.getSessionInfo().getHttpSession();
+    HttpSession pending("");
+    const int codeCheck = op.checkVerifyCode(current ? *current : pending, request);
+    if (codeCheck != 0) {
+      guard.warn(0, "handleLogin", __LINE__, "verification code refused for user %s",
+                 args.userName.c_str());
+      fail(codeCheck, __LINE__);
+    }
+    const int result = op.login(args.userName, args.password, args.scope, args.language, device,
+                                reply, user.clientAddress_, kLoginTypePassword);
+    if (result != 0) fail(result, __LINE__);
+  } catch (const QPNExceptionWithErrCode_& e) {
+    if (countsAsFailedAttempt(e.getErrCode())) {
+      LoginThrottle::instance().recordFailure(args.userName, clientAddress);
+      countLoginFailure();
+      guard.warn(0, "handleLogin", __LINE__, "login of user %s from %s failed: code 0x%llX",
+                 args.userName.c_str(), clientAddress.c_str(),
+                 static_cast<unsigned long long>(e.getErrCode()));
+    }
+    if (e.getErrCode() == proto::kErrScopeDenied) fail(proto::kErrLoginFailed, __LINE__);
+    throw;
+  }
+}
+
+// The user id of the backend's login reply, "" when it gives none.
+std::string userIdOf(CR3MPackageV3& reply) {
+  if (reply.size() == 0) return std::string();
+  const CTLVCell* userId = reply[0].find(proto::kTagUserId);
+  if (userId == nullptr || userId->getType() != CTLVCell::TLV_STRING) return std::string();
+  return static_cast<const char*>(*userId);
+}
+
+// Opens the session and has the route label it (updateSessionFile); the
+// label travels with the session to every gateway. A login that could not
+// be labelled leaves no usable session.
+std::shared_ptr<HttpSession> openLabelledSession(CLoginOp& op, const CDeviceID& device,
+                                                 const UserContext& user,
+                                                 const std::string& language,
+                                                 CR3MPackageV3& reply, std::string* token,
+                                                 CQPNDebugKitGuard& guard) {
+  SessionStore& store = SessionStore::instance();
+  std::shared_ptr<HttpSession> session = store.create(device, user, language, token);
+  try {
+    op.updateSessionFile(kSessionKeyPrefix, *session, reply);
+    store.saveState(*token, *session);
+  } catch (...) {
+    try {
+      store.remove(*token);
+    } catch (...) {
+      // The store is gone too; its own expiry ends the session.
+    }
+    guard.error(0, "handleLogin", __LINE__, "could not label session %s of user %s",
+                session->getId().c_str(), user.userName_.c_str());
+    throw;
+  }
+  return session;
+}
+
+// The login's answer: the token in the body, the header and the cookie.
+void answerLogin(const LoginArgs& args, const std::string& token, const std::string& sessionId,
+                 CResponseMsg& response, HttpRequest* connection) {
+  Json::Value data(Json::objectValue);
+  data["token"] = token;
+  data["sessionId"] = sessionId;
+  data["userName"] = args.userName;
+  data["scope"] = args.scope;
+  data["language"] = args.language;
+  writeEnvelope(response, data);
+  if (connection == nullptr) return;
+  connection->setResponseHeader(kTokenHeader, token);
+  connection->setResponseHeader("Set-Cookie", sessionCookieFor(token));
+  connection->setResponseHeader("Cache-Control", "no-store");
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------------------
@@ -239,134 +373,42 @@ int CLoginOp::checkVerifyCode(HttpSession& session, CRequestMsg& request) {
 // below this body's end, the success at its end.
 int CLoginOp::handleLogin(CRequestMsg& request, CResponseMsg& response) try {
   CQPNDebugKitGuard guard(kModule, "CLoginOp::handleLogin");
-  std::map<std::string, MsgValue> args;
-  request.getAllArgs(args);
-  refuseUncleanText(args, guard);
-  std::string userName;
-  std::string password;
-  std::string scope;
-  std::string language;
-  int passwordKind = MsgValue::kQueryArg;
-  if (!argOf(args, "username", &userName) || userName.empty() ||
-      !argOf(args, "password", &password, &passwordKind) || password.empty() ||
-      !argOf(args, "scope", &scope)) {
-    guard.error(0, "handleLogin", __LINE__, "login without user name, password or scope");
-    fail(proto::kErrInvalidArgument, __LINE__);
-  }
-  if (passwordKind != MsgValue::kBodyArg) {
-    // A password in the URL would end up in access logs and browser history.
-    guard.error(0, "handleLogin", __LINE__, "login of user %s with the password in the URL",
-                userName.c_str());
-    fail(proto::kErrInvalidArgument, __LINE__);
-  }
-  if (!argOf(args, "language", &language) || language.empty()) {
-    language = request.getSessionInfo().language();
-  }
-  language = normalizeLanguage(language);
-
-  HttpRequest noConnection;
+  const LoginArgs args = readLoginArgs(request, guard);
   HttpRequest* connection = request.getSessionInfo().getHttpConnection();
+  HttpRequest noConnection;
   HttpRequest& peer = connection != nullptr ? *connection : noConnection;
   const std::string clientAddress = peer.clientAddress();
 
   LoginThrottle& throttle = LoginThrottle::instance();
-  const int wait = throttle.secondsToWait(userName, clientAddress);
-  if (wait > 0) {
-    guard.warn(0, "handleLogin", __LINE__,
-               "login of user %s from %s refused: too many failed attempts, %d s to wait",
-               userName.c_str(), clientAddress.c_str(), wait);
-    if (connection != nullptr) connection->setResponseHeader("Retry-After", std::to_string(wait));
-    countLoginThrottled();
-    fail(proto::kErrLoginThrottled, __LINE__);
-  }
-  pauseWhileAccountUnderAttack(throttle, userName, guard);
+  refuseWhileThrottled(throttle, args.userName, clientAddress, connection, guard);
+  pauseWhileAccountUnderAttack(throttle, args.userName, guard);
 
   CDeviceID device = request.getSessionInfo().getDeviceID();
   UserContext user;
-  user.userName_ = userName;
-  user.scope_ = scope;
+  user.userName_ = args.userName;
+  user.scope_ = args.scope;
   const int deviceCheck = postCheckDevice(peer, device, user);
   if (deviceCheck != 0) {
     guard.error(0, "handleLogin", __LINE__, "device check refused the login of user %s: %d",
-                userName.c_str(), deviceCheck);
+                args.userName.c_str(), deviceCheck);
     fail(deviceCheck, __LINE__);
   }
-
   CR3MPackageV3 reply;
-  try {
-    // At login there is no session yet; a client that already holds one
-    // has the code checked against it.
-    std::shared_ptr<HttpSession> current = request.getSessionInfo().getHttpSession();
-    HttpSession pending("");
-    const int codeCheck = checkVerifyCode(current ? *current : pending, request);
-    if (codeCheck != 0) {
-      guard.warn(0, "handleLogin", __LINE__, "verification code refused for user %s",
-                 userName.c_str());
-      fail(codeCheck, __LINE__);
-    }
-    // The route's own login slot (its scope check included), for every route.
-    const int result = login(userName, password, scope, language, device, reply,
-                             user.clientAddress_, kLoginTypePassword);
-    if (result != 0) fail(result, __LINE__);
-  } catch (const QPNExceptionWithErrCode_& e) {
-    if (countsAsFailedAttempt(e.getErrCode())) {
-      throttle.recordFailure(userName, clientAddress);
-      countLoginFailure();
-      guard.warn(0, "handleLogin", __LINE__, "login of user %s from %s failed: code 0x%llX",
-                 userName.c_str(), clientAddress.c_str(),
-                 static_cast<unsigned long long>(e.getErrCode()));
-    }
-    // A scope refused after the password was checked would tell that the
-    // password was right: it answers like a wrong password.
-    if (e.getErrCode() == proto::kErrScopeDenied) fail(proto::kErrLoginFailed, __LINE__);
-    throw;
-  }
-  throttle.recordSuccess(userName, clientAddress);
+  askBackend(*this, request, args, clientAddress, device, user, reply, guard);
+  throttle.recordSuccess(args.userName, clientAddress);
+  user.userId_ = userIdOf(reply);
 
-  if (reply.size() > 0) {
-    const CTLVCell* userId = reply[0].find(proto::kTagUserId);
-    if (userId != nullptr && userId->getType() == CTLVCell::TLV_STRING) {
-      user.userId_ = static_cast<const char*>(*userId);
-    }
-  }
-  SessionStore& store = SessionStore::instance();
   std::string token;
-  std::shared_ptr<HttpSession> session = store.create(device, user, language, &token);
-  try {
-    updateSessionFile(kSessionKeyPrefix, *session, reply);
-    // The label travels with the session to every gateway.
-    store.saveState(token, *session);
-  } catch (...) {
-    // A login that could not be labelled must not leave a usable session.
-    try {
-      store.remove(token);
-    } catch (...) {
-      // The store is gone too; its own expiry ends the session.
-    }
-    guard.error(0, "handleLogin", __LINE__, "could not label session %s of user %s",
-                session->getId().c_str(), userName.c_str());
-    throw;
-  }
-
+  const std::shared_ptr<HttpSession> session =
+      openLabelledSession(*this, device, user, args.language, reply, &token, guard);
   request.getSessionInfo().setHttpSession(session);
   request.getSessionInfo().getDeviceID() = device;
   request.getSessionInfo().getUserContext() = user;
-  request.getSessionInfo().setLanguage(language);
-
-  Json::Value data(Json::objectValue);
-  data["token"] = token;
-  data["sessionId"] = session->getId();
-  data["userName"] = userName;
-  data["scope"] = scope;
-  data["language"] = language;
-  writeEnvelope(response, data);
-  if (connection != nullptr) {
-    connection->setResponseHeader(kTokenHeader, token);
-    connection->setResponseHeader("Set-Cookie", sessionCookieFor(token));
-    connection->setResponseHeader("Cache-Control", "no-store");
-  }
+  request.getSessionInfo().setLanguage(args.language);
+  answerLogin(args, token, session->getId(), response, connection);
   guard.info(0, "handleLogin", __LINE__, "user %s logged in from %s with scope %s, session %s",
-             userName.c_str(), clientAddress.c_str(), scope.c_str(), session->getId().c_str());
+             args.userName.c_str(), clientAddress.c_str(), args.scope.c_str(),
+             session->getId().c_str());
   auditLogin(request, 0);
   return 0;
 } catch (const QPNExceptionWithErrCode_& e) {
