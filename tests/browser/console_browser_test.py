@@ -677,8 +677,9 @@ class ConsoleSessionExpiryTest(ConsoleTestBase):
 
 class ConsoleCodeExpiryTest(ConsoleTestBase):
     # Short enough to wait for, long enough that the page shows a picture
-    # for a few seconds (it asks for the next one a second before the end).
-    LIFETIME = 4
+    # for several seconds (it asks for the next one a second before the
+    # end), even with a gateway built with the sanitizers on a busy machine.
+    LIFETIME = 8
 
     @classmethod
     def gateway_options(cls):
