@@ -22,7 +22,7 @@ std::string cookieValue(const std::string& header, const std::string& name) {
     const std::string pair = trimBlanks(header.substr(pos, end - pos));
     const size_t eq = pair.find('=');
     if (eq == name.size() && pair.compare(0, eq, name) == 0) {
-      const std::string value = trimBlanks(pair.substr(eq + 1));
+      std::string value = trimBlanks(pair.substr(eq + 1));
       if (!value.empty()) return value;
     }
     pos = end + 1;
@@ -34,9 +34,9 @@ std::string cookieValue(const std::string& header, const std::string& name) {
 
 std::string sessionTokenOf(const HttpRequest& connection, bool* fromCookie) {
   if (fromCookie != nullptr) *fromCookie = false;
-  const std::string token = trimBlanks(connection.getHeader(kTokenHeader));
+  std::string token = trimBlanks(connection.getHeader(kTokenHeader));
   if (!token.empty()) return token;
-  const std::string cookie = cookieValue(connection.getHeader(kCookieHeader), kSessionCookie);
+  std::string cookie = cookieValue(connection.getHeader(kCookieHeader), kSessionCookie);
   if (fromCookie != nullptr) *fromCookie = !cookie.empty();
   return cookie;
 }
