@@ -245,80 +245,98 @@ long long openFiles() {
   return n;
 }
 
-// Established TCP connections whose local port is `port` (the clients'),
-// from /proc/net/tcp and tcp6.
+// "# HELP name help" and "# TYPE name type", the lines before a family's
+// samples.
+void appendFamily(std::string* out, const char* name, const char* type, const char* help) {
+  out->append("# HELP ").append(name).append(" ").append(help).append("\n");
+  out->append("# TYPE ").append(name).append(" ").append(type).append("\n");
+}
+
+// A family of one sample without labels.
+void appendSample(std::string* out, const char* name, const char* type, const char* help,
+                  const std::string& value) {
+  appendFamily(out, name, type, help);
+  out->append(name).append(" ").append(value).append("\n");
+}
+
+void appendWorkers(std::string* out, const TransportCounts& counts) {
+  appendSample(out, "nox_operations_waiting", "gauge",
+               "Requests waiting in line for a free worker.",
+               std::to_string(counts.waitingForWorker));
+  appendSample(out, "nox_workers_busy", "gauge", "Workers running an operation.",
+               std::to_string(counts.busyWorkers));
+}
+
+// Calls and failures by command ("0xE0000052").
+void appendBackendCalls(std::string* out) {
+  const std::vector<BackendCallCount> calls = backendCallCounts();
+  char command[16];
+  appendFamily(out, "nox_backend_calls_total", "counter",
+               "Packages sent to the backend, by command.");
+  for (const BackendCallCount& c : calls) {
+    std::snprintf(command, sizeof(command), "0x%08X", c.command);
+    out->append("nox_backend_calls_total{command=\"").append(command).append("\"} ");
+    out->append(std::to_string(c.calls)).append("\n");
+  }
+  appendFamily(out, "nox_backend_failures_total", "counter",
+               "Backend calls answered with a code, thrown, timed out or without a backend, by "
+               "command.");
+  for (const BackendCallCount& c : calls) {
+    std::snprintf(command, sizeof(command), "0x%08X", c.command);
+    out->append("nox_backend_failures_total{command=\"").append(command).append("\"} ");
+    out->append(std::to_string(c.failures)).append("\n");
+  }
+}
+
+void appendLogins(std::string* out) {
+  const LoginCounts logins = loginCounts();
+  appendSample(out, "nox_logins_failed_total", "counter", "Logins the backend refused.",
+               std::to_string(logins.failed));
+  appendSample(out, "nox_logins_throttled_total", "counter",
+               "Logins refused by the throttle before the backend was asked.",
+               std::to_string(logins.throttled));
+}
+
+// Memory and open files, each left out when /proc cannot say.
+void appendProcess(std::string* out) {
+  const long long rssKb = statusField("VmRSS");
+  if (rssKb >= 0) {
+    appendSample(out, "process_resident_memory_bytes", "gauge",
+                 "Resident memory of the gateway process.", std::to_string(rssKb * 1024));
+  }
+  const long long files = openFiles();
+  if (files >= 0) {
+    appendSample(out, "process_open_fds", "gauge", "Open file descriptors of the gateway process.",
+                 std::to_string(files));
+  }
+}
+
+void appendConnections(std::string* out, const TransportCounts& counts) {
+  appendSample(out, "nox_open_connections", "gauge", "Client connections open on the gateway.",
+               std::to_string(counts.openConnections));
+  appendSample(out, "nox_connections_refused_total", "counter",
+               "Connections closed at once because --max-connections were open.",
+               std::to_string(counts.refusedConnections));
+  appendSample(out, "nox_connections_dropped_total", "counter",
+               "Connections dropped because serving them failed (each is in the trace log).",
+               std::to_string(counts.droppedConnections));
+}
+
 }  // namespace
 
 std::string hostMetricsText(const TransportCounts& counts, long long sessionsOpen) {
   std::string out;
-  out +=
-      "# HELP nox_operations_waiting Requests waiting in line for a free worker.\n"
-      "# TYPE nox_operations_waiting gauge\n"
-      "nox_operations_waiting " + std::to_string(counts.waitingForWorker) + "\n"
-      "# HELP nox_workers_busy Workers running an operation.\n"
-      "# TYPE nox_workers_busy gauge\n"
-      "nox_workers_busy " + std::to_string(counts.busyWorkers) + "\n";
-  out +=
-      "# HELP nox_backend_calls_total Packages sent to the backend, by command.\n"
-      "# TYPE nox_backend_calls_total counter\n";
-  const std::vector<BackendCallCount> calls = backendCallCounts();
-  char command[16];
-  for (const BackendCallCount& c : calls) {
-    std::snprintf(command, sizeof(command), "0x%08X", c.command);
-    out += std::string("nox_backend_calls_total{command=\"") + command + "\"} " +
-           std::to_string(c.calls) + "\n";
-  }
-  out +=
-      "# HELP nox_backend_failures_total Backend calls answered with a code, thrown, timed out or "
-      "without a backend, by command.\n"
-      "# TYPE nox_backend_failures_total counter\n";
-  for (const BackendCallCount& c : calls) {
-    std::snprintf(command, sizeof(command), "0x%08X", c.command);
-    out += std::string("nox_backend_failures_total{command=\"") + command + "\"} " +
-           std::to_string(c.failures) + "\n";
-  }
-  const LoginCounts logins = loginCounts();
-  out +=
-      "# HELP nox_logins_failed_total Logins the backend refused.\n"
-      "# TYPE nox_logins_failed_total counter\n"
-      "nox_logins_failed_total " + std::to_string(logins.failed) + "\n"
-      "# HELP nox_logins_throttled_total Logins refused by the throttle before the backend was "
-      "asked.\n"
-      "# TYPE nox_logins_throttled_total counter\n"
-      "nox_logins_throttled_total " + std::to_string(logins.throttled) + "\n";
+  appendWorkers(&out, counts);
+  appendBackendCalls(&out);
+  appendLogins(&out);
   // Left out while the session store cannot be counted: /healthz says why.
   if (sessionsOpen >= 0) {
-    out +=
-        "# HELP nox_sessions_open Sessions open (in the shared store, for every gateway).\n"
-        "# TYPE nox_sessions_open gauge\n"
-        "nox_sessions_open " + std::to_string(sessionsOpen) + "\n";
+    appendSample(&out, "nox_sessions_open", "gauge",
+                 "Sessions open (in the shared store, for every gateway).",
+                 std::to_string(sessionsOpen));
   }
-  const long long rssKb = statusField("VmRSS");
-  if (rssKb >= 0) {
-    out +=
-        "# HELP process_resident_memory_bytes Resident memory of the gateway process.\n"
-        "# TYPE process_resident_memory_bytes gauge\n"
-        "process_resident_memory_bytes " + std::to_string(rssKb * 1024) + "\n";
-  }
-  const long long files = openFiles();
-  if (files >= 0) {
-    out +=
-        "# HELP process_open_fds Open file descriptors of the gateway process.\n"
-        "# TYPE process_open_fds gauge\n"
-        "process_open_fds " + std::to_string(files) + "\n";
-  }
-  out +=
-      "# HELP nox_open_connections Client connections open on the gateway.\n"
-      "# TYPE nox_open_connections gauge\n"
-      "nox_open_connections " + std::to_string(counts.openConnections) + "\n"
-      "# HELP nox_connections_refused_total Connections closed at once because --max-connections "
-      "were open.\n"
-      "# TYPE nox_connections_refused_total counter\n"
-      "nox_connections_refused_total " + std::to_string(counts.refusedConnections) + "\n"
-      "# HELP nox_connections_dropped_total Connections dropped because serving them failed "
-      "(each is in the trace log).\n"
-      "# TYPE nox_connections_dropped_total counter\n"
-      "nox_connections_dropped_total " + std::to_string(counts.droppedConnections) + "\n";
+  appendProcess(&out);
+  appendConnections(&out, counts);
   return out;
 }
 
