@@ -126,13 +126,18 @@ TEST(AccessTableE2E, TheTableComesFromItsFile) {
       {"path": "/sessions", "methods": ["POST"], "public": true, "login": true, "secrets": true},
       {"path": "/sessions", "methods": ["DELETE"], "secrets": true, "scopes": ["0", "4"]},
       {"path": "/alarm/historyalarm/count", "methods": ["GET"], "scopes": ["0", "4"]},
-      {"path": "/kestrel_task", "methods": ["GET"], "scopes": ["0"]}]})";
+      {"path": "/kestrel_task", "methods": ["GET"], "scopes": ["0"]},
+      {"path": "/nowhere", "methods": ["GET"], "scopes": ["0"]}]})";
   GatewayProcess gateway;
   ASSERT_TRUE(gateway.start({"--access", path})) << gateway.output();
   EXPECT_NE(gateway.output().find("access table: " + path), std::string::npos) << gateway.output();
   // Routes the file forgets are the administrator's only, and it says so.
   EXPECT_NE(gateway.output().find("the access table has no rule for /kestrel_cert/import_crl: only "
                                   "scope 0 may call it"),
+            std::string::npos)
+      << gateway.output();
+  // And a rule for a route nobody serves is named, not kept quiet.
+  EXPECT_NE(gateway.output().find("the access table names /nowhere, which no operation serves"),
             std::string::npos)
       << gateway.output();
   httplib::Client client("127.0.0.1", gateway.port());
