@@ -407,9 +407,10 @@ void labelAnswer(const CSessionInfo& info, HttpOutput* out) {
 }
 
 bool isFormBody(const HttpInput& in) {
-  return in.multipart ||
-         startsWithNoCase(headerValue(in.headers, "Content-Type"), "application/x-www-form-urlencoded") ||
-         startsWithNoCase(headerValue(in.headers, "Content-Type"), "multipart/form-data");
+  if (in.multipart) return true;
+  const std::string type = headerValue(in.headers, "Content-Type");
+  return startsWithNoCase(type, "application/x-www-form-urlencoded") ||
+         startsWithNoCase(type, "multipart/form-data");
 }
 
 // An audit record of the call, from what the session holds.
