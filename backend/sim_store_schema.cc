@@ -44,6 +44,8 @@ CREATE TABLE IF NOT EXISTS tasks(
   resource TEXT NOT NULL,
   detail TEXT NOT NULL,
   error_info TEXT NOT NULL DEFAULT '');
+-- The task list's default order: read in order, no sorting.
+CREATE INDEX IF NOT EXISTS tasks_by_start ON tasks(start_time DESC, id);
 CREATE TABLE IF NOT EXISTS alarms(
   id INTEGER PRIMARY KEY,
   severity INTEGER NOT NULL,

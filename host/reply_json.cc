@@ -156,8 +156,10 @@ Json::Value recordToJson(const CR3MRecordV3& record, uint32_t objType) {
                  row->want == Want::kText ? "a text" : "a number");
       continue;
     }
-    Json::Value& member =
-        row != nullptr ? object[row->name] : object["tag" + std::to_string(cell.getTag())];
+    // The table's names live as long as the program: the member keeps a
+    // pointer to the name instead of a copy of it.
+    Json::Value& member = row != nullptr ? object[Json::StaticString(row->name)]
+                                         : object["tag" + std::to_string(cell.getTag())];
     member = cellToJson(cell);
   }
   return object;

@@ -43,7 +43,10 @@ std::shared_ptr<StateStore> stateStore() {
 std::string sha256Hex(const std::string& text) {
   unsigned char digest[EVP_MAX_MD_SIZE];
   unsigned int length = 0;
-  if (EVP_Digest(text.data(), text.size(), digest, &length, EVP_sha256(), nullptr) != 1) {
+  // Fetched once: EVP_sha256() would look the algorithm up on every call.
+  static EVP_MD* const kSha256 = EVP_MD_fetch(nullptr, "SHA256", nullptr);
+  if (kSha256 == nullptr ||
+      EVP_Digest(text.data(), text.size(), digest, &length, kSha256, nullptr) != 1) {
     throw std::runtime_error("SHA-256 failed");
   }
   static const char kHex[] = "0123456789abcdef";

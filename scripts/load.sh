@@ -10,6 +10,13 @@
 #                              # session lookup in Redis against one in memory
 #   scripts/load.sh --login-storm  # 200 concurrent good logins beside another
 #                              # session's task counts: their p99 (target < 100 ms)
+#   scripts/load.sh --ratios [OTHER_BIN_DIR]  # the request path's targets: task
+#                              # detail and list of 10 against /healthz, /healthz
+#                              # against nginx (both logging to files), the mix's
+#                              # p99, in process and with nox-backend over TCP;
+#                              # with OTHER_BIN_DIR (an older build's bin/) the two
+#                              # take turns, medians of NOX_RATIO_ROUNDS (3) rounds
+#                              # of NOX_LOAD_SECONDS (10) per route
 #
 # Scenarios: the mixed workload (task detail in English and Chinese, task
 # list, alarm count, storage configuration, certificate upload), the task
@@ -33,6 +40,8 @@ STORM=0
 [ "${1:-}" = "--soak" ] && SOAK=1
 [ "${1:-}" = "--cluster" ] && CLUSTER=1
 [ "${1:-}" = "--login-storm" ] && STORM=1
+RATIOS=0
+[ "${1:-}" = "--ratios" ] && RATIOS=1
 
 need() { command -v "$1" >/dev/null || { echo "load: installing $2"; sudo_cmd apt-get install -y -qq "$2" >/dev/null; }; }
 sudo_cmd() { if [ "$(id -u)" -eq 0 ]; then "$@"; else sudo "$@"; fi; }
@@ -45,6 +54,11 @@ need openssl openssl
 BUILD=${NOX_BUILD:-build-run}
 cmake -S . -B "$BUILD" -DCMAKE_BUILD_TYPE=Release -DNOX_BUILD_TESTS=OFF -DNOX_BUILD_BENCH=OFF >/dev/null
 cmake --build "$BUILD" -j "$(nproc)" >/dev/null
+
+if [ "$RATIOS" = 1 ]; then
+  exec python3 bench/load/ratios.py "$BUILD/bin" ${2:+"$2"} --rounds "${NOX_RATIO_ROUNDS:-3}" \
+    --seconds "${NOX_LOAD_SECONDS:-10}" --connections "$CONNECTIONS"
+fi
 
 WORK=$(mktemp -d /tmp/nox-load-XXXXXX)
 GW_PID=""; NGINX_PID=""; IDLE_PID=""
