@@ -191,56 +191,8 @@ void BackendServer::serve(Connection* connection) {
 bool BackendServer::answer(Connection* connection, const tlvwire::FrameHeader& header,
                            const std::string& body) {
   CQPNDebugKitGuard guard(kModule, kFunction);
-  using tlvwire::FrameKind;
   std::string error;
-  std::string out;
-  switch (header.kind) {
-    case FrameKind::kHello:
-    case FrameKind::kPing:
-      if (!body.empty()) {
-        error = "a greeting or ping with a body";
-        break;
-      }
-      out = header.kind == FrameKind::kHello
-                ? tlvwire::frame(FrameKind::kHelloReply, header.callId,
-                                 tlvwire::stringListBody(options_.stagingDirs))
-                : tlvwire::frame(FrameKind::kPong, header.callId, std::string());
-      break;
-    case FrameKind::kCall: {
-      tlvwire::WireCall call;
-      CR3MPackageV3 request;
-      if (!tlvwire::parseCallBody(body, &call, &request, &error)) break;
-      CR3MPackageV3 reply;
-      long long code = 0;
-      try {
-        code = backend_->handle(call.view(), request, reply);
-      } catch (const std::exception& e) {
-        reply.clear();
-        guard.error(0, kFunction, __LINE__, "the backend failed: %s", e.what());
-        code = kErrBackendFailure;
-      }
-      std::string replyBytes = tlvwire::replyBody(code, reply);
-      if (replyBytes.size() > tlvwire::kMaxFrameBytes - tlvwire::kHeaderBytes) {
-        guard.error(0, kFunction, __LINE__, "an answer of %zu bytes is beyond a frame",
-                    replyBytes.size());
-        replyBytes = tlvwire::replyBody(kErrBackendFailure, CR3MPackageV3());
-      }
-      out = tlvwire::frame(FrameKind::kCallReply, header.callId, replyBytes);
-      break;
-    }
-    case FrameKind::kStoreFile: {
-      std::string path;
-      std::string data;
-      if (!tlvwire::parseStoreFileBody(body, &path, &data, &error)) break;
-      out = tlvwire::frame(FrameKind::kStoreReply, header.callId,
-                           tlvwire::codeBody(storeFile(path, data)));
-      break;
-    }
-    default:
-      error = "frame kind " + std::to_string(static_cast<int>(header.kind)) +
-              " is not a client's";
-      break;
-  }
+  const std::string out = replyTo(header, body, guard, &error);
   if (out.empty()) {
     guard.warn(0, kFunction, __LINE__, "closing the connection from %s: %s",
                connection->peer.c_str(), error.c_str());
@@ -254,6 +206,59 @@ bool BackendServer::answer(Connection* connection, const tlvwire::FrameHeader& h
     return false;
   }
   return true;
+}
+
+std::string BackendServer::replyTo(const tlvwire::FrameHeader& header, const std::string& body,
+                                   CQPNDebugKitGuard& guard, std::string* error) {
+  using tlvwire::FrameKind;
+  switch (header.kind) {
+    case FrameKind::kHello:
+    case FrameKind::kPing:
+      if (!body.empty()) {
+        *error = "a greeting or ping with a body";
+        return std::string();
+      }
+      return header.kind == FrameKind::kHello
+                 ? tlvwire::frame(FrameKind::kHelloReply, header.callId,
+                                  tlvwire::stringListBody(options_.stagingDirs))
+                 : tlvwire::frame(FrameKind::kPong, header.callId, std::string());
+    case FrameKind::kCall:
+      return callReply(header, body, guard, error);
+    case FrameKind::kStoreFile: {
+      std::string path;
+      std::string data;
+      if (!tlvwire::parseStoreFileBody(body, &path, &data, error)) return std::string();
+      return tlvwire::frame(FrameKind::kStoreReply, header.callId,
+                            tlvwire::codeBody(storeFile(path, data)));
+    }
+    default:
+      *error = "frame kind " + std::to_string(static_cast<int>(header.kind)) +
+               " is not a client's";
+      return std::string();
+  }
+}
+
+std::string BackendServer::callReply(const tlvwire::FrameHeader& header, const std::string& body,
+                                     CQPNDebugKitGuard& guard, std::string* error) {
+  tlvwire::WireCall call;
+  CR3MPackageV3 request;
+  if (!tlvwire::parseCallBody(body, &call, &request, error)) return std::string();
+  CR3MPackageV3 reply;
+  long long code = 0;
+  try {
+    code = backend_->handle(call.view(), request, reply);
+  } catch (const std::exception& e) {
+    reply.clear();
+    guard.error(0, kFunction, __LINE__, "the backend failed: %s", e.what());
+    code = kErrBackendFailure;
+  }
+  std::string replyBytes = tlvwire::replyBody(code, reply);
+  if (replyBytes.size() > tlvwire::kMaxFrameBytes - tlvwire::kHeaderBytes) {
+    guard.error(0, kFunction, __LINE__, "an answer of %zu bytes is beyond a frame",
+                replyBytes.size());
+    replyBytes = tlvwire::replyBody(kErrBackendFailure, CR3MPackageV3());
+  }
+  return tlvwire::frame(tlvwire::FrameKind::kCallReply, header.callId, replyBytes);
 }
 
 long long BackendServer::storeFile(const std::string& path, const std::string& data) {

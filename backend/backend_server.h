@@ -33,6 +33,7 @@
 #include <thread>
 #include <vector>
 
+#include "qpn_debug_kit.h"
 #include "tlv_backend.h"
 #include "tlv_wire.h"
 
@@ -73,6 +74,15 @@ class BackendServer {
   // Answers one frame; false when the connection must close.
   bool answer(Connection* connection, const tlvwire::FrameHeader& header,
               const std::string& body);
+  // The frame that answers one frame; "" with *error set when the frame is
+  // not one a client may send (the connection then closes). `guard` is the
+  // answer's trace guard.
+  std::string replyTo(const tlvwire::FrameHeader& header, const std::string& body,
+                      CQPNDebugKitGuard& guard, std::string* error);
+  // The reply frame of a call frame: the backend asked, its failure (an
+  // exception, an answer beyond a frame) turned into kErrBackendFailure.
+  std::string callReply(const tlvwire::FrameHeader& header, const std::string& body,
+                        CQPNDebugKitGuard& guard, std::string* error);
   long long storeFile(const std::string& path, const std::string& data);
   void reap(bool all);
 

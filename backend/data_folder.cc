@@ -18,12 +18,6 @@ constexpr off_t kMaxUploadBytes = off_t{2} * 1024 * 1024;
 
 }  // namespace
 
-std::string errnoText(int error) {
-  char buffer[256];
-  // The GNU strerror_r returns the text, in `buffer` or a static string.
-  return std::string(strerror_r(error, buffer, sizeof(buffer)));
-}
-
 bool makeFolder(const std::string& path, std::string* error) {
   if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
     *error = "cannot create " + path + ": " + errnoText(errno);

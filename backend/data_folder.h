@@ -10,8 +10,7 @@
 
 #include <string>
 
-// The text of an error number; unlike strerror, safe on any thread.
-std::string errnoText(int error);
+#include "log_text.h"  // errnoText, which the backend's files use with these
 
 // Creates `path` with mode 0700 when missing, or narrows an existing folder to
 // 0700. Returns false with *error when it is not a usable folder.

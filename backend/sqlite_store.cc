@@ -270,23 +270,30 @@ void SqliteStore::runGroup(std::chrono::steady_clock::time_point deadline, Pendi
   Lock writer(*this, std::chrono::duration_cast<std::chrono::milliseconds>(
                          deadline > now ? deadline - now : std::chrono::steady_clock::duration()));
   std::vector<PendingWrite*> group;
-  {
-    std::lock_guard<std::mutex> lock(groupMutex_);
-    if (!writer.held()) {
-      // The connection stayed busy (a start-up task holding it): this write
-      // gives up; the others wait on and one of them leads next.
-      queued_.erase(std::find(queued_.begin(), queued_.end(), mine));
-      mine->state = PendingWrite::State::kDone;
-      return;
-    }
-    group.assign(queued_.begin(), queued_.end());
-    queued_.clear();
-    for (PendingWrite* w : group) {
-      w->state = PendingWrite::State::kRunning;
-      w->started = true;
-    }
+  if (!claimGroup(writer.held(), mine, &group)) return;
+  finishGroup(group, commitGroup(group));
+}
+
+bool SqliteStore::claimGroup(bool writerHeld, PendingWrite* mine,
+                             std::vector<PendingWrite*>* group) {
+  std::lock_guard<std::mutex> lock(groupMutex_);
+  if (!writerHeld) {
+    // The connection stayed busy (a start-up task holding it): this write
+    // gives up; the others wait on and one of them leads next.
+    queued_.erase(std::find(queued_.begin(), queued_.end(), mine));
+    mine->state = PendingWrite::State::kDone;
+    return false;
   }
-  std::exception_ptr groupError;
+  group->assign(queued_.begin(), queued_.end());
+  queued_.clear();
+  for (PendingWrite* w : *group) {
+    w->state = PendingWrite::State::kRunning;
+    w->started = true;
+  }
+  return true;
+}
+
+std::exception_ptr SqliteStore::commitGroup(const std::vector<PendingWrite*>& group) {
   try {
     writer_->exec("BEGIN IMMEDIATE");
     for (PendingWrite* w : group) {
@@ -295,24 +302,15 @@ void SqliteStore::runGroup(std::chrono::steady_clock::time_point deadline, Pendi
       if (sqlite3_get_autocommit(writer_->db) != 0) {
         throw StoreError("the group's transaction was rolled back: " + lastError());
       }
-      writer_->exec("SAVEPOINT one_write");
-      try {
-        (*w->work)();
-        writer_->exec("RELEASE one_write");
-      } catch (...) {
-        w->error = std::current_exception();
-        if (sqlite3_get_autocommit(writer_->db) == 0) {
-          writer_->exec("ROLLBACK TO one_write");
-          writer_->exec("RELEASE one_write");
-        }
-      }
+      runOneWrite(w);
     }
     if (sqlite3_get_autocommit(writer_->db) != 0) {
       throw StoreError("the group's transaction was rolled back: " + lastError());
     }
     writer_->exec("COMMIT");
+    return nullptr;
   } catch (...) {
-    groupError = std::current_exception();
+    std::exception_ptr groupError = std::current_exception();
     if (sqlite3_get_autocommit(writer_->db) == 0) {
       try {
         writer_->exec("ROLLBACK");
@@ -320,7 +318,26 @@ void SqliteStore::runGroup(std::chrono::steady_clock::time_point deadline, Pendi
         // The transaction is gone either way.
       }
     }
+    return groupError;
   }
+}
+
+void SqliteStore::runOneWrite(PendingWrite* w) {
+  writer_->exec("SAVEPOINT one_write");
+  try {
+    (*w->work)();
+    writer_->exec("RELEASE one_write");
+  } catch (...) {
+    w->error = std::current_exception();
+    if (sqlite3_get_autocommit(writer_->db) == 0) {
+      writer_->exec("ROLLBACK TO one_write");
+      writer_->exec("RELEASE one_write");
+    }
+  }
+}
+
+void SqliteStore::finishGroup(const std::vector<PendingWrite*>& group,
+                              std::exception_ptr groupError) {
   std::lock_guard<std::mutex> lock(groupMutex_);
   if (!groupError) {
     ++stats_.groups;

@@ -192,6 +192,14 @@ class SqliteStore {
   struct PendingWrite;
   // Runs one group of queued writes as the group's leader; see write().
   void runGroup(std::chrono::steady_clock::time_point deadline, PendingWrite* mine);
+  // runGroup's steps: takes the queued writes as the group (false, and
+  // `mine` given up, when the writer could not be had); runs them in one
+  // transaction, each in a savepoint of its own (the group's failure, or
+  // null); tells each write how it ended.
+  bool claimGroup(bool writerHeld, PendingWrite* mine, std::vector<PendingWrite*>* group);
+  std::exception_ptr commitGroup(const std::vector<PendingWrite*>& group);
+  void runOneWrite(PendingWrite* w);
+  void finishGroup(const std::vector<PendingWrite*>& group, std::exception_ptr groupError);
   // Opens one more read-only connection; null when SQLite refuses (the
   // reason goes to *error).
   Connection* openReader(std::string* error);

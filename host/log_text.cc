@@ -3,6 +3,7 @@
 #include <sys/time.h>
 
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 
 namespace {
@@ -172,4 +173,10 @@ std::string formatUtcMillis(long long ms) {
   const size_t n = strftime(stamp, sizeof(stamp), "%Y-%m-%dT%H:%M:%S", &utc);
   snprintf(stamp + n, sizeof(stamp) - n, ".%03dZ", static_cast<int>(ms % 1000));
   return stamp;
+}
+
+std::string errnoText(int error) {
+  char buffer[256];
+  // The GNU strerror_r returns the text, in `buffer` or a static string.
+  return std::string(strerror_r(error, buffer, sizeof(buffer)));
 }

@@ -35,6 +35,11 @@ HOST_API std::string escapeLogText(const std::string& text);
 //   appendJsonLogString("a\"\n\xff", &out);   // out += "\"a\\\"\\n\\ufffd\""
 HOST_API void appendJsonLogString(const std::string& text, std::string* out);
 
+// The system's text for an errno value, for log lines and error texts
+// (unlike strerror, safe on any thread):
+//   errnoText(ENOENT) == "No such file or directory"
+HOST_API std::string errnoText(int error);
+
 // One JSON object on one line, members in the order they are added, string
 // values written by appendJsonLogString.
 //   JsonLogLine line;

@@ -1,5 +1,7 @@
 #include "wire_socket.h"
 
+#include "log_text.h"
+
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netdb.h>
@@ -15,12 +17,6 @@
 namespace wiresock {
 
 namespace {
-
-std::string errnoText(int error) {
-  char buffer[256];
-  // The GNU strerror_r returns the text, in `buffer` or a static string.
-  return strerror_r(error, buffer, sizeof(buffer));
-}
 
 // Milliseconds left until `deadline` for poll(): -1 for no deadline, 0 when past.
 int msLeft(Deadline deadline) {
