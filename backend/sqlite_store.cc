@@ -337,7 +337,7 @@ void SqliteStore::runOneWrite(PendingWrite* w) {
 }
 
 void SqliteStore::finishGroup(const std::vector<PendingWrite*>& group,
-                              std::exception_ptr groupError) {
+                              const std::exception_ptr& groupError) {
   std::lock_guard<std::mutex> lock(groupMutex_);
   if (!groupError) {
     ++stats_.groups;

@@ -199,7 +199,7 @@ class SqliteStore {
   bool claimGroup(bool writerHeld, PendingWrite* mine, std::vector<PendingWrite*>* group);
   std::exception_ptr commitGroup(const std::vector<PendingWrite*>& group);
   void runOneWrite(PendingWrite* w);
-  void finishGroup(const std::vector<PendingWrite*>& group, std::exception_ptr groupError);
+  void finishGroup(const std::vector<PendingWrite*>& group, const std::exception_ptr& groupError);
   // Opens one more read-only connection; null when SQLite refuses (the
   // reason goes to *error).
   Connection* openReader(std::string* error);

@@ -20,10 +20,9 @@
 
 #include "error_table.h"
 #include "event_loop.h"
-#include "forwarded_for.h"
 #include "http_answer.h"
 #include "qpn_debug_kit.h"
-#include "request_body.h"
+#include "request_checks.h"
 #include "tls.h"
 #include "trace_sink.h"
 #include "worker_pool.h"
@@ -63,21 +62,6 @@ std::vector<std::unique_ptr<boost::asio::io_context>> makeLoops(int count) {
     loops.push_back(std::make_unique<boost::asio::io_context>(1));
   }
   return loops;
-}
-
-// The methods the gateway serves; TRACE, CONNECT and others are refused
-// before routing.
-bool servedMethod(const std::string& method) {
-  static const char* const kServed[] = {"GET", "HEAD", "POST", "PUT", "PATCH", "DELETE",
-                                        "OPTIONS"};
-  for (const char* served : kServed) {
-    if (method == served) return true;
-  }
-  return false;
-}
-
-bool takesNoBody(const std::string& method) {
-  return method == "GET" || method == "HEAD" || method == "OPTIONS";
 }
 
 }  // namespace
@@ -163,6 +147,52 @@ namespace {
 
 using Impl = HttpServer::Impl;
 
+// What a connection knows of the request in hand, for its answer and its
+// access log line; cleared after each answer.
+struct RequestFacts {
+  std::string method;
+  std::string target;
+  RequestTarget parts;  // target cut at its '?', once
+  std::string client;   // the client takeInput found; "": the connection's peer
+  unsigned version = 11;
+  bool keepAlive = false;
+  bool head = false;
+  AnswerContext context;  // secure and hstsMaxAge stay for the connection
+
+  // Notes the method, target and version the parser took, where not yet
+  // noted (a refusal may come before the header is whole).
+  void noteRequestLine(const BeastRequest& req) {
+    if (method.empty()) method = std::string(req.method_string());
+    if (target.empty()) {
+      target = std::string(req.target());
+      parts = splitTarget(target);
+    }
+    version = req.version();
+  }
+
+  AccessRecord record(const HttpOutput& out, size_t bytes, const std::string& peer) const {
+    AccessRecord r;
+    r.client = client.empty() ? peer : client;
+    r.method = method.empty() ? "-" : method;
+    r.path = target.empty() ? "-" : parts.path;
+    r.status = out.status;
+    r.bytes = bytes;
+    r.user = out.user;
+    r.session = out.session;
+    r.requestId = context.requestId;
+    return r;
+  }
+
+  void clear() {
+    method.clear();
+    target.clear();
+    parts = RequestTarget();
+    client.clear();
+    context.requestId.clear();
+    context.acceptEncoding.clear();
+  }
+};
+
 // One client connection over `Stream` (a TCP stream, or TLS over one).
 template <class Stream>
 class Connection final : public Impl::Connection {
@@ -173,8 +203,8 @@ class Connection final : public Impl::Connection {
         timer_(stream_.get_executor()),
         client_(std::move(client)) {
     ++server_.open;
-    context_.secure = !std::is_same_v<Stream, beast::tcp_stream>;
-    context_.hstsMaxAge = server_.config.hstsMaxAge;
+    facts_.context.secure = !std::is_same_v<Stream, beast::tcp_stream>;
+    facts_.context.hstsMaxAge = server_.config.hstsMaxAge;
   }
   ~Connection() override {
     server_.untrack(id_);
@@ -296,8 +326,7 @@ class Connection final : public Impl::Connection {
     }
     if (ec) return onHeaderError(ec);
     const auto& req = parser_->get();
-    method_ = std::string(req.method_string());
-    setTarget(std::string(req.target()));
+    facts_.noteRequestLine(req);
     // Each refusal here closes the connection: a body may follow that was
     // never read.
     if (!headerAcceptable()) return;
@@ -312,57 +341,18 @@ class Connection final : public Impl::Connection {
   // The header could not be read: the client went away, or sent too much
   // or something unreadable.
   void onHeaderError(beast::error_code ec) {
-    if (ec == http::error::end_of_stream || ec == net::error::eof ||
-        ec == net::error::connection_reset || ec == net::error::operation_aborted ||
-        ec == net::ssl::error::stream_truncated) {
-      return closeNow();
-    }
-    if (ec == http::error::header_limit) {
-      // The parser takes the request line first: without it, the request
-      // line alone is over the limit, which is a target too long.
-      if (parser_->get().method_string().empty()) {
-        return refuse(414, kErrBadRequest, "The request target is too long.");
-      }
-      return refuse(431, kErrBadRequest, "The request header is too large.");
-    }
-    if (ec == http::error::body_limit) {
-      return refuse(413, kErrBodyTooLarge, describeCode(kErrBodyTooLarge));
-    }
-    refuse(400, kErrBadRequest, "The request could not be read.");
-  }
-
-  void setTarget(std::string target) {
-    parts_ = splitTarget(target);
-    target_ = std::move(target);
+    const std::optional<Refusal> refusal =
+        headerReadRefusal(ec, !parser_->get().method_string().empty());
+    if (!refusal) return closeNow();
+    refuse(*refusal);
   }
 
   // Whether the header read is one the gateway serves; refuses it otherwise.
   bool headerAcceptable() {
-    const auto& req = parser_->get();
-    size_t headers = 0;
-    for (auto it = req.begin(); it != req.end(); ++it) ++headers;
-    if (!servedMethod(method_)) {
-      refuse(405, kErrMethodNotAllowed, describeCode(kErrMethodNotAllowed));
-      return false;
-    }
-    if (headers > server_.config.maxHeaders) {
-      refuse(431, kErrBadRequest, "The request carries too many headers.");
-      return false;
-    }
-    // Transfer codings other than plain chunks, or the length given twice
-    // (even twice the same): a front proxy and the gateway could disagree
-    // on where the body ends.
-    const auto coding = req.find(http::field::transfer_encoding);
-    if ((coding != req.end() && !beast::iequals(coding->value(), "chunked")) ||
-        req.count(http::field::content_length) > 1) {
-      refuse(400, kErrBadRequest, "The request body is framed ambiguously.");
-      return false;
-    }
-    if (takesNoBody(method_) && (req.has_content_length() || parser_->chunked())) {
-      refuse(400, kErrBadRequest, "This method takes no request body.");
-      return false;
-    }
-    return true;
+    const std::optional<Refusal> refusal =
+        headerRefusal(parser_->get(), parser_->chunked(), server_.config);
+    if (refusal) refuse(*refusal);
+    return !refusal;
   }
 
   // The client waits for "100 Continue" before it sends the body.
@@ -402,8 +392,8 @@ class Connection final : public Impl::Connection {
       const auto length = req.find(http::field::content_length);
       CQPNDebugKitGuard guard(kTraceModule, "readBody");
       guard.warn(0, "readBody", __LINE__,
-                 "request body of %s %s from %s cut off after %zu of %s bytes", method_.c_str(),
-                 parts_.path.c_str(), client_.c_str(), received,
+                 "request body of %s %s from %s cut off after %zu of %s bytes",
+                 facts_.method.c_str(), facts_.parts.path.c_str(), client_.c_str(), received,
                  length != req.end() ? std::string(length->value()).c_str() : "(chunked)");
       if (timedOut_ || tooSlow) {
         return refuse(408, kErrRequestTimeout,
@@ -423,11 +413,13 @@ class Connection final : public Impl::Connection {
   // The request is whole: it goes to a worker; the answer comes back here.
   void dispatch() {
     HttpInput in = takeInput();
-    if (!decodeBody(&in)) return;
+    if (std::optional<Refusal> refusal = decodeRequestBody(&in, server_.transportLimit)) {
+      return refuse(*refusal);
+    }
     // The health check and the metrics read only what the gateway already
     // knows and cost next to nothing: answered here, without a hand-over to
     // a thread, so no stalled backend or session store can delay them.
-    RoutePlan plan = server_.dispatcher.plan(in.method, parts_);
+    RoutePlan plan = server_.dispatcher.plan(in.method, facts_.parts);
     if (plan.builtIn == BuiltInPath::kCheck) {
       HttpOutput out = server_.dispatcher.handle(in, plan);
       return answer(std::move(out));
@@ -436,11 +428,11 @@ class Connection final : public Impl::Connection {
                        : plan.rule->login                 ? server_.logins
                                                           : server_.operations;
     const bool queued = pool.submit([self = self(), in = std::move(in), plan = std::move(plan)] {
-      setTraceRequestId(self->context_.requestId);
+      setTraceRequestId(self->facts_.context.requestId);
       HttpOutput out = self->server_.dispatcher.handle(in, plan);
       setTraceRequestId(std::string());
       // Compressing is work too: done here, not on the I/O thread.
-      finishAnswer(&out, self->context_);
+      finishAnswer(&out, self->facts_.context);
       net::post(self->stream_.get_executor(), [self, out = std::move(out)]() mutable {
         self->write(std::move(out));
       });
@@ -454,78 +446,32 @@ class Connection final : public Impl::Connection {
   HttpInput takeInput() {
     auto& req = parser_->get();
     HttpInput in;
-    in.method = method_;
-    in.target = target_;
+    in.method = facts_.method;
+    in.target = facts_.target;
     for (const auto& field : req) {
       in.headers.emplace_back(std::string(field.name_string()), std::string(field.value()));
     }
-    requestClient_ = clientOf(req);
-    in.clientAddress = requestClient_;
+    facts_.client = requestClientOf(req, client_, server_.config.trustedProxies);
+    in.clientAddress = facts_.client;
     in.body = std::move(req.body());
-    keepAlive_ = req.keep_alive();
-    version_ = req.version();
-    head_ = method_ == "HEAD";
-    context_.requestId = requestIdFor(headerValue(in.headers, "X-Request-Id"));
-    context_.acceptEncoding = headerValue(in.headers, "Accept-Encoding");
+    facts_.keepAlive = req.keep_alive();
+    facts_.version = req.version();
+    facts_.head = facts_.method == "HEAD";
+    facts_.context.requestId = requestIdFor(headerValue(in.headers, "X-Request-Id"));
+    facts_.context.acceptEncoding = headerValue(in.headers, "Accept-Encoding");
     return in;
   }
 
-  // Inflates the body and splits a multipart one into its parts. False
-  // after refusing a body that cannot be read.
-  bool decodeBody(HttpInput* in) {
-    // Bodies are counted after inflating, so that a small body cannot
-    // unpack into a large one.
-    switch (decodeContent(headerValue(in->headers, "Content-Encoding"), &in->body,
-                          server_.transportLimit)) {
-      case BodyStatus::kOk:
-        break;
-      case BodyStatus::kTooLarge:
-        refuse(413, kErrBodyTooLarge, describeCode(kErrBodyTooLarge));
-        return false;
-      case BodyStatus::kUnsupported:
-        refuse(415, kErrBadRequest, "The request body's Content-Encoding is not supported.");
-        return false;
-      case BodyStatus::kMalformed:
-        refuse(400, kErrBadRequest, "The request body could not be read.");
-        return false;
-    }
-    const std::string type = headerValue(in->headers, "Content-Type");
-    if (strncasecmp(type.c_str(), "multipart/form-data", 19) == 0) {
-      const std::string boundary = multipartBoundary(type);
-      if (boundary.empty() || !parseMultipart(in->body, boundary, &in->parts)) {
-        refuse(400, kErrBadRequest, "The request body could not be read.");
-        return false;
-      }
-      in->multipart = true;
-      in->body.clear();
-    }
-    return true;
-  }
-
-  // The request's client: the connection's address, or, from a trusted
-  // proxy, the client its X-Forwarded-For headers name (forwarded_for.h).
-  std::string clientOf(const http::request<http::string_body>& req) const {
-    if (server_.config.trustedProxies.empty()) return client_;
-    std::string forwardedFor;
-    for (const auto& field : req) {
-      if (!beast::iequals(field.name_string(), kForwardedForHeader)) continue;
-      if (!forwardedFor.empty()) forwardedFor += ',';
-      forwardedFor += std::string(field.value());
-    }
-    return clientAddressOf(client_, forwardedFor, server_.config.trustedProxies);
-  }
-
   // Refuses the request in hand and closes the connection after the answer.
+  void refuse(const Refusal& refusal) {
+    refuse(refusal.status, refusal.code, refusal.description);
+  }
   void refuse(int status, long long code, const std::string& description) {
     // What the parser took of the request line, for the access log.
-    if (parser_ && !parser_->get().method_string().empty()) {
-      if (method_.empty()) method_ = std::string(parser_->get().method_string());
-      if (target_.empty()) setTarget(std::string(parser_->get().target()));
-      version_ = parser_->get().version();
-    }
-    if (context_.requestId.empty()) context_.requestId = requestIdFor(std::string());
-    keepAlive_ = false;
-    head_ = method_ == "HEAD";
+    if (parser_ && !parser_->get().method_string().empty()) facts_.noteRequestLine(parser_->get());
+    if (facts_.context.requestId.empty()) facts_.context.requestId = requestIdFor(std::string());
+    facts_.keepAlive = false;
+    facts_.head = facts_.method == "HEAD";
     HttpOutput out = refusal(status, code, description);
     out.route = std::string();  // no route saw it
     answer(std::move(out));
@@ -533,38 +479,18 @@ class Connection final : public Impl::Connection {
 
   // Completes `out` (see finishAnswer) and writes it.
   void answer(HttpOutput out) {
-    finishAnswer(&out, context_);
+    finishAnswer(&out, facts_.context);
     write(std::move(out));
   }
 
   void write(HttpOutput out) {
-    res_.emplace();
-    res_->version(version_ == 10 ? 10 : 11);
-    res_->result(static_cast<unsigned>(out.status));
-    res_->set(http::field::content_type, out.contentType);
-    for (const auto& header : out.headers) res_->insert(header.first, header.second);
     const size_t bytes = out.body.size();
-    res_->keep_alive(keepAlive_ && !server_.stopping);
-    if (head_) {
-      // The length of the body a GET would have had, and no body.
-      res_->content_length(bytes);
-    } else {
-      res_->body() = std::move(out.body);
-      res_->prepare_payload();
-    }
-    record_ = AccessRecord();
-    record_.client = requestClient_.empty() ? client_ : requestClient_;
-    record_.method = method_.empty() ? "-" : method_;
-    record_.path = target_.empty() ? "-" : parts_.path;
-    record_.status = out.status;
-    record_.bytes = bytes;
-    record_.user = out.user;
-    record_.session = out.session;
-    record_.requestId = context_.requestId;
+    res_.emplace(wireAnswer(out, facts_.version, facts_.keepAlive && !server_.stopping, facts_.head));
+    record_ = facts_.record(out, bytes, client_);
     route_ = out.route;
     beast::get_lowest_layer(stream_).expires_after(
         std::chrono::seconds(server_.config.writeTimeout));
-    if (head_) {
+    if (facts_.head) {
       serializer_.emplace(*res_);
       http::async_write_header(stream_, *serializer_,
                                [self = self()](beast::error_code ec, size_t) { self->onWritten(ec); });
@@ -594,12 +520,7 @@ class Connection final : public Impl::Connection {
     serializer_.reset();
     res_.reset();
     parser_.reset();
-    method_.clear();
-    target_.clear();
-    parts_ = RequestTarget();
-    requestClient_.clear();
-    context_.requestId.clear();
-    context_.acceptEncoding.clear();
+    facts_.clear();
     if (ec) return closeNow();
     if (!keep) return closeGently();
     waitForRequest(false);
@@ -649,14 +570,7 @@ class Connection final : public Impl::Connection {
   std::optional<http::request_parser<http::string_body>> parser_;
   std::optional<http::response<http::string_body>> res_;
   std::optional<http::response_serializer<http::string_body>> serializer_;
-  std::string method_;
-  std::string target_;
-  RequestTarget parts_;  // target_ cut at its '?', once
-  std::string requestClient_;  // the client dispatch() found; "": client_
-  unsigned version_ = 11;
-  bool keepAlive_ = false;
-  bool head_ = false;
-  AnswerContext context_;
+  RequestFacts facts_;
   Clock::time_point started_ = Clock::now();
   Clock::time_point bodyStarted_;
   size_t headerBytes_ = 0;
