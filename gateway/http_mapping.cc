@@ -8,6 +8,7 @@
 #include <optional>
 
 #include "audit.h"
+#include "console_assets.h"
 #include "error_table.h"
 #include "qpn_debug_kit.h"
 #include "qpn_exception.h"
@@ -367,35 +368,7 @@ HttpOutput Dispatcher::dispatch(const HttpInput& in, std::string* route) const {
 }
 
 HttpOutput Dispatcher::serveConsole(const HttpInput& in, const std::string& path) const {
-  if (!isMethod(in.method, "GET") && !isMethod(in.method, "HEAD")) {
-    return errorOutput(kErrMethodNotAllowed, describeCode(kErrMethodNotAllowed));
-  }
-  // Relative links in the pages need the trailing slash.
-  if (path == "/console") {
-    HttpOutput out;
-    out.status = 301;
-    out.headers.emplace_back("Location", "/console/");
-    return out;
-  }
-  // The path is compared as sent: no decoding, so no dot segment or encoded
-  // slash can name anything but one of the compiled-in files.
-  std::string name = path.substr(9);
-  if (name.empty()) name = "index.html";
-  const auto file = options_.console.find(name);
-  if (file == options_.console.end()) {
-    return errorOutput(kErrRouteNotFound, describeCode(kErrRouteNotFound));
-  }
-  HttpOutput out;
-  out.contentType = consoleContentType(name);
-  out.body = file->second;
-  out.headers.emplace_back("Content-Security-Policy", kConsolePolicy);
-  // The files change only with the gateway; a browser checks before reuse.
-  out.headers.emplace_back("Cache-Control", "no-cache");
-  out.headers.emplace_back("Referrer-Policy", "no-referrer");
-  out.headers.emplace_back("X-Frame-Options", "DENY");
-  out.headers.emplace_back("Cross-Origin-Opener-Policy", "same-origin");
-  out.headers.emplace_back("Cross-Origin-Resource-Policy", "same-origin");
-  return out;
+  return consoleAnswer(in, path, options_.console, lookup_);
 }
 
 namespace {
