@@ -55,7 +55,8 @@ function renderRows() {
     el('td', {'data-label': t('tasks.type')}, enumLabel('task_type', task.type)),
     el('td', {'data-label': t('tasks.status')}, statusBadge(task.status)),
     el('td', {class: 'progress-cell', 'data-label': t('tasks.progress')},
-      el('progress', {max: 100, value: task.progress, 'aria-label': `${task.progress} %`}),
+      el('progress', {max: 100, value: task.progress,
+        'aria-label': t('tasks.progressOf', {name: task.name})}),
       ` ${task.progress} %`),
     el('td', {class: 'time', 'data-label': t('tasks.started')}, formatTime(task.startTime)))));
   const range = byId('tasks-pager').querySelector('.range');
@@ -104,6 +105,7 @@ function renderDetail(task) {
   byId('task-status').replaceChildren(statusBadge(task.status));
   byId('task-resource').textContent = task.resource ?? '';
   byId('task-progress').textContent = `${task.progress} %`;
+  byId('task-progress-bar').value = Number(task.progress) || 0;
   byId('task-start').textContent = formatTime(task.startTime);
   byId('task-end').textContent = formatTime(task.endTime);
   const info = task.errorInfo && typeof task.errorInfo === 'object' ? task.errorInfo : null;
@@ -141,6 +143,15 @@ async function showTask(taskId, focus) {
   }
 }
 
+// Hides the details and gives the focus back to the task's row.
+function closeDetail() {
+  const id = openTask?.taskId;
+  openTask = null;
+  byId('task-detail').hidden = true;
+  byId('tasks-table').querySelector(`button.open-task[data-task-id="${CSS.escape(id ?? '')}"]`)
+    ?.focus();
+}
+
 function schedule() {
   window.clearInterval(timer);
   timer = 0;
@@ -173,12 +184,13 @@ export function init() {
       if (openTask) showTask(openTask.taskId, false);
     });
   }
-  byId('task-detail-close').addEventListener('click', () => {
-    const id = openTask?.taskId;
-    openTask = null;
-    byId('task-detail').hidden = true;
-    byId('tasks-table').querySelector(`button.open-task[data-task-id="${CSS.escape(id ?? '')}"]`)
-      ?.focus();
+  byId('task-detail-close').addEventListener('click', closeDetail);
+  // Esc closes the details wherever the focus is on the page.
+  document.addEventListener('keydown', (event) => {
+    if (event.key === 'Escape' && active && !byId('task-detail').hidden) {
+      event.preventDefault();
+      closeDetail();
+    }
   });
 }
 
