@@ -121,6 +121,76 @@ bool weakDigest(int mdnid) {
          mdnid == NID_md2;
 }
 
+// Each check below answers 0, or the refusal code with its reason.
+long long checkDates(X509* cert, std::time_t now, std::string* reason) {
+  // X509_cmp_time: -1 when the time is before or at `now`, 1 after, 0 when
+  // it cannot be read (treated as outside the dates).
+  if (X509_cmp_time(X509_get0_notBefore(cert), &now) != -1) {
+    *reason = "not valid yet";
+    return proto::kErrCertExpired;
+  }
+  if (X509_cmp_time(X509_get0_notAfter(cert), &now) != 1) {
+    *reason = "expired";
+    return proto::kErrCertExpired;
+  }
+  return 0;
+}
+
+long long checkCaUsage(X509* cert, std::string* reason) {
+  const uint32_t flags = X509_get_extension_flags(cert);
+  if ((flags & EXFLAG_CA) == 0) {
+    *reason = "no basic constraint CA:TRUE";
+    return proto::kErrCertNotCa;
+  }
+  if ((flags & EXFLAG_KUSAGE) == 0 || (X509_get_key_usage(cert) & KU_KEY_CERT_SIGN) == 0) {
+    *reason = "key usage without keyCertSign";
+    return proto::kErrCertNotCa;
+  }
+  return 0;
+}
+
+long long checkKeyStrength(X509* cert, std::string* reason) {
+  EVP_PKEY* key = X509_get0_pubkey(cert);
+  if (key == nullptr) {
+    *reason = "public key cannot be read";
+    return proto::kErrCertUnreadable;
+  }
+  const int bits = EVP_PKEY_get_bits(key);
+  switch (EVP_PKEY_get_base_id(key)) {
+    case EVP_PKEY_RSA:
+    case EVP_PKEY_RSA_PSS:
+      if (bits >= 2048) return 0;
+      *reason = "RSA key of " + std::to_string(bits) + " bits";
+      return proto::kErrCertWeakKey;
+    case EVP_PKEY_EC:
+      if (bits >= 256) return 0;
+      *reason = "EC key of " + std::to_string(bits) + " bits";
+      return proto::kErrCertWeakKey;
+    case EVP_PKEY_ED25519:
+    case EVP_PKEY_ED448:
+      return 0;
+    default:
+      *reason = "key type not accepted";
+      return proto::kErrCertWeakKey;
+  }
+}
+
+long long checkSignature(X509* cert, std::string* reason) {
+  int mdnid = NID_undef;
+  int pknid = NID_undef;
+  int secbits = 0;
+  uint32_t sigflags = 0;
+  if (X509_get_signature_info(cert, &mdnid, &pknid, &secbits, &sigflags) != 1) {
+    *reason = "signature algorithm unknown";
+    return proto::kErrCertNotSafe;
+  }
+  if (weakDigest(mdnid)) {
+    *reason = std::string("signed with ") + OBJ_nid2sn(mdnid);
+    return proto::kErrCertNotSafe;
+  }
+  return 0;
+}
+
 }  // namespace
 
 long long checkCaCertificate(const std::string& bytes, std::time_t now, CaCertificate* out,
@@ -130,64 +200,11 @@ long long checkCaCertificate(const std::string& bytes, std::time_t now, CaCertif
     *reason = "not a PEM or DER certificate";
     return proto::kErrCertUnreadable;
   }
-  // X509_cmp_time: -1 when the time is before or at `now`, 1 after, 0 when
-  // it cannot be read (treated as outside the dates).
-  if (X509_cmp_time(X509_get0_notBefore(cert.get()), &now) != -1) {
-    *reason = "not valid yet";
-    return proto::kErrCertExpired;
-  }
-  if (X509_cmp_time(X509_get0_notAfter(cert.get()), &now) != 1) {
-    *reason = "expired";
-    return proto::kErrCertExpired;
-  }
-  const uint32_t flags = X509_get_extension_flags(cert.get());
-  if ((flags & EXFLAG_CA) == 0) {
-    *reason = "no basic constraint CA:TRUE";
-    return proto::kErrCertNotCa;
-  }
-  if ((flags & EXFLAG_KUSAGE) == 0 || (X509_get_key_usage(cert.get()) & KU_KEY_CERT_SIGN) == 0) {
-    *reason = "key usage without keyCertSign";
-    return proto::kErrCertNotCa;
-  }
-  EVP_PKEY* key = X509_get0_pubkey(cert.get());
-  if (key == nullptr) {
-    *reason = "public key cannot be read";
-    return proto::kErrCertUnreadable;
-  }
-  const int bits = EVP_PKEY_get_bits(key);
-  switch (EVP_PKEY_get_base_id(key)) {
-    case EVP_PKEY_RSA:
-    case EVP_PKEY_RSA_PSS:
-      if (bits < 2048) {
-        *reason = "RSA key of " + std::to_string(bits) + " bits";
-        return proto::kErrCertWeakKey;
-      }
-      break;
-    case EVP_PKEY_EC:
-      if (bits < 256) {
-        *reason = "EC key of " + std::to_string(bits) + " bits";
-        return proto::kErrCertWeakKey;
-      }
-      break;
-    case EVP_PKEY_ED25519:
-    case EVP_PKEY_ED448:
-      break;
-    default:
-      *reason = "key type not accepted";
-      return proto::kErrCertWeakKey;
-  }
-  int mdnid = NID_undef;
-  int pknid = NID_undef;
-  int secbits = 0;
-  uint32_t sigflags = 0;
-  if (X509_get_signature_info(cert.get(), &mdnid, &pknid, &secbits, &sigflags) != 1) {
-    *reason = "signature algorithm unknown";
-    return proto::kErrCertNotSafe;
-  }
-  if (weakDigest(mdnid)) {
-    *reason = std::string("signed with ") + OBJ_nid2sn(mdnid);
-    return proto::kErrCertNotSafe;
-  }
+  long long code = checkDates(cert.get(), now, reason);
+  if (code == 0) code = checkCaUsage(cert.get(), reason);
+  if (code == 0) code = checkKeyStrength(cert.get(), reason);
+  if (code == 0) code = checkSignature(cert.get(), reason);
+  if (code != 0) return code;
   out->pem = toPem(PEM_write_bio_X509, cert.get());
   out->fingerprint = certFingerprint(cert.get());
   out->subject = nameText(X509_get_subject_name(cert.get()));

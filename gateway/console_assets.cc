@@ -1,13 +1,13 @@
 #include "console_assets.h"
 
-#include <strings.h>
-
 #include <cstdint>
 #include <cstdio>
 
+#include "builtin_paths.h"
 #include "compact_json.h"
 #include "error_table.h"
 #include "qpn_exception.h"
+#include "request_decoding.h"
 #include "session_token.h"
 
 namespace gw {
@@ -19,10 +19,6 @@ namespace {
 
 constexpr char kConsoleHome[] = "/console/";
 constexpr char kIfNoneMatch[] = "If-None-Match";
-
-bool isMethod(const std::string& method, const char* name) {
-  return strcasecmp(method.c_str(), name) == 0;
-}
 
 // Whether an If-None-Match value ("*", or tags separated by commas, maybe
 // weak "W/") names `tag`.
@@ -102,7 +98,7 @@ std::string consoleETag(const std::string& bytes) {
 HttpOutput consoleAnswer(const HttpInput& in, const std::string& path,
                          const std::map<std::string, std::string>& files,
                          const SessionLookup& lookup) {
-  if (!isMethod(in.method, "GET") && !isMethod(in.method, "HEAD")) {
+  if (!isReadMethod(in.method)) {
     return errorOutput(kErrMethodNotAllowed, describeCode(kErrMethodNotAllowed));
   }
   if (path == "/console") return redirectHome();

@@ -7,16 +7,23 @@
 //   // when in carries If-None-Match with that ETag.
 //
 // Thread-safety: pure functions over constant data; consoleAnswer() calls
-// `lookup`, which must be safe to call from any thread.
+// `lookup`, which must be safe to call from any thread. The built-in paths
+// (builtin_paths.h) hand every path below /console here.
 #ifndef NOX_GATEWAY_CONSOLE_ASSETS_H_
 #define NOX_GATEWAY_CONSOLE_ASSETS_H_
 
+#include <functional>
 #include <map>
 #include <string>
 
-#include "http_mapping.h"
+#include "http_exchange.h"
+#include "request_msg.h"
 
 namespace gw {
+
+// Finds a session by its token. On success fills the session side of `info`
+// and returns true; returns false for an unknown or expired token.
+using SessionLookup = std::function<bool(const std::string& token, CSessionInfo& info)>;
 
 // The console's session question. Unlike GET /sessions it needs no session:
 // it answers 200 {"data": {"signedIn": true|false}, "error": {"code": 0, ...}}

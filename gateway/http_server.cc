@@ -297,7 +297,7 @@ class Connection final : public Impl::Connection {
     if (ec) return onHeaderError(ec);
     const auto& req = parser_->get();
     method_ = std::string(req.method_string());
-    target_ = std::string(req.target());
+    setTarget(std::string(req.target()));
     // Each refusal here closes the connection: a body may follow that was
     // never read.
     if (!headerAcceptable()) return;
@@ -329,6 +329,11 @@ class Connection final : public Impl::Connection {
       return refuse(413, kErrBodyTooLarge, describeCode(kErrBodyTooLarge));
     }
     refuse(400, kErrBadRequest, "The request could not be read.");
+  }
+
+  void setTarget(std::string target) {
+    parts_ = splitTarget(target);
+    target_ = std::move(target);
   }
 
   // Whether the header read is one the gateway serves; refuses it otherwise.
@@ -398,7 +403,7 @@ class Connection final : public Impl::Connection {
       CQPNDebugKitGuard guard(kTraceModule, "readBody");
       guard.warn(0, "readBody", __LINE__,
                  "request body of %s %s from %s cut off after %zu of %s bytes", method_.c_str(),
-                 target_.substr(0, target_.find('?')).c_str(), client_.c_str(), received,
+                 parts_.path.c_str(), client_.c_str(), received,
                  length != req.end() ? std::string(length->value()).c_str() : "(chunked)");
       if (timedOut_ || tooSlow) {
         return refuse(408, kErrRequestTimeout,
@@ -422,17 +427,17 @@ class Connection final : public Impl::Connection {
     // The health check and the metrics read only what the gateway already
     // knows and cost next to nothing: answered here, without a hand-over to
     // a thread, so no stalled backend or session store can delay them.
-    const BuiltInPath builtIn = builtInPath(target_);
-    if (builtIn == BuiltInPath::kCheck) {
-      HttpOutput out = server_.dispatcher.handle(in);
+    RoutePlan plan = server_.dispatcher.plan(in.method, parts_);
+    if (plan.builtIn == BuiltInPath::kCheck) {
+      HttpOutput out = server_.dispatcher.handle(in, plan);
       return answer(std::move(out));
     }
-    WorkerPool& pool = builtIn != BuiltInPath::kNone                           ? server_.service
-                       : server_.dispatcher.ruleFor(in.method, target_).login ? server_.logins
-                                                                              : server_.operations;
-    const bool queued = pool.submit([self = self(), in = std::move(in)] {
+    WorkerPool& pool = plan.builtIn != BuiltInPath::kNone ? server_.service
+                       : plan.rule->login                 ? server_.logins
+                                                          : server_.operations;
+    const bool queued = pool.submit([self = self(), in = std::move(in), plan = std::move(plan)] {
       setTraceRequestId(self->context_.requestId);
-      HttpOutput out = self->server_.dispatcher.handle(in);
+      HttpOutput out = self->server_.dispatcher.handle(in, plan);
       setTraceRequestId(std::string());
       // Compressing is work too: done here, not on the I/O thread.
       finishAnswer(&out, self->context_);
@@ -515,7 +520,7 @@ class Connection final : public Impl::Connection {
     // What the parser took of the request line, for the access log.
     if (parser_ && !parser_->get().method_string().empty()) {
       if (method_.empty()) method_ = std::string(parser_->get().method_string());
-      if (target_.empty()) target_ = std::string(parser_->get().target());
+      if (target_.empty()) setTarget(std::string(parser_->get().target()));
       version_ = parser_->get().version();
     }
     if (context_.requestId.empty()) context_.requestId = requestIdFor(std::string());
@@ -550,7 +555,7 @@ class Connection final : public Impl::Connection {
     record_ = AccessRecord();
     record_.client = requestClient_.empty() ? client_ : requestClient_;
     record_.method = method_.empty() ? "-" : method_;
-    record_.path = target_.empty() ? "-" : target_.substr(0, target_.find('?'));
+    record_.path = target_.empty() ? "-" : parts_.path;
     record_.status = out.status;
     record_.bytes = bytes;
     record_.user = out.user;
@@ -591,6 +596,7 @@ class Connection final : public Impl::Connection {
     parser_.reset();
     method_.clear();
     target_.clear();
+    parts_ = RequestTarget();
     requestClient_.clear();
     context_.requestId.clear();
     context_.acceptEncoding.clear();
@@ -645,6 +651,7 @@ class Connection final : public Impl::Connection {
   std::optional<http::response_serializer<http::string_body>> serializer_;
   std::string method_;
   std::string target_;
+  RequestTarget parts_;  // target_ cut at its '?', once
   std::string requestClient_;  // the client dispatch() found; "": client_
   unsigned version_ = 11;
   bool keepAlive_ = false;

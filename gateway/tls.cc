@@ -68,6 +68,65 @@ std::unique_ptr<FILE, FileClose> createFile(const std::string& path, mode_t mode
   return std::unique_ptr<FILE, FileClose>(file);
 }
 
+// Makes the data folder (and its parent, which no backend may have made yet).
+bool makeKeyFolder(const std::string& dir, std::string* error) {
+  const size_t slash = dir.rfind('/');
+  if (slash != std::string::npos && slash > 0) mkdir(dir.substr(0, slash).c_str(), 0700);
+  if (mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) {
+    *error = "cannot create " + dir;
+    return false;
+  }
+  return true;
+}
+
+bool setRandomSerial(X509* cert) {
+  unsigned char serial[16];
+  if (RAND_bytes(serial, sizeof(serial)) != 1) return false;
+  serial[0] &= 0x7F;  // a positive serial number
+  BIGNUM* bn = BN_bin2bn(serial, sizeof(serial), nullptr);
+  const bool set = bn != nullptr && BN_to_ASN1_INTEGER(bn, X509_get_serialNumber(cert));
+  BN_free(bn);
+  return set;
+}
+
+bool addNameEntry(X509_NAME* name, const char* field, const char* value) {
+  return X509_NAME_add_entry_by_txt(name, field, MBSTRING_ASC,
+                                    reinterpret_cast<const unsigned char*>(value), -1, -1,
+                                    0) == 1;
+}
+
+// A year's server certificate for localhost, signed by its own key.
+bool fillSelfSigned(X509* cert, EVP_PKEY* key) {
+  X509_NAME* name = X509_get_subject_name(cert);
+  return setRandomSerial(cert) && X509_set_version(cert, 2) == 1 &&
+         X509_gmtime_adj(X509_getm_notBefore(cert), -60) != nullptr &&
+         X509_gmtime_adj(X509_getm_notAfter(cert), 365L * 24 * 3600) != nullptr &&
+         X509_set_pubkey(cert, key) == 1 && addNameEntry(name, "O", "NOX gateway trial") &&
+         addNameEntry(name, "CN", "localhost") && X509_set_issuer_name(cert, name) == 1 &&
+         addExtension(cert, NID_basic_constraints, "critical,CA:FALSE") &&
+         addExtension(cert, NID_key_usage, "critical,digitalSignature") &&
+         addExtension(cert, NID_ext_key_usage, "serverAuth") &&
+         addExtension(cert, NID_subject_alt_name, "DNS:localhost,IP:127.0.0.1") &&
+         X509_sign(cert, key, EVP_sha256()) > 0;
+}
+
+bool writePair(EVP_PKEY* key, X509* cert, const std::string& certFile,
+               const std::string& keyFile, std::string* error) {
+  {
+    std::unique_ptr<FILE, FileClose> out = createFile(keyFile, 0600);
+    if (!out || PEM_write_PrivateKey(out.get(), key, nullptr, nullptr, 0, nullptr, nullptr) != 1) {
+      *error = "cannot write " + keyFile;
+      return false;
+    }
+  }
+  std::unique_ptr<FILE, FileClose> out = createFile(certFile, 0644);
+  if (!out || PEM_write_X509(out.get(), cert) != 1) {
+    *error = "cannot write " + certFile;
+    return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 bool configureTlsContext(SSL_CTX* ctx, const std::string& certFile, const std::string& keyFile,
@@ -99,64 +158,18 @@ bool ensureSelfSignedPair(const std::string& dir, std::string* certFile, std::st
   *certFile = dir + "/gateway-selfsigned.crt";
   *keyFile = dir + "/gateway-selfsigned.key";
   if (fileExists(*certFile) && fileExists(*keyFile)) return true;
-  // The data folder itself may not exist yet (no backend made it).
-  const size_t slash = dir.rfind('/');
-  if (slash != std::string::npos && slash > 0) mkdir(dir.substr(0, slash).c_str(), 0700);
-  if (mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) {
-    *error = "cannot create " + dir;
-    return false;
-  }
+  if (!makeKeyFolder(dir, error)) return false;
   std::unique_ptr<EVP_PKEY, PkeyFree> key(EVP_EC_gen("P-256"));
   std::unique_ptr<X509, X509Free> cert(X509_new());
   if (!key || !cert) {
     *error = "cannot make a key pair: " + opensslError();
     return false;
   }
-  unsigned char serial[16];
-  if (RAND_bytes(serial, sizeof(serial)) != 1) {
-    *error = "no random bytes for the serial number: " + opensslError();
-    return false;
-  }
-  serial[0] &= 0x7F;  // a positive serial number
-  BIGNUM* bn = BN_bin2bn(serial, sizeof(serial), nullptr);
-  const bool serialSet = bn != nullptr && BN_to_ASN1_INTEGER(bn, X509_get_serialNumber(cert.get()));
-  BN_free(bn);
-  X509_NAME* name = X509_get_subject_name(cert.get());
-  const bool ok =
-      serialSet && X509_set_version(cert.get(), 2) == 1 &&
-      X509_gmtime_adj(X509_getm_notBefore(cert.get()), -60) != nullptr &&
-      X509_gmtime_adj(X509_getm_notAfter(cert.get()), 365L * 24 * 3600) != nullptr &&
-      X509_set_pubkey(cert.get(), key.get()) == 1 &&
-      X509_NAME_add_entry_by_txt(name, "O", MBSTRING_ASC,
-                                 reinterpret_cast<const unsigned char*>("NOX gateway trial"), -1,
-                                 -1, 0) == 1 &&
-      X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
-                                 reinterpret_cast<const unsigned char*>("localhost"), -1, -1,
-                                 0) == 1 &&
-      X509_set_issuer_name(cert.get(), name) == 1 &&
-      addExtension(cert.get(), NID_basic_constraints, "critical,CA:FALSE") &&
-      addExtension(cert.get(), NID_key_usage, "critical,digitalSignature") &&
-      addExtension(cert.get(), NID_ext_key_usage, "serverAuth") &&
-      addExtension(cert.get(), NID_subject_alt_name, "DNS:localhost,IP:127.0.0.1") &&
-      X509_sign(cert.get(), key.get(), EVP_sha256()) > 0;
-  if (!ok) {
+  if (!fillSelfSigned(cert.get(), key.get())) {
     *error = "cannot make the self-signed certificate: " + opensslError();
     return false;
   }
-  {
-    std::unique_ptr<FILE, FileClose> out = createFile(*keyFile, 0600);
-    if (!out ||
-        PEM_write_PrivateKey(out.get(), key.get(), nullptr, nullptr, 0, nullptr, nullptr) != 1) {
-      *error = "cannot write " + *keyFile;
-      return false;
-    }
-  }
-  std::unique_ptr<FILE, FileClose> out = createFile(*certFile, 0644);
-  if (!out || PEM_write_X509(out.get(), cert.get()) != 1) {
-    *error = "cannot write " + *certFile;
-    return false;
-  }
-  return true;
+  return writePair(key.get(), cert.get(), *certFile, *keyFile, error);
 }
 
 }  // namespace gw

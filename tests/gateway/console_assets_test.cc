@@ -8,8 +8,10 @@
 #include <stdexcept>
 #include <string>
 
+#include "builtin_paths.h"
 #include "error_table.h"
 #include "qpn_exception.h"
+#include "request_decoding.h"
 #include "state_store.h"
 
 namespace {

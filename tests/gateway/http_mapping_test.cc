@@ -403,14 +403,15 @@ TEST_F(MappingTest, NoConsoleWithoutFiles) {
 
 TEST(BuiltInPathTest, ChecksDocumentsAndRoutes) {
   EXPECT_EQ(gw::builtInPath("/healthz"), gw::BuiltInPath::kCheck);
-  EXPECT_EQ(gw::builtInPath("/metrics?x=1"), gw::BuiltInPath::kCheck);
+  EXPECT_EQ(gw::builtInPath(gw::splitTarget("/metrics?x=1").path), gw::BuiltInPath::kCheck);
   EXPECT_EQ(gw::builtInPath("/openapi.json"), gw::BuiltInPath::kDocument);
   EXPECT_EQ(gw::builtInPath("/console"), gw::BuiltInPath::kDocument);
   EXPECT_EQ(gw::builtInPath("/console/js/app.js"), gw::BuiltInPath::kDocument);
   EXPECT_EQ(gw::builtInPath("/consoles"), gw::BuiltInPath::kNone);
   EXPECT_EQ(gw::builtInPath("/healthz/x"), gw::BuiltInPath::kNone);
   EXPECT_EQ(gw::builtInPath("/kestrel_task"), gw::BuiltInPath::kNone);
-  EXPECT_EQ(gw::builtInPath("/v1/alarm/historyalarm?healthz"), gw::BuiltInPath::kNone);
+  EXPECT_EQ(gw::builtInPath(gw::splitTarget("/v1/alarm/historyalarm?healthz").path),
+            gw::BuiltInPath::kNone);
 }
 
 TEST(ConsoleContentTypeTest, Table) {
