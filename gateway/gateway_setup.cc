@@ -71,7 +71,7 @@ bool installRemoteBackend(const GatewayOptions& options, const GatewayPaths& pat
 
 bool installSimulatedBackend(const GatewayOptions& options, const GatewayPaths& paths,
                              ServiceCheck* check, int* exitCode, std::string* error) {
-  SimBackendOptions backendOptions;
+  SimBackendOptions backendOptions = options.simulation;
   backendOptions.dataDir = paths.dataDir;
   backendOptions.initPassword = options.initPassword;
   std::shared_ptr<SimulatedBackend> backend = openAnnouncingDemoUsers(backendOptions, error);

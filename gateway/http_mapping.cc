@@ -13,6 +13,7 @@
 #include "qpn_exception.h"
 #include "reply_json.h"
 #include "session_token.h"
+#include "tlv_backend.h"
 
 namespace gw {
 
@@ -539,6 +540,8 @@ HttpOutput Dispatcher::invoke(const HttpInput& in, const CSpecifyProc::Route& ro
     if (!route.op->isSupport(in.method, resource, privData)) {
       return errorOutput(kErrMethodNotAllowed, describeCode(kErrMethodNotAllowed));
     }
+    // The backend answers texts it keeps in both languages in the request's.
+    CallLanguageScope language(request.getSessionInfo().language());
     const int result = route.op->op(in.method, resource, request, response);
     if (result == -1 && untouched(response)) {
       return errorOutput(kErrMethodNotAllowed, describeCode(kErrMethodNotAllowed));

@@ -2,6 +2,7 @@
 
 #include "metrics.h"
 #include "remote_backend.h"
+#include "simulate_options.h"
 #include "verify_code.h"
 
 namespace gw {
@@ -133,7 +134,7 @@ OptionVerdict takeCheckedValue(const CommandOption& option, GatewayOptions* opti
       return kOptionRefused;
     }
   } else {
-    return kOptionUnknown;
+    return takeSimulateOption(option, &options->simulation, error);
   }
   return kOptionTaken;
 }
@@ -201,7 +202,8 @@ std::string usageFilesAndLogs() {
          "                          --backend only for the files of --tls-self-signed\n"
          "  --backend tcp://HOST:PORT  use nox-backend at HOST:PORT instead of the simulated\n"
          "                          backend in this process\n"
-         "  --init-password PW      demo users' password on first start (default: generated)\n"
+         "  --init-password PW      demo users' password on first start (default: generated)\n" +
+         simulateUsageText() +
          "  --log FILE              trace log (default stderr)\n"
          "  --log-level LEVEL       trace, debug, info, warn, error, off (default " +
          kDefaults.logLevel +
