@@ -55,6 +55,8 @@ const NumberOption kNumbers[] = {
     {"--verify-code-lifetime", 1, 3600, "seconds", NOX_SETTER(verifyCodeLifetime)},
     {"--state-timeout-ms", 10, 60000, "milliseconds", NOX_SETTER(stateTimeoutMs)},
     {"--backend-timeout", 1, 3600, "seconds", NOX_SETTER(backendTimeout)},
+    {"--events-per-session", 1, 1000, "a number", NOX_SETTER(events.perSession)},
+    {"--events-max", 1, 1000000, "a number", NOX_SETTER(events.total)},
 };
 #undef NOX_SETTER
 
@@ -257,7 +259,11 @@ std::string usageServer() {
          ")\n"
          "  --max-body BYTES        largest JSON body or upload (default " +
          number(kDefaults.server.maxBody) +
-         ")\n";
+         ")\n"
+         "  --events-per-session N  event streams (GET /events) one session may hold open\n"
+         "                          (default " + number(static_cast<long long>(kDefaults.events.perSession)) + ")\n"
+         "  --events-max N          event streams the gateway holds open (default " +
+         number(static_cast<long long>(kDefaults.events.total)) + ")\n";
 }
 
 // Sessions, who may call what, and HTTPS.
