@@ -20,6 +20,7 @@
 
 #include "error_table.h"
 #include "event_loop.h"
+#include "event_stream.h"
 #include "forwarded_for.h"
 #include "http_answer.h"
 #include "qpn_debug_kit.h"
@@ -116,6 +117,7 @@ struct HttpServer::Impl {
   const Dispatcher& dispatcher;
   AccessLog& accessLog;
   const size_t transportLimit;
+  EventHub* events = nullptr;  // GET /events, when set
   std::optional<net::ssl::context> tls;
   std::string hsts;
   int port = -1;
@@ -188,7 +190,8 @@ class Connection final : public Impl::Connection {
   }
 
   void closeIfIdle() override {
-    net::post(stream_.get_executor(), [self = self()] {
+    // The timer's executor: the stream may have gone to an event stream.
+    net::post(timer_.get_executor(), [self = self()] {
       beast::error_code ignored;
       if (self->waiting_) self->socket().cancel(ignored);
     });
@@ -427,6 +430,9 @@ class Connection final : public Impl::Connection {
     // The health check and the metrics read only what the gateway already
     // knows and cost next to nothing: answered here, without a hand-over to
     // a thread, so no stalled backend or session store can delay them.
+    if (server_.events != nullptr && method_ == "GET" && isEventsTarget(target_)) {
+      return openEvents(std::move(in));
+    }
     RoutePlan plan = server_.dispatcher.plan(in.method, parts_);
     if (plan.builtIn == BuiltInPath::kCheck) {
       HttpOutput out = server_.dispatcher.handle(in, plan);
@@ -447,6 +453,31 @@ class Connection final : public Impl::Connection {
     });
     // The refusal carries Retry-After, as every 503 does (errorOutput).
     if (!queued) answer(refusal(503, kErrBusy, describeCode(kErrBusy)));
+  }
+
+  // GET /events: the session is checked on a worker (the store may be
+  // asked), then the connection's stream goes to an EventWriter on this
+  // loop, which holds it for as long as the stream lasts; no worker waits.
+  void openEvents(HttpInput in) {
+    const bool queued = server_.operations.submit([self = self(), in = std::move(in)] {
+      auto admission = std::make_shared<EventAdmission>(self->server_.events->admit(in));
+      net::post(self->stream_.get_executor(), [self, admission] { self->startEvents(*admission); });
+    });
+    if (!queued) answer(refusal(503, kErrBusy, describeCode(kErrBusy)));
+  }
+
+  void startEvents(const EventAdmission& admission) {
+    HttpOutput refused;
+    if (admission.admitted &&
+        server_.events->attach(admission, [this](uint64_t id) {
+          auto writer = std::make_shared<EventWriter<Stream>>(
+              std::move(stream_), *server_.events, id, server_.events->maxQueuedBytes());
+          writer->watch();
+          return writer;
+        }, &refused)) {
+      return;
+    }
+    answer(admission.admitted ? std::move(refused) : admission.refusal);
   }
 
   // The parsed request as the dispatcher takes it; notes what the answer
@@ -814,6 +845,8 @@ void HttpServer::run() {
   s.logins.stop();
   s.serving = false;
 }
+
+void HttpServer::setEvents(EventHub* events) { impl_->events = events; }
 
 void HttpServer::stop() {
   Impl& s = *impl_;
