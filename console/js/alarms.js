@@ -6,6 +6,7 @@
 // in a date picker that speaks the browser's language.
 import {api} from './api.js';
 import {byId, el, say} from './dom.js';
+import {subscribe} from './live.js';
 import {codeText, enumLabel, errorText, formatTime, formatTypedTime, parseTime, t}
   from './i18n.js';
 
@@ -97,7 +98,18 @@ async function load() {
   }
 }
 
+// An alarm raised or cleared (a live update, live.js) or a reset: the
+// page and its total are read again, so a new alarm raises the total.
+const SETTLE_MS = 800;
+let soon = 0;
+
 export function init() {
+  const readSoon = () => {
+    if (!active) return;
+    window.clearTimeout(soon);
+    soon = window.setTimeout(load, SETTLE_MS);
+  };
+  subscribe({alarm: readSoon, reset: readSoon});
   byId('alarms-filters').addEventListener('change', () => {
     if (!readTimes()) {
       showError(badTimeError());

@@ -5,6 +5,7 @@
 // opened signed out) is remembered, and signing in goes back to it.
 import {api, onSessionLost} from './api.js';
 import {byId, say} from './dom.js';
+import {setSignedIn} from './live.js';
 import {currentLanguage, setLanguage, t, translatePage} from './i18n.js';
 import * as signin from './signin.js';
 import * as tasks from './tasks.js';
@@ -100,6 +101,7 @@ async function loadSession() {
     session = null;
   }
   showAccount();
+  setSignedIn(Boolean(session));
 }
 
 // The page to show after a sign-in: the remembered one when the new
@@ -138,6 +140,7 @@ function sessionEnded(key, keepPlace) {
   const page = current;
   returnTo = keepPlace && page && page !== 'signin' ? page : '';
   session = null;
+  setSignedIn(false);
   showAccount();
   if (page) {
     PAGES[page].leave?.();

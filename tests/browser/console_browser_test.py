@@ -619,17 +619,27 @@ class ConsoleBrowserTest(ConsoleTestBase):
         self.wait_text("signin-error", "0x03000010")
 
 
-    def test_12_tasks_refresh_by_themselves(self):
+    def test_12_tasks_poll_when_the_stream_cannot_be_had(self):
+        # The browser is kept from /events: the page falls back to polling
+        # and says so.
+        self.driver.execute_cdp_cmd("Network.enable", {})
+        self.driver.execute_cdp_cmd("Network.setBlockedURLs", {"urls": ["*/events"]})
         self.open_console()
         self.sign_in()
         self.wait_text("tasks-pager", r"of \d+")
         self.assertTrue(self.el("tasks-auto").is_selected())
+        self.assertEqual(self.wait_text("tasks-live", "not available"),
+                         "Live updates are not available; the list refreshes every 10 s.")
+        self.assertEqual(self.el("tasks-live").get_attribute("data-state"), "polling")
         before = len(self.gateway.access_lines("GET /kestrel_task "))
         # The next list request comes by itself, within the ten seconds.
         self.wait.until(lambda d: len(self.gateway.access_lines("GET /kestrel_task ")) > before)
         # The check box is the keyboard's too.
         self.el("tasks-auto").send_keys(Keys.SPACE)
         self.assertFalse(self.el("tasks-auto").is_selected())
+        self.assertFalse(self.el("tasks-live").is_displayed())
+        # The blocked stream is the test's doing, not the page's.
+        self.driver.get_log("browser")
 
 
     def test_13_each_scope_sees_what_it_may_do(self):
@@ -955,6 +965,70 @@ class ConsoleBrowserTest(ConsoleTestBase):
                 response = message["params"]["response"]
                 statuses[response["url"].rsplit("/", 1)[-1]] = response["status"]
         self.assertEqual(statuses.get("app.js"), 304, statuses)
+
+
+class ConsoleLiveTest(ConsoleTestBase):
+    """The backend's tasks run (a step every STEP seconds) and the console
+    follows them over GET /events."""
+    STEP = 0.25
+
+    @classmethod
+    def gateway_options(cls):
+        return ["--simulate", str(cls.STEP)]
+
+    def running_row(self):
+        """The id and progress of a running task the list shows with less
+        than 90 %."""
+        def find(driver):
+            for row in driver.find_elements(By.CSS_SELECTOR, "#tasks-table tbody tr"):
+                badge = row.find_element(By.CSS_SELECTOR, ".badge")
+                bar = row.find_element(By.CSS_SELECTOR, "progress")
+                if "status-2" in badge.get_attribute("class") and \
+                        int(bar.get_attribute("value")) < 90:
+                    return row.get_attribute("data-task-id"), int(bar.get_attribute("value"))
+            return None
+        return self.wait.until(find)
+
+    def progress_of(self, task_id):
+        return int(self.driver.find_element(
+            By.CSS_SELECTOR, "#tasks-table tr[data-task-id='%s'] progress" % task_id)
+            .get_attribute("value"))
+
+    def test_progress_moves_on_screen_without_a_reload(self):
+        self.open_console()
+        self.sign_in()
+        self.assertEqual(self.wait_text("tasks-live", "Live"),
+                         "Live: progress and states update as they change.")
+        self.assertEqual(self.el("tasks-live").get_attribute("data-state"), "live")
+        self.driver.execute_script("window.noxSamePage = true")
+        Select(self.el("tasks-status")).select_by_value("2")
+        task_id, before = self.running_row()
+        self.wait.until(lambda d: self.progress_of(task_id) > before)
+        # Details follow too: their progress and their entries.
+        self.driver.find_element(
+            By.CSS_SELECTOR, "#tasks-table button.open-task[data-task-id='%s']" % task_id).click()
+        self.visible("task-detail")
+        shown = self.wait_text("task-progress", r"\d+ %")
+        self.wait.until(lambda d: d.find_element(By.ID, "task-progress").text != shown)
+        self.assertTrue(self.driver.execute_script("return window.noxSamePage === true"),
+                        "the page was not reloaded")
+        self.shot("tasks-live")
+        self.el("lang-switch").click()
+        self.assertEqual(self.wait_text("tasks-live", "实时"), "实时：进度和状态随变化更新。")
+
+    def test_new_alarms_raise_the_total(self):
+        token = self.gateway.api_token()
+        self.open_console()
+        self.sign_in()
+        self.driver.find_element(By.CSS_SELECTOR, "#nav a[data-page=alarms]").click()
+        self.visible("page-alarms")
+        self.driver.execute_script("window.noxSamePage = true")
+        first = int(self.wait_text("alarms-total", r"^\d+$"))
+        # The simulation raises an alarm every few steps; the total follows.
+        self.wait.until(lambda d: int(d.find_element(By.ID, "alarms-total").text) > first)
+        _, count = self.gateway.request("GET", "/alarm/historyalarm/count", token)
+        self.assertGreaterEqual(count["COUNT"], int(self.el("alarms-total").text))
+        self.assertTrue(self.driver.execute_script("return window.noxSamePage === true"))
 
 
 class NoRedirect(urllib.request.HTTPRedirectHandler):
