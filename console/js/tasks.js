@@ -119,7 +119,9 @@ function renderDetail(task) {
   byId('task-progress-bar').value = Number(task.progress) || 0;
   byId('task-start').textContent = formatTime(task.startTime);
   byId('task-end').textContent = formatTime(task.endTime);
-  const info = task.errorInfo && typeof task.errorInfo === 'object' ? task.errorInfo : null;
+  // A task without a fault carries error information with code "0".
+  const info = task.errorInfo && typeof task.errorInfo === 'object' &&
+    String(task.errorInfo.code ?? '0') !== '0' ? task.errorInfo : null;
   byId('task-error-box').hidden = !info;
   if (info) {
     const text = byId('task-error-text');

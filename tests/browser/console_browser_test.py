@@ -1009,6 +1009,8 @@ class ConsoleLiveTest(ConsoleTestBase):
             By.CSS_SELECTOR, "#tasks-table button.open-task[data-task-id='%s']" % task_id).click()
         self.visible("task-detail")
         shown = self.wait_text("task-progress", r"\d+ %")
+        # A running task has no fault: error information with code "0" shows nothing.
+        self.assertFalse(self.el("task-error-box").is_displayed())
         self.wait.until(lambda d: d.find_element(By.ID, "task-progress").text != shown)
         self.assertTrue(self.driver.execute_script("return window.noxSamePage === true"),
                         "the page was not reloaded")
