@@ -12,12 +12,13 @@ const char kConsolePolicy[] =
     "connect-src 'self'; font-src 'self'; object-src 'none'; base-uri 'none'; "
     "form-action 'self'; frame-ancestors 'none'";
 
+const char kConsolePrefix[] = "/console/";
+
 const std::vector<std::string> kBuiltInLabels = {"/healthz", "/openapi.json", "/metrics",
                                                  "/console"};
 
 namespace {
 
-const char kConsolePrefix[] = "/console/";
 constexpr size_t kConsolePrefixLength = sizeof(kConsolePrefix) - 1;
 
 HttpOutput methodNotAllowed() {

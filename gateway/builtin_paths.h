@@ -62,6 +62,9 @@ struct BuiltInContent {
 std::optional<HttpOutput> serveBuiltIn(const BuiltInContent& content, const HttpInput& in,
                                        const std::string& path, std::string* route);
 
+// Where the console's page is; the files are below it.
+extern const char kConsolePrefix[];  // "/console/"
+
 // The Content-Security-Policy of the console's pages and files: everything
 // from the gateway itself, no inline script or style, no framing.
 extern const char kConsolePolicy[];

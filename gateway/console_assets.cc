@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <string>
 
 #include "builtin_paths.h"
 #include "compact_json.h"
@@ -17,7 +18,6 @@ const char kSignedInMember[] = "signedIn";
 
 namespace {
 
-constexpr char kConsoleHome[] = "/console/";
 constexpr char kIfNoneMatch[] = "If-None-Match";
 
 // Whether an If-None-Match value ("*", or tags separated by commas, maybe
@@ -55,9 +55,9 @@ HttpOutput redirectHome() {
   HttpOutput out;
   out.status = 301;
   out.contentType = "text/html; charset=utf-8";
-  out.headers.emplace_back("Location", kConsoleHome);
+  out.headers.emplace_back("Location", kConsolePrefix);
   out.body = std::string("<!doctype html>\n<title>Moved</title>\n<p>The console is at <a href=\"") +
-             kConsoleHome + "\">" + kConsoleHome + "</a>.</p>\n";
+             kConsolePrefix + "\">" + kConsolePrefix + "</a>.</p>\n";
   return out;
 }
 
@@ -105,7 +105,7 @@ HttpOutput consoleAnswer(const HttpInput& in, const std::string& path,
   if (path == kConsoleSessionPath) return sessionAnswer(in, lookup);
   // The path is compared as sent: no decoding, so no dot segment or encoded
   // slash can name anything but one of the compiled-in files.
-  std::string name = path.substr(sizeof(kConsoleHome) - 1);
+  std::string name = path.substr(std::char_traits<char>::length(kConsolePrefix));
   if (name.empty()) name = "index.html";
   const auto file = files.find(name);
   if (file == files.end()) return errorOutput(kErrRouteNotFound, describeCode(kErrRouteNotFound));
