@@ -783,6 +783,8 @@ class ConsoleBrowserTest(ConsoleTestBase):
         begin.send_keys(typed, Keys.TAB)
         self.wait_text("alarms-total", r"^%d$" % count["COUNT"])
         self.shot("alarms-zh")
+        self.assertEqual(self.driver.find_element(By.CSS_SELECTOR, "#page-alarms .total").text,
+                         "告警总数：%d" % count["COUNT"])
         # A time in another shape is refused with the format to use.
         begin.clear()
         begin.send_keys("11/14/2023", Keys.TAB)
