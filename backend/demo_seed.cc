@@ -3,6 +3,7 @@
 #include <json/json.h>
 
 #include <ctime>
+#include <sstream>
 #include <random>
 #include <stdexcept>
 
@@ -125,6 +126,15 @@ std::string compact(const Json::Value& value) {
 class Progress {
  public:
   explicit Progress(long long start) : time_(start) {}
+  // Goes on with the entries of `json` (an array; anything else starts
+  // afresh), the next entry at `time`.
+  Progress(const std::string& json, long long time) : time_(time) {
+    Json::CharReaderBuilder builder;
+    std::string errors;
+    std::istringstream in(json);
+    Json::Value parsed;
+    if (Json::parseFromStream(builder, in, &parsed, &errors) && parsed.isArray()) root_ = parsed;
+  }
 
   Progress& add(Msg msg, const std::vector<std::string>& params, long long after = 45) {
     const SeedMessage& m = kMessages[msg];
@@ -159,6 +169,15 @@ class Progress {
 std::string errorInfo(Msg reason, const std::string& node) {
   Json::Value v(Json::objectValue);
   v["code"] = kMessages[reason].id;
+  v["node"] = node;
+  return compact(v);
+}
+
+// The error information of a task that did not fail: the backend sends an
+// object with the code "0".
+std::string noErrorInfo(const std::string& node) {
+  Json::Value v(Json::objectValue);
+  v["code"] = "0";
   v["node"] = node;
   return compact(v);
 }
@@ -370,6 +389,53 @@ void databaseTask(SeedTask& t, Progress& p) {
   }
 }
 
+// The kinds of alarm, in English and Chinese, and where they come from.
+struct AlarmKind {
+  int severity;
+  const char* name;
+  const char* detail;
+  const char* nameZh;
+  const char* detailZh;
+};
+const AlarmKind kAlarmKinds[] = {
+    {1, "Backup storage unreachable", "The storage pool stopped answering the media server.",
+     "备份存储不可达", "存储池不再响应介质服务器。"},
+    {1, "Node offline", "The node missed five heartbeats in a row.", "节点离线",
+     "节点连续五次未发送心跳。"},
+    {2, "Backup task failed", "A scheduled backup task ended with an error.", "备份任务失败",
+     "一个计划备份任务以错误结束。"},
+    {2, "Storage pool usage high", "The storage pool is more than 85% full.", "存储池使用率高",
+     "存储池已使用超过 85%。"},
+    {2, "Replication delayed", "Backup copies are more than 24 hours behind the plan.",
+     "复制延迟", "备份副本落后计划超过 24 小时。"},
+    {3, "Certificate expires soon", "A CA certificate expires within 30 days.", "证书即将过期",
+     "一个 CA 证书将在 30 天内过期。"},
+    {3, "Database log backup late", "No transaction log backup in the last 4 hours.",
+     "数据库日志备份延迟", "最近 4 小时内没有事务日志备份。"},
+    {3, "Client agent outdated", "The client agent is older than the server.", "客户端代理版本过旧",
+     "客户端代理的版本低于服务器。"},
+    {4, "License capacity above 80%", "80% of the licensed capacity is in use.",
+     "许可容量超过 80%", "已使用许可容量的 80%。"},
+    {4, "Task ran longer than usual", "The task took twice its usual duration.",
+     "任务运行时间超出平常", "任务耗时达到平常的两倍。"},
+};
+constexpr size_t kAlarmKindCount = sizeof(kAlarmKinds) / sizeof(kAlarmKinds[0]);
+const char* const kSources[] = {"node-01",   "node-02",       "node-03",
+                                "pool-a",    "dr-pool",       "media-server-1",
+                                "pg-orders", "fileserver-01", "license-manager"};
+constexpr size_t kSourceCount = sizeof(kSources) / sizeof(kSources[0]);
+
+SeedAlarm alarmOfKind(unsigned roll) {
+  const AlarmKind& kind = kAlarmKinds[roll % kAlarmKindCount];
+  SeedAlarm a;
+  a.severity = kind.severity;
+  a.name = kind.name;
+  a.detail = kind.detail;
+  a.nameZh = kind.nameZh;
+  a.detailZh = kind.detailZh;
+  return a;
+}
+
 }  // namespace
 
 const std::vector<SeedMessage>& seedMessages() {
@@ -415,6 +481,7 @@ std::vector<SeedTask> demoTasks(long long now) {
       t.endTime = progress.time();
     }
     t.detail = progress.json();
+    if (t.errorInfo.empty()) t.errorInfo = noErrorInfo("node-0" + str(index % 4 + 1));
     tasks.push_back(t);
     ++index;
   }
@@ -422,38 +489,14 @@ std::vector<SeedTask> demoTasks(long long now) {
 }
 
 std::vector<SeedAlarm> demoAlarms(long long now) {
-  struct Kind {
-    int severity;
-    const char* name;
-    const char* detail;
-  };
-  static const Kind kKinds[] = {
-      {1, "Backup storage unreachable", "The storage pool stopped answering the media server."},
-      {1, "Node offline", "The node missed five heartbeats in a row."},
-      {2, "Backup task failed", "A scheduled backup task ended with an error."},
-      {2, "Storage pool usage high", "The storage pool is more than 85% full."},
-      {2, "Replication delayed", "Backup copies are more than 24 hours behind the plan."},
-      {3, "Certificate expires soon", "A CA certificate expires within 30 days."},
-      {3, "Database log backup late", "No transaction log backup in the last 4 hours."},
-      {3, "Client agent outdated", "The client agent is older than the server."},
-      {4, "License capacity above 80%", "80% of the licensed capacity is in use."},
-      {4, "Task ran longer than usual", "The task took twice its usual duration."},
-  };
-  static const char* const kSources[] = {"node-01",   "node-02",       "node-03",
-                                         "pool-a",    "dr-pool",       "media-server-1",
-                                         "pg-orders", "fileserver-01", "license-manager"};
   // A fixed seed: the same folder always shows the same alarms.
   std::mt19937 random(20261121u);
   std::vector<SeedAlarm> alarms;
   const int count = 120;
   const long long span = 30 * kDay;
   for (int i = 0; i < count; ++i) {
-    const Kind& kind = kKinds[random() % (sizeof(kKinds) / sizeof(kKinds[0]))];
-    SeedAlarm a;
-    a.severity = kind.severity;
-    a.name = kind.name;
-    a.detail = kind.detail;
-    a.source = kSources[random() % (sizeof(kSources) / sizeof(kSources[0]))];
+    SeedAlarm a = alarmOfKind(static_cast<unsigned>(random()));
+    a.source = kSources[random() % kSourceCount];
     a.occurTime = now - span + (span / count) * i + static_cast<long long>(random() % 3000);
     if (a.occurTime > now) a.occurTime = now;
     if (random() % 3 == 0) {
@@ -507,4 +550,186 @@ std::string joinParams(const std::vector<std::string>& params) {
     out += params[i];
   }
   return out;
+}
+
+namespace {
+
+// What a task of each type moves, in GB, and the node that reports it.
+long long totalGB(int type) {
+  switch (type) {
+    case task_type::kBackup:
+      return 60;
+    case task_type::kRestore:
+      return 24;
+    case task_type::kCopy:
+      return 180;
+    default:
+      return 54;
+  }
+}
+
+// The entry that says how far a running task got.
+void addTransferred(const SeedTask& t, Progress& p, int percent) {
+  const long long total = totalGB(t.type);
+  const std::string done = str(total * percent / 100);
+  switch (t.type) {
+    case task_type::kBackup:
+      p.add(kBackupTransferred, {done, kGB, str(total), kGB, str(percent)});
+      break;
+    case task_type::kRestore:
+      p.add(kRestoreTransferred, {done, kGB, str(total), kGB});
+      break;
+    case task_type::kCopy:
+      p.add(kCopyTransferred, {done, kGB, str(total), kGB, "95", kMBs});
+      break;
+    default:
+      p.add(kDbTransferred, {done, kGB, str(total), kGB});
+      break;
+  }
+}
+
+void finishSucceeded(SeedTask& t, Progress& p) {
+  const std::string total = str(totalGB(t.type));
+  switch (t.type) {
+    case task_type::kBackup:
+      p.add(kBackupSpeed, {"112", kMBs}).add(kBackupFinished, {t.name, "12731", total, kGB, "1380"});
+      break;
+    case task_type::kRestore:
+      p.add(kRestoreFinished, {t.name, "3200", total, kGB, "960"});
+      break;
+    case task_type::kCopy:
+      p.add(kCopyFinished, {t.name, "6", total, kGB, "1850"});
+      break;
+    default:
+      p.add(kDbFinished, {t.name, "3", total, kGB, "1245"});
+      break;
+  }
+}
+
+void finishPartially(SeedTask& t, Progress& p) {
+  const std::string total = str(totalGB(t.type));
+  switch (t.type) {
+    case task_type::kBackup:
+      p.add(kBackupSkipped, {"17"}).add(kBackupWarnings, {t.name, "17"});
+      break;
+    case task_type::kRestore:
+      p.add(kRestoreSkipped, {"/restore/" + t.resource + "/lock", "the file is in use"})
+          .add(kRestoreFinished, {t.name, "3199", total, kGB, "1010"});
+      break;
+    case task_type::kCopy:
+      p.add(kCopyExists, {"copy-0042"}).add(kCopyFinished, {t.name, "5", total, kGB, "1600"});
+      break;
+    default:
+      p.add(kStatusChanged, {t.name, str(task_status::kPartiallySucceeded)});
+      break;
+  }
+}
+
+// The failure's entry; returns the message it ended with.
+Msg finishFailed(SeedTask& t, Progress& p, unsigned roll) {
+  switch (t.type) {
+    case task_type::kBackup:
+      if (roll % 2 == 0) {
+        p.add(kFailStorageFull, {"pool-a", "2", kGB, str(totalGB(t.type)), kGB});
+        return kFailStorageFull;
+      }
+      p.add(kFailAgent, {t.resource});
+      return kFailAgent;
+    case task_type::kRestore:
+      p.add(kFailRestoreSpace, {"/restore/" + t.resource});
+      return kFailRestoreSpace;
+    case task_type::kCopy:
+      p.add(kCopyRetry, {"dr-site", "5", "5", "60"})
+          .add(kFailTargetRefused, {"dr-site", "the target storage is read-only"});
+      return kFailTargetRefused;
+    default:
+      p.add(kFailDbLogin, {t.resource, "backup_operator"});
+      return kFailDbLogin;
+  }
+}
+
+void finishTask(SeedTask& t, Progress& p, unsigned roll, long long now) {
+  const unsigned outcome = roll % 20;
+  t.progress = 100;
+  if (outcome < 14) {
+    t.status = task_status::kSucceeded;
+    finishSucceeded(t, p);
+  } else if (outcome < 17) {
+    t.status = task_status::kPartiallySucceeded;
+    finishPartially(t, p);
+  } else {
+    t.status = task_status::kFailed;
+    t.errorInfo = errorInfo(finishFailed(t, p, roll / 20), "node-0" + str(roll % 4 + 1));
+  }
+  t.endTime = now;
+}
+
+}  // namespace
+
+void startTask(SeedTask& t, long long now) {
+  Progress p(t.detail, now);
+  switch (t.type) {
+    case task_type::kBackup:
+      p.add(kBackupStarted, {t.name, "policy-" + t.resource, "1"}, 0)
+          .add(kBackupScanning, {t.resource}, 0);
+      break;
+    case task_type::kRestore:
+      p.add(kRestoreStarted, {t.name, t.resource, utcText(now - kDay)}, 0)
+          .add(kRestoreTarget, {"/restore/" + t.resource, "2"}, 0);
+      break;
+    case task_type::kCopy:
+      p.add(kCopyStarted, {t.name, t.resource, "pool-a", "dr-pool"}, 0)
+          .add(kCopyCounted, {"6", str(totalGB(t.type)), kGB}, 0);
+      break;
+    default:
+      p.add(kDbStarted, {t.name, t.resource.compare(0, 5, "mysql") == 0 ? "1" : "2", t.resource,
+                         "0"}, 0)
+          .add(kDbConnected, {t.resource, "backup_operator"}, 0);
+      break;
+  }
+  t.status = task_status::kRunning;
+  t.progress = 0;
+  t.startTime = now;
+  t.endTime = 0;
+  t.detail = p.json();
+}
+
+void advanceTask(SeedTask& t, unsigned roll, long long now) {
+  Progress p(t.detail, now);
+  const int percent = t.progress + 5 + static_cast<int>(roll % 20);
+  if (percent >= 100) {
+    addTransferred(t, p, 100);
+    finishTask(t, p, roll / 20, now);
+  } else {
+    addTransferred(t, p, percent);
+    t.progress = percent;
+  }
+  t.detail = p.json();
+}
+
+SeedTask scheduledTask(const std::string& id, unsigned index, long long now) {
+  const TaskPlan& plan = kPlans[index % (sizeof(kPlans) / sizeof(kPlans[0]))];
+  SeedTask t;
+  t.id = id;
+  t.name = plan.name;
+  t.type = plan.type;
+  t.status = task_status::kQueued;
+  t.resource = plan.resource;
+  t.startTime = now;
+  Progress p(now);
+  if (t.type == task_type::kBackup) {
+    p.add(kBackupWaiting, {t.name, "pool-a"}, 0);
+  } else {
+    p.add(kStatusChanged, {t.name, str(task_status::kQueued)}, 0);
+  }
+  t.detail = p.json();
+  t.errorInfo = noErrorInfo("node-0" + str(index % 4 + 1));
+  return t;
+}
+
+SeedAlarm raisedAlarm(unsigned roll, long long now) {
+  SeedAlarm a = alarmOfKind(roll);
+  a.source = kSources[(roll / kAlarmKindCount) % kSourceCount];
+  a.occurTime = now;
+  return a;
 }

@@ -48,7 +48,10 @@ struct SeedTask {
   long long endTime = 0;  // 0 while queued or running
   std::string resource;
   std::string detail;     // compact JSON array of progress entries
-  std::string errorInfo;  // compact JSON object, empty when the task did not fail
+  // Compact JSON object, as the backend always sends it: {"code": the
+  // failure's message identifier, "node": ...} for a failed task,
+  // {"code": "0", "node": ...} for any other.
+  std::string errorInfo;
 };
 
 struct SeedAlarm {
@@ -58,6 +61,8 @@ struct SeedAlarm {
   long long occurTime = 0;
   long long clearTime = 0;  // 0 while active
   std::string detail;
+  std::string nameZh;  // the name and the detail in Chinese
+  std::string detailZh;
 };
 
 // The database-backup storage configuration, as stored.
@@ -77,6 +82,22 @@ std::vector<SeedTask> demoTasks(long long now);
 // The same `now` always gives the same alarms.
 std::vector<SeedAlarm> demoAlarms(long long now);
 StorageConfig demoStorage();
+
+// The simulation's moves (sim_simulation.cc), written with the same
+// catalogue messages as the seed. `roll` is a number the caller draws
+// (from its seeded generator), so that the same rolls give the same data.
+//
+// A queued task starts: status running, progress 0, its "started" entries.
+void startTask(SeedTask& task, long long now);
+// A running task moves on: progress rises by 5 to 24 percent with a
+// "transferred" entry; at 100 it ends, succeeded (roll % 20 < 14), partially
+// succeeded (< 17) or failed with error information (the rest), with the
+// entries of that end and endTime = now.
+void advanceTask(SeedTask& task, unsigned roll, long long now);
+// A new queued task like the demo task `index` (modulo their number).
+SeedTask scheduledTask(const std::string& id, unsigned index, long long now);
+// A new active alarm of a kind and source picked by `roll`.
+SeedAlarm raisedAlarm(unsigned roll, long long now);
 
 // The result of checking a storage configuration: "0" when it can take
 // database backups, otherwise a catalogue identifier (1620000xxx) with its

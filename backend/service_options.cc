@@ -1,6 +1,7 @@
 #include "service_options.h"
 
 #include "command_line.h"
+#include "simulate_options.h"
 
 namespace {
 
@@ -29,7 +30,7 @@ OptionVerdict takeValue(const CommandOption& option, BackendServiceOptions* opti
   } else if (name == "--log-level") {
     options->logLevel = option.value;
   } else {
-    return kOptionUnknown;
+    return takeSimulateOption(option, &options->simulation, error);
   }
   return kOptionTaken;
 }
@@ -62,7 +63,8 @@ std::string serviceUsageText() {
          "  --home DIR              installation folder holding bin/ (default: the folder above\n"
          "                          the executable's bin/)\n"
          "  --data DIR              the backend's data folder (default <home>/data)\n"
-         "  --init-password PW      demo users' password on first start (default: generated)\n"
+         "  --init-password PW      demo users' password on first start (default: generated)\n" +
+         simulateUsageText() +
          "  --log FILE              trace log (default stderr)\n"
          "  --log-level LEVEL       trace, debug, info, warn, error, off (default info)\n"
          "  --max-connections N     gateway connections at once (default " +

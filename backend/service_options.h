@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "sim_backend.h"
+
 struct BackendServiceOptions {
   std::string listenHost = "127.0.0.1";
   int listenPort = 7070;     // 0: any free port
@@ -18,6 +20,7 @@ struct BackendServiceOptions {
   std::string log;           // trace log file; "": stderr
   std::string logLevel = "info";
   int maxConnections = 256;
+  SimBackendOptions simulation;  // --simulate, --simulate-seed (its folders unused here)
   bool help = false;
   bool version = false;
 };

@@ -39,6 +39,8 @@ long long SimulatedBackend::Impl::dispatch(const TlvCall& call, const CR3MRecord
       return login(call, request, reply, guard);
     case proto::kLogout:
       return logout(call, request);
+    case proto::kChangesAfter:
+      return changesAfter(call, request, reply);
     default:
       break;
   }
@@ -51,7 +53,19 @@ long long SimulatedBackend::Impl::dispatch(const TlvCall& call, const CR3MRecord
 
 SimulatedBackend::SimulatedBackend() : impl_(new Impl) {}
 
-SimulatedBackend::~SimulatedBackend() = default;
+SimulatedBackend::~SimulatedBackend() {
+  {
+    std::lock_guard<std::mutex> lock(impl_->changeMutex);
+    impl_->closing = true;
+  }
+  impl_->changed.notify_all();
+  {
+    std::lock_guard<std::mutex> lock(impl_->simulationMutex);
+    impl_->simulating = false;
+  }
+  impl_->simulationWake.notify_all();
+  if (impl_->simulation.joinable()) impl_->simulation.join();
+}
 
 std::shared_ptr<SimulatedBackend> SimulatedBackend::open(const SimBackendOptions& options,
                                                          std::string* error) {
@@ -60,6 +74,7 @@ std::shared_ptr<SimulatedBackend> SimulatedBackend::open(const SimBackendOptions
   std::shared_ptr<SimulatedBackend> backend(new SimulatedBackend());
   try {
     if (!backend->impl_->openStore(options, message)) return nullptr;
+    backend->impl_->startSimulation(options.simulateSeconds, options.simulateSeed);
   } catch (const std::exception& e) {
     *message = e.what();
     return nullptr;
@@ -97,6 +112,13 @@ long long SimulatedBackend::handle(const TlvCall& call, const CR3MPackageV3& req
     guard.error(0, "handle", __LINE__, "command 0x%08X failed: %s", record.command(), e.what());
     return proto::kErrStorage;
   }
+}
+
+int SimulatedBackend::simulateStep() { return impl_->simulateStep(); }
+
+long long SimulatedBackend::changeHead() const {
+  std::lock_guard<std::mutex> lock(impl_->changeMutex);
+  return impl_->headSeq;
 }
 
 bool SimulatedBackend::firstStart() const { return impl_->firstStart; }

@@ -7,7 +7,16 @@
 // states with progress entries whose identifiers exist in conf/, 100+ alarms
 // and a storage configuration.
 //
-// Thread-safety: handle() may be called from any number of threads at once.
+// The data can live: with startSimulation() (or step by step with
+// simulateStep(), as tests do) running tasks move on and end, queued tasks
+// start, new ones are scheduled and alarms are raised and cleared, all with
+// the catalogue's messages. The same data and seed give the same steps.
+// Every change of a task or an alarm gets the next number of the change
+// log, and the command proto::kChangesAfter answers "changes after N",
+// held until there is one (docs/backend.md, "The change log").
+//
+// Thread-safety: handle() may be called from any number of threads at once,
+// and the simulation runs beside them.
 #ifndef NOX_BACKEND_SIM_BACKEND_H_
 #define NOX_BACKEND_SIM_BACKEND_H_
 
@@ -20,6 +29,8 @@
 struct SimBackendOptions {
   std::string dataDir;       // created when missing
   std::string initPassword;  // demo users' password on first start; empty: generate one
+  double simulateSeconds = 0;       // a simulation step every this many seconds; 0: none
+  unsigned simulateSeed = 20261125;  // the simulation's generator starts from it
 };
 
 class SimulatedBackend : public TlvBackend {
@@ -41,6 +52,14 @@ class SimulatedBackend : public TlvBackend {
   // The folders where uploads wait for their check (absolute): the paths
   // that the certificate and CRL path commands hand out lie directly inside.
   std::vector<std::string> stagingFolders() const;
+
+  // Runs one step of the simulation on this thread, whether or not the
+  // simulation runs by itself; returns the number of changes it made (0
+  // when nothing rolled, or when the store stayed busy for 30 seconds).
+  // The test hook for driving the data step by step.
+  int simulateStep();
+  // The newest number of the change log (0 before the first change).
+  long long changeHead() const;
 
  private:
   SimulatedBackend();

@@ -9,11 +9,16 @@
 #define NOX_BACKEND_SIM_BACKEND_IMPL_H_
 
 #include <chrono>
+#include <condition_variable>
+#include <cstdint>
 #include <ctime>
 #include <map>
 #include <mutex>
+#include <random>
 #include <string>
+#include <thread>
 
+#include "demo_seed.h"
 #include "password_hash.h"
 #include "qpn_debug_kit.h"
 #include "sim_backend.h"
@@ -21,7 +26,8 @@
 
 // The backend's state. Folders, first-start facts and the decoy hash are set
 // by open() and only read afterwards; the store is used under its Lock, the
-// login failure counts under loginMutex.
+// change log's head under changeMutex, the simulation's generator under
+// simulationMutex.
 struct SimulatedBackend::Impl {
   std::string dataDir;
   std::string tmpDir;
@@ -35,8 +41,37 @@ struct SimulatedBackend::Impl {
   // answer takes as long as a wrong password.
   PasswordHash decoy;
 
+  // The newest sequence number of the change log, and the calls that wait
+  // for a newer one.
+  std::mutex changeMutex;
+  std::condition_variable changed;
+  long long headSeq = 0;
+  bool closing = false;  // the backend goes: no call waits any longer
+
+  // The simulation (sim_simulation.cc): one step at a time, its generator
+  // seeded once, its thread running while `simulating`.
+  std::mutex simulationMutex;
+  std::mt19937 random;
+  std::thread simulation;
+  std::condition_variable simulationWake;
+  bool simulating = false;
+
   bool openStore(const SimBackendOptions& options, std::string* error);
   void seed(const std::string& password);
+  void migrate();
+
+  // Appends a change of `kind` (proto::kChangeTask, kChangeAlarm) to object
+  // `object` to the log; the caller holds the store's Lock inside a
+  // Transaction. Returns its sequence number; publishHead() once committed.
+  long long recordChange(uint32_t kind, const std::string& object);
+  void publishHead(long long seq);
+  long long changesAfter(const TlvCall& call, const CR3MRecordV3& request, CR3MPackageV3& reply);
+  // One step of the simulation; returns the number of changes it made.
+  int simulateStep();
+  // Seeds the generator; with seconds > 0 starts the thread that steps.
+  void startSimulation(double seconds, unsigned seed);
+  void insertTask(const SeedTask& t);
+  void insertAlarm(const SeedAlarm& a);
 
   long long dispatch(const TlvCall& call, const CR3MRecordV3& request, CR3MPackageV3& reply,
                      CQPNDebugKitGuard& guard);
@@ -64,6 +99,19 @@ inline std::chrono::milliseconds storeWait(const TlvCall& call) {
   const int seconds = call.timeout > 0 ? (call.timeout < 60 ? call.timeout : 60) : 30;
   return std::chrono::milliseconds(seconds * 1000LL);
 }
+
+// The columns taskRecord() reads, in order: "SELECT <columns> FROM tasks".
+extern const char kTaskColumns[];
+// The columns alarmRecord() reads, likewise, from alarms.
+extern const char kAlarmColumns[];
+// A task record from a row of kTaskColumns.
+void taskRecord(const Statement& row, CR3MRecordV3& r);
+// An alarm record from a row of kAlarmColumns: the name and the detail in
+// Chinese when `language` is "zh" and the alarm has them, else in English;
+// with `both`, the Chinese ones in their own cells too (the change log's
+// rows, for readers of either language).
+void alarmRecord(const Statement& row, CR3MRecordV3& r, const std::string& language,
+                 bool both = false);
 
 }  // namespace simbackend
 

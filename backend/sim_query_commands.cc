@@ -101,9 +101,14 @@ void bindTaskQuery(Statement& stmt, const TaskQuery& q) {
   }
 }
 
+}  // namespace
+
+namespace simbackend {
+
 const char kTaskColumns[] =
-    "SELECT id, name, type, status, progress, start_time, end_time, resource, detail, error_info "
-    "FROM tasks";
+    "id, name, type, status, progress, start_time, end_time, resource, detail, error_info";
+const char kAlarmColumns[] =
+    "id, severity, name, source, occur_time, clear_time, detail, name_zh, detail_zh";
 
 void taskRecord(const Statement& row, CR3MRecordV3& r) {
   r[proto::kTagTaskId].setString(proto::kTagTaskId, row.columnText(0));
@@ -127,6 +132,24 @@ void taskRecord(const Statement& row, CR3MRecordV3& r) {
   }
 }
 
+void alarmRecord(const Statement& row, CR3MRecordV3& r, const std::string& language, bool both) {
+  const bool zh = language == "zh" && !row.columnText(7).empty();
+  r[proto::kTagAlarmId].setUInt64(proto::kTagAlarmId, static_cast<uint64_t>(row.columnInt(0)));
+  r[proto::kTagAlarmSeverity].setUInt32(proto::kTagAlarmSeverity,
+                                        static_cast<uint32_t>(row.columnInt(1)));
+  r[proto::kTagAlarmName].setString(proto::kTagAlarmName, row.columnText(zh ? 7 : 2));
+  r[proto::kTagAlarmSource].setString(proto::kTagAlarmSource, row.columnText(3));
+  r[proto::kTagAlarmOccurTime].setUInt64(proto::kTagAlarmOccurTime,
+                                         static_cast<uint64_t>(row.columnInt(4)));
+  r[proto::kTagAlarmClearTime].setUInt64(proto::kTagAlarmClearTime,
+                                         static_cast<uint64_t>(row.columnInt(5)));
+  r[proto::kTagAlarmDetail].setString(proto::kTagAlarmDetail, row.columnText(zh ? 8 : 6));
+  if (both) {
+    r[proto::kTagAlarmNameZh].setString(proto::kTagAlarmNameZh, row.columnText(7));
+    r[proto::kTagAlarmDetailZh].setString(proto::kTagAlarmDetailZh, row.columnText(8));
+  }
+}
+
 // Whether the cell holds a number (the types checkNumerical takes), asked
 // without an exception: a task named by text is the common case.
 bool isNumericCell(const CTLVCell& cell) {
@@ -142,7 +165,13 @@ bool isNumericCell(const CTLVCell& cell) {
   }
 }
 
-}  // namespace
+}  // namespace simbackend
+
+using simbackend::alarmRecord;
+using simbackend::isNumericCell;
+using simbackend::kAlarmColumns;
+using simbackend::kTaskColumns;
+using simbackend::taskRecord;
 
 using simbackend::storeWait;
 
@@ -170,22 +199,11 @@ long long SimulatedBackend::Impl::alarms(const TlvCall& call, const CR3MRecordV3
   CR3MRecordV3& summary = reply.addRecord(request.command(), proto::kWord);
   summary[proto::kTagTotal].setUInt32(proto::kTagTotal, static_cast<uint32_t>(total));
   if (!list) return 0;
-  Statement rows = reader.statement(
-      std::string("SELECT id, severity, name, source, occur_time, clear_time, detail FROM alarms") +
-      where + " ORDER BY occur_time DESC, id DESC LIMIT ?4 OFFSET ?5");
+  Statement rows = reader.statement(std::string("SELECT ") + kAlarmColumns + " FROM alarms" +
+                                    where + " ORDER BY occur_time DESC, id DESC LIMIT ?4 OFFSET ?5");
   rows.bind(1, bySeverity ? severity : 0).bind(2, begin).bind(3, end).bind(4, limit).bind(5, start);
   while (rows.step()) {
-    CR3MRecordV3& r = reply.addRecord(request.command(), proto::kWord);
-    r[proto::kTagAlarmId].setUInt64(proto::kTagAlarmId, static_cast<uint64_t>(rows.columnInt(0)));
-    r[proto::kTagAlarmSeverity].setUInt32(proto::kTagAlarmSeverity,
-                                          static_cast<uint32_t>(rows.columnInt(1)));
-    r[proto::kTagAlarmName].setString(proto::kTagAlarmName, rows.columnText(2));
-    r[proto::kTagAlarmSource].setString(proto::kTagAlarmSource, rows.columnText(3));
-    r[proto::kTagAlarmOccurTime].setUInt64(proto::kTagAlarmOccurTime,
-                                           static_cast<uint64_t>(rows.columnInt(4)));
-    r[proto::kTagAlarmClearTime].setUInt64(proto::kTagAlarmClearTime,
-                                           static_cast<uint64_t>(rows.columnInt(5)));
-    r[proto::kTagAlarmDetail].setString(proto::kTagAlarmDetail, rows.columnText(6));
+    alarmRecord(rows, reply.addRecord(request.command(), proto::kWord), call.language);
   }
   return 0;
 }
@@ -201,7 +219,7 @@ long long SimulatedBackend::Impl::tasks(const TlvCall& call, const CR3MRecordV3&
                                    : requireText(request, proto::kTagObjectId);
     SqliteStore::Reader reader(store, storeWait(call));
     if (!reader.held()) return kErrBackendTimeout;
-    Statement row = reader.statement(std::string(kTaskColumns) + " WHERE id = ?");
+    Statement row = reader.statement(std::string("SELECT ") + kTaskColumns + " FROM tasks WHERE id = ?");
     row.bind(1, id);
     if (!row.step()) return proto::kErrNotFound;
     taskRecord(row, reply.addRecord(request.command(), proto::kWord));
@@ -236,7 +254,7 @@ long long SimulatedBackend::Impl::tasks(const TlvCall& call, const CR3MRecordV3&
   }
   SqliteStore::Reader reader(store, storeWait(call));
   if (!reader.held()) return kErrBackendTimeout;
-  Statement rows = reader.statement(std::string(kTaskColumns) + query.where + " ORDER BY " + order +
+  Statement rows = reader.statement(std::string("SELECT ") + kTaskColumns + " FROM tasks" + query.where + " ORDER BY " + order +
                                    " LIMIT ? OFFSET ?");
   bindTaskQuery(rows, query);
   const int next = static_cast<int>(query.textValues.size()) + 1;

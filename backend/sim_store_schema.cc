@@ -53,8 +53,15 @@ CREATE TABLE IF NOT EXISTS alarms(
   source TEXT NOT NULL,
   occur_time INTEGER NOT NULL,
   clear_time INTEGER NOT NULL DEFAULT 0,
-  detail TEXT NOT NULL);
+  detail TEXT NOT NULL,
+  name_zh TEXT NOT NULL DEFAULT '',
+  detail_zh TEXT NOT NULL DEFAULT '');
 CREATE INDEX IF NOT EXISTS alarms_by_time ON alarms(occur_time);
+CREATE TABLE IF NOT EXISTS changes(
+  seq INTEGER PRIMARY KEY AUTOINCREMENT,
+  kind INTEGER NOT NULL,
+  object TEXT NOT NULL,
+  time INTEGER NOT NULL);
 CREATE TABLE IF NOT EXISTS storage_conf(
   id INTEGER PRIMARY KEY CHECK (id = 1),
   name TEXT NOT NULL,
@@ -119,6 +126,7 @@ bool SimulatedBackend::Impl::openStore(const SimBackendOptions& options, std::st
     decoy = hashPassword(randomBytes(16));
     SqliteStore::Lock lock(store, std::chrono::seconds(30));
     store.exec(kSchema);
+    migrate();
     Statement seeded = store.statement("SELECT value FROM meta WHERE key = 'seeded'");
     firstStart = !seeded.step();
     if (firstStart) {
@@ -147,36 +155,8 @@ void SimulatedBackend::Impl::seed(const std::string& password) {
         .bind(5, h.iterations)
         .run();
   }
-  for (const SeedTask& t : demoTasks(now)) {
-    store
-        .statement(
-            "INSERT INTO tasks(id, name, type, status, progress, start_time, end_time, resource, "
-            "detail, error_info) VALUES(?,?,?,?,?,?,?,?,?,?)")
-        .bind(1, t.id)
-        .bind(2, t.name)
-        .bind(3, t.type)
-        .bind(4, t.status)
-        .bind(5, t.progress)
-        .bind(6, t.startTime)
-        .bind(7, t.endTime)
-        .bind(8, t.resource)
-        .bind(9, t.detail)
-        .bind(10, t.errorInfo)
-        .run();
-  }
-  for (const SeedAlarm& a : demoAlarms(now)) {
-    store
-        .statement(
-            "INSERT INTO alarms(severity, name, source, occur_time, clear_time, detail) "
-            "VALUES(?,?,?,?,?,?)")
-        .bind(1, a.severity)
-        .bind(2, a.name)
-        .bind(3, a.source)
-        .bind(4, a.occurTime)
-        .bind(5, a.clearTime)
-        .bind(6, a.detail)
-        .run();
-  }
+  for (const SeedTask& t : demoTasks(now)) insertTask(t);
+  for (const SeedAlarm& a : demoAlarms(now)) insertAlarm(a);
   const StorageConfig c = demoStorage();
   store
       .statement(
@@ -193,4 +173,53 @@ void SimulatedBackend::Impl::seed(const std::string& password) {
       .bind(1, std::to_string(now))
       .run();
   tx.commit();
+}
+
+// Data folders made before the alarms had Chinese texts: the columns are
+// added empty (such alarms answer in English), and the change log starts.
+void SimulatedBackend::Impl::migrate() {
+  Statement column = store.statement(
+      "SELECT COUNT(*) FROM pragma_table_info('alarms') WHERE name = 'name_zh'");
+  const bool hasChinese = column.step() && column.columnInt(0) > 0;
+  if (!hasChinese) {
+    store.exec(
+        "ALTER TABLE alarms ADD COLUMN name_zh TEXT NOT NULL DEFAULT '';"
+        "ALTER TABLE alarms ADD COLUMN detail_zh TEXT NOT NULL DEFAULT '';");
+  }
+  Statement head = store.statement("SELECT seq FROM sqlite_sequence WHERE name = 'changes'");
+  headSeq = head.step() ? head.columnInt(0) : 0;
+}
+
+void SimulatedBackend::Impl::insertTask(const SeedTask& t) {
+  store
+      .statement(
+          "INSERT OR REPLACE INTO tasks(id, name, type, status, progress, start_time, end_time, "
+          "resource, detail, error_info) VALUES(?,?,?,?,?,?,?,?,?,?)")
+      .bind(1, t.id)
+      .bind(2, t.name)
+      .bind(3, t.type)
+      .bind(4, t.status)
+      .bind(5, t.progress)
+      .bind(6, t.startTime)
+      .bind(7, t.endTime)
+      .bind(8, t.resource)
+      .bind(9, t.detail)
+      .bind(10, t.errorInfo)
+      .run();
+}
+
+void SimulatedBackend::Impl::insertAlarm(const SeedAlarm& a) {
+  store
+      .statement(
+          "INSERT INTO alarms(severity, name, source, occur_time, clear_time, detail, name_zh, "
+          "detail_zh) VALUES(?,?,?,?,?,?,?,?)")
+      .bind(1, a.severity)
+      .bind(2, a.name)
+      .bind(3, a.source)
+      .bind(4, a.occurTime)
+      .bind(5, a.clearTime)
+      .bind(6, a.detail)
+      .bind(7, a.nameZh)
+      .bind(8, a.detailZh)
+      .run();
 }

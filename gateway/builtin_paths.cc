@@ -12,12 +12,13 @@ const char kConsolePolicy[] =
     "connect-src 'self'; font-src 'self'; object-src 'none'; base-uri 'none'; "
     "form-action 'self'; frame-ancestors 'none'";
 
+const char kConsolePrefix[] = "/console/";
+
 const std::vector<std::string> kBuiltInLabels = {"/healthz", "/openapi.json", "/metrics",
                                                  "/console"};
 
 namespace {
 
-const char kConsolePrefix[] = "/console/";
 constexpr size_t kConsolePrefixLength = sizeof(kConsolePrefix) - 1;
 
 HttpOutput methodNotAllowed() {
@@ -44,34 +45,6 @@ HttpOutput serveHealth(const BuiltInContent& content) {
   return jsonOutput(ok ? 200 : 503, health);
 }
 
-HttpOutput serveConsole(const BuiltInContent& content, const HttpInput& in,
-                        const std::string& path) {
-  if (!isReadMethod(in.method)) return methodNotAllowed();
-  // Relative links in the pages need the trailing slash.
-  if (path == "/console") {
-    HttpOutput out;
-    out.status = 301;
-    out.headers.emplace_back("Location", kConsolePrefix);
-    return out;
-  }
-  // The path is compared as sent: no decoding, so no dot segment or encoded
-  // slash can name anything but one of the compiled-in files.
-  std::string name = path.substr(kConsolePrefixLength);
-  if (name.empty()) name = "index.html";
-  const auto file = content.console.find(name);
-  if (file == content.console.end()) return notFound();
-  HttpOutput out;
-  out.contentType = consoleContentType(name);
-  out.body = file->second;
-  out.headers.emplace_back("Content-Security-Policy", kConsolePolicy);
-  // The files change only with the gateway; a browser checks before reuse.
-  out.headers.emplace_back("Cache-Control", "no-cache");
-  out.headers.emplace_back("Referrer-Policy", "no-referrer");
-  out.headers.emplace_back("X-Frame-Options", "DENY");
-  out.headers.emplace_back("Cross-Origin-Opener-Policy", "same-origin");
-  out.headers.emplace_back("Cross-Origin-Resource-Policy", "same-origin");
-  return out;
-}
 
 bool isConsolePath(const std::string& path) {
   return path == "/console" || path.compare(0, kConsolePrefixLength, kConsolePrefix) == 0;
@@ -98,7 +71,7 @@ std::optional<HttpOutput> serveBuiltIn(const BuiltInContent& content, const Http
   }
   if (!content.console.empty() && isConsolePath(path)) {
     *route = "/console";
-    return serveConsole(content, in, path);
+    return consoleAnswer(in, path, content.console, content.consoleSession);
   }
   return std::nullopt;
 }

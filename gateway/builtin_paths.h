@@ -21,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "console_assets.h"
 #include "http_exchange.h"
 
 namespace gw {
@@ -46,6 +47,9 @@ struct BuiltInContent {
   // The web console's files by their path below /console/ ("index.html",
   // "js/app.js"); empty: no console.
   std::map<std::string, std::string> console;
+  // Answers the console's session question (kConsoleSessionPath); the
+  // Dispatcher sets it to its own session lookup. Unset: always signed out.
+  SessionLookup consoleSession;
   // The text of GET /metrics, served only to the client addresses
   // metricsAllowed accepts (others get 404). Unset: no /metrics.
   std::function<std::string()> metricsText;
@@ -57,6 +61,9 @@ struct BuiltInContent {
 // serves.
 std::optional<HttpOutput> serveBuiltIn(const BuiltInContent& content, const HttpInput& in,
                                        const std::string& path, std::string* route);
+
+// Where the console's page is; the files are below it.
+extern const char kConsolePrefix[];  // "/console/"
 
 // The Content-Security-Policy of the console's pages and files: everything
 // from the gateway itself, no inline script or style, no framing.

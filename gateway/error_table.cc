@@ -55,6 +55,7 @@ constexpr CodeRow kCodes[] = {
      "A request that changes data with the session cookie must carry X-Requested-With: "
      "nox-console.",
      nullptr, kRefusedConsoleHeader},
+    {kErrTooManyStreams, 429, "Too many event streams are open. Close one and try again."},
     {kErrScopeForbidden, 403,
      "The signed-in user's scope does not allow this call. Ask an administrator.",
      "当前用户的角色不允许此操作，请联系管理员。"},

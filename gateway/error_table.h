@@ -36,6 +36,9 @@ constexpr long long kErrScopeForbidden = 0x03000208;
 // 403: a login sent as a form (urlencoded or multipart) without the console's
 // header: a page of another site could post such a form.
 constexpr long long kErrFormLoginNeedsConsole = 0x03000209;
+// 429: the session, or the gateway, has as many event streams open as its
+// limit allows (--events-per-session, --events-max).
+constexpr long long kErrTooManyStreams = 0x0300020A;
 // 400: unreadable body or arguments
 constexpr long long kErrBadRequest = proto::kErrInvalidArgument;
 // 401: no valid session

@@ -12,6 +12,7 @@
 
 #include "command_line.h"
 #include "data_folder.h"
+#include "event_stream.h"
 #include "redis_state_store.h"
 #include "remote_backend.h"
 #include "request_msg.h"
@@ -71,7 +72,7 @@ bool installRemoteBackend(const GatewayOptions& options, const GatewayPaths& pat
 
 bool installSimulatedBackend(const GatewayOptions& options, const GatewayPaths& paths,
                              ServiceCheck* check, int* exitCode, std::string* error) {
-  SimBackendOptions backendOptions;
+  SimBackendOptions backendOptions = options.simulation;
   backendOptions.dataDir = paths.dataDir;
   backendOptions.initPassword = options.initPassword;
   std::shared_ptr<SimulatedBackend> backend = openAnnouncingDemoUsers(backendOptions, error);
@@ -217,6 +218,9 @@ bool loadAccessTable(const GatewayPaths& paths, const CSpecifyProc& registry,
     registered.push_back((route.interfaceVersion.empty() ? "" : "/" + route.interfaceVersion) +
                          route.url);
   }
+  // The gateway's own stream is guarded by the table too.
+  registered.push_back(kEventsPath);
+  registered.push_back(kEventsPathV1);
   for (const std::string& route : loaded.uncovered(registered)) {
     fprintf(stderr, "nox-gateway: the access table has no rule for %s: only scope %s may call it\n",
             route.c_str(), AccessTable::kAdministratorScope);

@@ -57,7 +57,9 @@ Dispatcher::Dispatcher(const CSpecifyProc& registry, SessionLookup lookup, Dispa
     : registry_(registry),
       lookup_(std::move(lookup)),
       options_(std::move(options)),
-      access_(options_.access ? options_.access : installedAccessTable()) {}
+      access_(options_.access ? options_.access : installedAccessTable()) {
+  options_.consoleSession = lookup_;
+}
 
 std::vector<std::string> routeLabels(const CSpecifyProc& registry) {
   std::vector<std::string> labels = kBuiltInLabels;

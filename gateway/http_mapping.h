@@ -37,9 +37,7 @@
 
 namespace gw {
 
-// Finds a session by its token. On success fills the session side of `info`
-// and returns true; returns false for an unknown or expired token.
-using SessionLookup = std::function<bool(const std::string& token, CSessionInfo& info)>;
+// SessionLookup: console_assets.h (the console's session question asks it too).
 
 // The dispatcher's settings; the built-in paths' content (BuiltInContent)
 // comes with them.

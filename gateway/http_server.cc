@@ -20,6 +20,7 @@
 
 #include "error_table.h"
 #include "event_loop.h"
+#include "event_stream.h"
 #include "http_answer.h"
 #include "qpn_debug_kit.h"
 #include "request_checks.h"
@@ -100,6 +101,7 @@ struct HttpServer::Impl {
   const Dispatcher& dispatcher;
   AccessLog& accessLog;
   const size_t transportLimit;
+  EventHub* events = nullptr;  // GET /events, when set
   std::optional<net::ssl::context> tls;
   std::string hsts;
   int port = -1;
@@ -218,7 +220,8 @@ class Connection final : public Impl::Connection {
   }
 
   void closeIfIdle() override {
-    net::post(stream_.get_executor(), [self = self()] {
+    // The timer's executor: the stream may have gone to an event stream.
+    net::post(timer_.get_executor(), [self = self()] {
       beast::error_code ignored;
       if (self->waiting_) self->socket().cancel(ignored);
     });
@@ -419,6 +422,9 @@ class Connection final : public Impl::Connection {
     // The health check and the metrics read only what the gateway already
     // knows and cost next to nothing: answered here, without a hand-over to
     // a thread, so no stalled backend or session store can delay them.
+    if (server_.events != nullptr && facts_.method == "GET" && isEventsTarget(facts_.target)) {
+      return openEvents(std::move(in));
+    }
     RoutePlan plan = server_.dispatcher.plan(in.method, facts_.parts);
     if (plan.builtIn == BuiltInPath::kCheck) {
       HttpOutput out = server_.dispatcher.handle(in, plan);
@@ -439,6 +445,31 @@ class Connection final : public Impl::Connection {
     });
     // The refusal carries Retry-After, as every 503 does (errorOutput).
     if (!queued) answer(refusal(503, kErrBusy, describeCode(kErrBusy)));
+  }
+
+  // GET /events: the session is checked on a worker (the store may be
+  // asked), then the connection's stream goes to an EventWriter on this
+  // loop, which holds it for as long as the stream lasts; no worker waits.
+  void openEvents(HttpInput in) {
+    const bool queued = server_.operations.submit([self = self(), in = std::move(in)] {
+      auto admission = std::make_shared<EventAdmission>(self->server_.events->admit(in));
+      net::post(self->stream_.get_executor(), [self, admission] { self->startEvents(*admission); });
+    });
+    if (!queued) answer(refusal(503, kErrBusy, describeCode(kErrBusy)));
+  }
+
+  void startEvents(const EventAdmission& admission) {
+    HttpOutput refused;
+    if (admission.admitted &&
+        server_.events->attach(admission, [this](uint64_t id) {
+          auto writer = std::make_shared<EventWriter<Stream>>(
+              std::move(stream_), *server_.events, id, server_.events->maxQueuedBytes());
+          writer->watch();
+          return writer;
+        }, &refused)) {
+      return;
+    }
+    answer(admission.admitted ? std::move(refused) : admission.refusal);
   }
 
   // The parsed request as the dispatcher takes it; notes what the answer
@@ -728,6 +759,8 @@ void HttpServer::run() {
   s.logins.stop();
   s.serving = false;
 }
+
+void HttpServer::setEvents(EventHub* events) { impl_->events = events; }
 
 void HttpServer::stop() {
   Impl& s = *impl_;

@@ -33,6 +33,8 @@
 
 namespace gw {
 
+class EventHub;
+
 struct ServerConfig {
   std::string host = "127.0.0.1";
   int port = 8080;  // 0: any free port
@@ -88,6 +90,10 @@ class HttpServer {
   bool running() const;
 
   TransportCounts counts() const;
+
+  // Serves GET /events with `events` (event_stream.h); before start(). The
+  // hub outlives the server's run().
+  void setEvents(EventHub* events);
 
   struct Impl;
 

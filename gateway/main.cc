@@ -17,7 +17,9 @@
 #include "access_log.h"
 #include "audit_log.h"
 #include "command_line.h"
+#include "change_feed.h"
 #include "console_files.h"
+#include "event_stream.h"
 #include "gateway_setup.h"
 #include "http_mapping.h"
 #include "http_server.h"
@@ -166,10 +168,20 @@ int serve(const gw::GatewayOptions& options, const gw::GatewayPaths& paths,
   gw::SessionLookup lookup = [](const std::string& token, CSessionInfo& info) {
     return SessionStore::instance().lookup(token, info);
   };
-  gw::Dispatcher dispatcher(registry, lookup,
-                            dispatchOptionsFor(options, std::move(access), *health, metrics,
-                                               metricsAllowed, serverSeen));
+  // One follower of the backend's changes for every event stream.
+  ChangeFeed feed{ChangeFeed::Options()};
+  gw::EventHub events(feed, access, lookup,
+                      [](const std::string& token) { return SessionStore::instance().alive(token); },
+                      options.events);
+  feed.setListener([&events](const ChangeFeed::Events& fresh) { events.publish(fresh); });
+  gw::DispatchOptions dispatchOptions = dispatchOptionsFor(options, std::move(access), *health,
+                                                           metrics, metricsAllowed, serverSeen);
+  dispatchOptions.metricsText = [text = dispatchOptions.metricsText, &events] {
+    return text() + events.metricsText();
+  };
+  gw::Dispatcher dispatcher(registry, lookup, std::move(dispatchOptions));
   gw::HttpServer server(config, dispatcher, *logs.access);
+  server.setEvents(&events);
   serverSeen = &server;
   health->start();
   if (!server.start(&error)) {
@@ -177,15 +189,20 @@ int serve(const gw::GatewayOptions& options, const gw::GatewayPaths& paths,
     health->stop();
     return 1;
   }
+  feed.start();
+  events.start();
   printf("listening on %s:%d\n", config.host.c_str(), server.port());
   fflush(stdout);
   // A stop before run() has started is kept and carried out when it does.
   // logrotate has moved the files away on SIGHUP: write to new ones by the
   // same names.
-  signals.start([&server] { server.stop(); },
+  // Streams end first: they would hold the loops.
+  signals.start([&server, &events] { events.stop(); server.stop(); },
                 [&paths, &logs] { gw::reopenLogs(paths, logs.access.get(), logs.audit.get()); });
   server.run();
   signals.finish();
+  events.stop();
+  feed.stop();
   health->stop();
   return 0;
 }

@@ -2,6 +2,7 @@
 
 #include "metrics.h"
 #include "remote_backend.h"
+#include "simulate_options.h"
 #include "verify_code.h"
 
 namespace gw {
@@ -54,6 +55,8 @@ const NumberOption kNumbers[] = {
     {"--verify-code-lifetime", 1, 3600, "seconds", NOX_SETTER(verifyCodeLifetime)},
     {"--state-timeout-ms", 10, 60000, "milliseconds", NOX_SETTER(stateTimeoutMs)},
     {"--backend-timeout", 1, 3600, "seconds", NOX_SETTER(backendTimeout)},
+    {"--events-per-session", 1, 1000, "a number", NOX_SETTER(events.perSession)},
+    {"--events-max", 1, 1000000, "a number", NOX_SETTER(events.total)},
 };
 #undef NOX_SETTER
 
@@ -133,7 +136,7 @@ OptionVerdict takeCheckedValue(const CommandOption& option, GatewayOptions* opti
       return kOptionRefused;
     }
   } else {
-    return kOptionUnknown;
+    return takeSimulateOption(option, &options->simulation, error);
   }
   return kOptionTaken;
 }
@@ -201,7 +204,8 @@ std::string usageFilesAndLogs() {
          "                          --backend only for the files of --tls-self-signed\n"
          "  --backend tcp://HOST:PORT  use nox-backend at HOST:PORT instead of the simulated\n"
          "                          backend in this process\n"
-         "  --init-password PW      demo users' password on first start (default: generated)\n"
+         "  --init-password PW      demo users' password on first start (default: generated)\n" +
+         simulateUsageText() +
          "  --log FILE              trace log (default stderr)\n"
          "  --log-level LEVEL       trace, debug, info, warn, error, off (default " +
          kDefaults.logLevel +
@@ -255,7 +259,11 @@ std::string usageServer() {
          ")\n"
          "  --max-body BYTES        largest JSON body or upload (default " +
          number(kDefaults.server.maxBody) +
-         ")\n";
+         ")\n"
+         "  --events-per-session N  event streams (GET /events) one session may hold open\n"
+         "                          (default " + number(static_cast<long long>(kDefaults.events.perSession)) + ")\n"
+         "  --events-max N          event streams the gateway holds open (default " +
+         number(static_cast<long long>(kDefaults.events.total)) + ")\n";
 }
 
 // Sessions, who may call what, and HTTPS.

@@ -10,7 +10,9 @@
 #include <vector>
 
 #include "command_line.h"
+#include "event_stream.h"
 #include "http_server.h"
+#include "sim_backend.h"
 
 namespace gw {
 
@@ -37,6 +39,9 @@ struct GatewayOptions {
   int verifyCodeLifetime = 0;  // 0: VerifyCodeStore::kDefaultLifetime
   int stateTimeoutMs = 500;  // per Redis command and connection attempt
   int backendTimeout = 0;    // 0: the host's default
+  EventLimits events;  // --events-per-session, --events-max
+  // --simulate, --simulate-seed: the in-process backend's simulation.
+  SimBackendOptions simulation;
   // Switches.
   bool accessLogJson = false;  // --log-format json
   bool tlsSelfSigned = false;

@@ -9,6 +9,7 @@
 #include "qpn_debug_kit.h"
 #include "qpn_exception.h"
 #include "reply_json.h"
+#include "tlv_backend.h"
 
 namespace gw {
 
@@ -69,6 +70,8 @@ HttpOutput invokeOperation(const CSpecifyProc::Route& route, const std::string& 
   try {
     SpecifyOpPrivData privData;
     if (!route.op->isSupport(method, resource, privData)) return methodNotAllowed();
+    // The backend answers texts it keeps in both languages in the request's.
+    CallLanguageScope language(request.getSessionInfo().language());
     const int result = route.op->op(method, resource, request, response);
     if (result == -1 && untouched(response)) return methodNotAllowed();
     if (result != 0 && result != -1) {

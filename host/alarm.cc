@@ -7,6 +7,7 @@
 #include <map>
 #include <string>
 
+#include "alarm_row.h"
 #include "backend_protocol.h"
 #include "operation_base.h"
 #include "tlv_backend.h"
@@ -71,7 +72,9 @@ std::string textOf(const CR3MRecordV3& record, unsigned short tag) {
   return cell == nullptr ? std::string() : cell->toString();
 }
 
-Json::Value alarmJson(const CR3MRecordV3& record) {
+}  // namespace
+
+Json::Value alarmRowJson(const CR3MRecordV3& record) {
   Json::Value alarm(Json::objectValue);
   alarm["id"] = static_cast<Json::UInt64>(numberOf(record, proto::kTagAlarmId));
   alarm["severity"] = static_cast<Json::UInt64>(numberOf(record, proto::kTagAlarmSeverity));
@@ -82,8 +85,6 @@ Json::Value alarmJson(const CR3MRecordV3& record) {
   alarm["detail"] = textOf(record, proto::kTagAlarmDetail);
   return alarm;
 }
-
-}  // namespace
 
 int queryAlarm(unsigned long long command, CRequestMsg& request, CResponseMsg& response,
                bool history) {
@@ -137,7 +138,7 @@ int parseAlarms(CRequestMsg& request, CResponseMsg& response, bool history) {
   Json::Value alarms(Json::arrayValue);
   unsigned long long total = 0;
   try {
-    for (size_t i = 1; i < response.size(); ++i) alarms.append(alarmJson(response.recordAt(i)));
+    for (size_t i = 1; i < response.size(); ++i) alarms.append(alarmRowJson(response.recordAt(i)));
     total = alarms.size();
     if (response.size() > 0 && response.recordAt(0).has(proto::kTagTotal)) {
       total = numberOf(response.recordAt(0), proto::kTagTotal);

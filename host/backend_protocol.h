@@ -93,6 +93,27 @@ constexpr unsigned short kTagLoginMark = 76;    // reply: 3 or 4 marks state 8
 constexpr unsigned short kTagUserState = 64;    // reply: 3 -> 1, 4 -> 3, 5 -> 4
 constexpr unsigned short kTagPasswordState = 78;  // reply: 2 -> state 2
 
+// The change log: every change of a task or an alarm gets the next sequence
+// number. "Changes after N" is a long poll: the backend holds the call until
+// there is a change after N or the wait is over (then it answers with none).
+constexpr uint32_t kChangesAfter = 0x00C900A0;
+constexpr unsigned short kTagChangeAfter = 1;  // uint64, the last sequence number the caller has
+constexpr unsigned short kTagChangeWait = 2;   // uint32, milliseconds to hold the call at most
+constexpr unsigned short kTagChangeLimit = 3;  // uint32, changes at most
+constexpr unsigned short kTagChangeTail = 4;   // uint32, 1: the newest `limit` changes instead
+// Reply record 0: where the log stands.
+constexpr unsigned short kTagChangeHead = 1;   // uint64, the newest sequence number (0: none yet)
+constexpr unsigned short kTagChangeFloor = 2;  // uint64, changes up to this one are not kept
+// Records 1..: one per change, in order, the changed row as it is now: a
+// task record (command: the task list's) or an alarm record (the alarm
+// list's), with these cells added.
+constexpr unsigned short kTagChangeSeq = 0x70;      // uint64
+constexpr unsigned short kTagChangeKind = 0x71;     // uint32, kChangeTask or kChangeAlarm
+constexpr unsigned short kTagAlarmNameZh = 0x72;    // string, the alarm's name in Chinese
+constexpr unsigned short kTagAlarmDetailZh = 0x73;  // string, its detail in Chinese
+constexpr uint32_t kChangeTask = 1;
+constexpr uint32_t kChangeAlarm = 2;
+
 // Backend error codes.
 constexpr long long kErrInvalidArgument = 0x03000003;
 constexpr long long kErrNotFound = 0x03000004;

@@ -40,6 +40,12 @@ bool MemoryStateStore::touchSession(const std::string& key, time_t now, int idle
   return false;
 }
 
+bool MemoryStateStore::sessionAlive(const std::string& key, time_t now, int idleSeconds) {
+  std::lock_guard<std::mutex> lock(sessionMutex_);
+  auto it = sessions_.find(key);
+  return it != sessions_.end() && now - it->second.lastSeen < idleSeconds;
+}
+
 bool MemoryStateStore::removeSession(const std::string& key, StoredSession* session) {
   std::lock_guard<std::mutex> lock(sessionMutex_);
   auto it = sessions_.find(key);

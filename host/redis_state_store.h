@@ -84,6 +84,7 @@ class HOST_API RedisStateStore : public StateStore {
   bool touchSession(const std::string& key, time_t now, int idleSeconds,
                     const std::string& infoPrefix, StoredSession* session,
                     bool* expired) override;
+  bool sessionAlive(const std::string& key, time_t now, int idleSeconds) override;
   bool removeSession(const std::string& key, StoredSession* session) override;
   bool setSessionState(const std::string& key, const Json::Value& state) override;
   void expireSessions(time_t now, int idleSeconds, std::vector<std::string>* ended) override;

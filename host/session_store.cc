@@ -127,6 +127,15 @@ bool SessionStore::lookup(const std::string& token, CSessionInfo& info) {
   return true;
 }
 
+bool SessionStore::alive(const std::string& token) {
+  if (token.empty()) return false;
+  try {
+    return stateStore()->sessionAlive(keyOf(token), impl_->now(), impl_->idle());
+  } catch (const StateStoreError& e) {
+    throwStateUnavailable("SessionStore", "alive", e);
+  }
+}
+
 bool SessionStore::remove(const std::string& token) {
   if (token.empty()) return false;
   StoredSession stored;

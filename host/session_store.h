@@ -44,6 +44,10 @@ class HOST_API SessionStore {
   // attribute, device, user, language) and returns true. An unknown or
   // expired token returns false and leaves `info` alone.
   bool lookup(const std::string& token, CSessionInfo& info);
+  // Whether the session of `token` lives now. Unlike lookup(), the idle
+  // timer is not restarted: an event stream asks this, and a stream open is
+  // no request of its user's. Throws like lookup() when the store cannot say.
+  bool alive(const std::string& token);
   // Ends the session of `token`. Returns false when there was none.
   bool remove(const std::string& token);
   // Drops sessions idle for longer than the idle time-out; returns how many.

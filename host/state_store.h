@@ -100,6 +100,10 @@ class HOST_API StateStore {
   virtual bool touchSession(const std::string& key, time_t now, int idleSeconds,
                             const std::string& infoPrefix, StoredSession* session,
                             bool* expired) = 0;
+  // Whether the session is live now, without restarting its idle time (a
+  // watcher such as an event stream is no activity of the user's). Unknown,
+  // idle or ended: false; nothing is changed.
+  virtual bool sessionAlive(const std::string& key, time_t now, int idleSeconds) = 0;
   // Ends a session; fills *session with what it was. False when there was none.
   virtual bool removeSession(const std::string& key, StoredSession* session) = 0;
   // Sets the session's state attribute. False when there is no such session.

@@ -31,7 +31,34 @@ struct TlvCall {
   std::string interfaceVersion;
   int timeout;  // seconds
   CommunicationTarget::TargetType target;
+  // The language of the request that makes the call ("en" or "zh"; "" when
+  // none is known): texts the backend keeps in both languages, such as the
+  // alarms' names, come in this one. See CallLanguageScope.
+  std::string language = std::string();
 };
+
+// Names the language of the request this thread serves, for as long as the
+// scope lives: every call that sendMessage makes on this thread meanwhile
+// carries it in TlvCall::language. The packages stay as the plug-in built
+// them. Scopes nest; the inner one wins until it ends.
+//
+//   CallLanguageScope language(request.getSessionInfo().language());
+//   op->op(...);   // its backend calls carry "zh" or "en"
+//
+// Thread-safety: the language is the thread's own.
+class HOST_API CallLanguageScope {
+ public:
+  explicit CallLanguageScope(std::string language);
+  ~CallLanguageScope();
+  CallLanguageScope(const CallLanguageScope&) = delete;
+  CallLanguageScope& operator=(const CallLanguageScope&) = delete;
+
+ private:
+  std::string previous_;
+};
+
+// The language the innermost CallLanguageScope of this thread names; "" when none.
+HOST_API std::string callLanguage();
 
 class HOST_API TlvBackend {
  public:

@@ -1,6 +1,8 @@
 #include <chrono>
 #include <memory>
 #include <mutex>
+#include <string>
+#include <utility>
 
 #include "host_counters.h"
 #include "qpn_debug_kit.h"
@@ -22,7 +24,17 @@ std::shared_ptr<TlvBackend>& backendSlot() {
   return backend;
 }
 
+thread_local std::string tCallLanguage;
+
 }  // namespace
+
+CallLanguageScope::CallLanguageScope(std::string language) : previous_(std::move(tCallLanguage)) {
+  tCallLanguage = std::move(language);
+}
+
+CallLanguageScope::~CallLanguageScope() { tCallLanguage = std::move(previous_); }
+
+std::string callLanguage() { return tCallLanguage; }
 
 std::shared_ptr<TlvBackend> installTlvBackend(std::shared_ptr<TlvBackend> backend) {
   std::lock_guard<std::mutex> lock(backendMutex());
@@ -55,7 +67,7 @@ int CTlvMsg::sendMessage(const CDeviceID& device, const UserContext& user, CR3MP
     guard.error(0, "sendMessage", __LINE__, "no backend for command 0x%08X", command);
     throw QPNExceptionWithErrCode_(kErrBackendUnavailable, kSource, __LINE__, false, nullptr);
   }
-  TlvCall call{device, user, std::move(interfaceVersion), timeout, target};
+  TlvCall call{device, user, std::move(interfaceVersion), timeout, target, tCallLanguage};
   long long code = 0;
   // The backend runs on this thread: the time-out cannot cut it short, but
   // an answer that comes after it is not used. Two clock reads per call keep

@@ -228,6 +228,7 @@ std::string callBody(const TlvCall& call, const CR3MPackageV3& request) {
   putU32(&out, static_cast<uint32_t>(call.timeout));
   putU8(&out, static_cast<uint8_t>(call.target));
   putPackage(&out, request);
+  putText(&out, call.language);
   return out;
 }
 
@@ -249,6 +250,7 @@ bool parseCallBody(const std::string& body, WireCall* call, CR3MPackageV3* reque
   }
   call->target = static_cast<CommunicationTarget::TargetType>(target);
   if (!in.failed()) getPackage(in, request);
+  call->language = in.text("language");
   return in.finish(error);
 }
 

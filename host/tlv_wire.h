@@ -35,7 +35,7 @@
 namespace tlvwire {
 
 constexpr uint16_t kMagic = 0x584E;
-constexpr uint8_t kWireVersion = 1;
+constexpr uint8_t kWireVersion = 2;  // 2: calls carry their language
 constexpr size_t kHeaderBytes = 12;
 // The largest frame (length field included): room for an upload of up to
 // 16 MiB with its path.
@@ -67,8 +67,11 @@ struct WireCall {
   std::string interfaceVersion;
   int timeout = 0;
   CommunicationTarget::TargetType target = CommunicationTarget::TARGET_BACKEND;
+  std::string language;
 
-  TlvCall view() const { return TlvCall{device, user, interfaceVersion, timeout, target}; }
+  TlvCall view() const {
+    return TlvCall{device, user, interfaceVersion, timeout, target, language};
+  }
 };
 
 // A whole frame: the header for `kind` and `callId`, then `body`. The caller
@@ -80,7 +83,8 @@ HOST_API std::string frame(FrameKind kind, uint32_t callId, const std::string& b
 HOST_API bool parseHeader(const char* bytes, FrameHeader* header, std::string* error);
 
 // The body of a kCall frame and its reading. On failure, *error says what
-// is wrong and the outputs are unspecified.
+// is wrong and the outputs are unspecified. The call's language comes last,
+// after the package.
 HOST_API std::string callBody(const TlvCall& call, const CR3MPackageV3& request);
 HOST_API bool parseCallBody(const std::string& body, WireCall* call, CR3MPackageV3* request,
                             std::string* error);

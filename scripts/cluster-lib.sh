@@ -4,7 +4,7 @@
 #
 #   CLUSTER_DIR=/tmp/x CLUSTER_BIN=build-run/bin
 #   cluster_redis 6380            # redis-server, data in $CLUSTER_DIR/redis (append-only)
-#   cluster_backend 7070 PW       # nox-backend, data in $CLUSTER_DIR/backend
+#   cluster_backend 7070 PW ARGS..  # nox-backend, data in $CLUSTER_DIR/backend
 #   cluster_gateway a 8081 ARGS.. # nox-gateway named a, with --state and --backend
 #   cluster_nginx 8080 8081 8082  # nginx on 8080, round robin over the gateways
 #   cluster_stop                  # stops everything started (also on exit)
@@ -41,11 +41,13 @@ cluster_redis() {  # PORT
   return 1
 }
 
-cluster_backend() {  # PORT PASSWORD
+cluster_backend() {  # PORT PASSWORD [more nox-backend options...]
   local port=$1 dir="$CLUSTER_DIR/backend"
   mkdir -p "$dir"
   local args=(--listen "127.0.0.1:$port" --data "$dir/data" --log "$dir/trace.log")
   [ -n "${2:-}" ] && args+=(--init-password "$2")
+  shift 2 || shift $#
+  args+=("$@")
   "$CLUSTER_BIN/nox-backend" "${args[@]}" >"$dir/out.log" 2>&1 &
   CLUSTER_PIDS+=($!)
   cluster_wait_listening "$dir/out.log" "$!"
@@ -84,6 +86,17 @@ $servers    keepalive 64;
   server {
     listen 127.0.0.1:$port;
     client_max_body_size 3m;
+    # Server-sent events go out as they come: no buffering, and a stream
+    # may stay quiet between the gateway's heartbeats.
+    location ~ ^(/v1)?/events\$ {
+      proxy_pass http://gateways;
+      proxy_http_version 1.1;
+      proxy_set_header Connection "";
+      proxy_set_header Host \$host;
+      proxy_set_header X-Forwarded-For \$remote_addr;
+      proxy_buffering off;
+      proxy_read_timeout 1h;
+    }
     location / {
       proxy_pass http://gateways;
       proxy_http_version 1.1;

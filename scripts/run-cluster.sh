@@ -36,7 +36,8 @@ REDIS=$((PORT + 20)) BACKEND=$((PORT + 10)) A=$((PORT + 1)) B=$((PORT + 2))
 cluster_log "redis-server on 127.0.0.1:$REDIS"
 cluster_redis "$REDIS" || { echo "run-cluster: redis-server did not start (port $REDIS taken?)"; exit 1; }
 cluster_log "nox-backend on 127.0.0.1:$BACKEND"
-cluster_backend "$BACKEND" "${NOX_INIT_PASSWORD:-}" ||
+# The backend's tasks run: a simulation step every NOX_SIMULATE seconds.
+cluster_backend "$BACKEND" "${NOX_INIT_PASSWORD:-}" --simulate "${NOX_SIMULATE:-2}" ||
   { echo "run-cluster: nox-backend did not start (port $BACKEND taken?)"; exit 1; }
 # nginx (127.0.0.1) names each client in X-Forwarded-For; the gateways
 # believe it, so that the login throttle counts per client, not per balancer.

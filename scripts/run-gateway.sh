@@ -24,7 +24,9 @@ cmake -S . -B "$BUILD" -DCMAKE_BUILD_TYPE=Release -DNOX_BUILD_TESTS=OFF -DNOX_BU
 cmake --build "$BUILD" -j "${JOBS:-2}" >"$BUILD/build.log" 2>&1 ||
   { tail -50 "$BUILD/build.log"; echo "run-gateway: build failed, see $BUILD/build.log"; exit 1; }
 
-args=(--listen "127.0.0.1:$PORT" --data "$DATA" --log "$BUILD/gateway-trace.log")
+# The backend's tasks run: a simulation step every NOX_SIMULATE seconds.
+args=(--listen "127.0.0.1:$PORT" --data "$DATA" --log "$BUILD/gateway-trace.log"
+      --simulate "${NOX_SIMULATE:-2}")
 if [ -n "${NOX_INIT_PASSWORD:-}" ]; then args+=(--init-password "$NOX_INIT_PASSWORD"); fi
 OUT="$BUILD/gateway.out"
 : >"$OUT"

@@ -80,7 +80,7 @@ int main(int argc, char** argv) {
   }
   // Before any other thread: the server's threads inherit the blocked signals.
   SignalThread signals(SignalThread::kLeaveHangUp);
-  SimBackendOptions backendOptions;
+  SimBackendOptions backendOptions = options.simulation;
   backendOptions.dataDir =
       options.dataDir.empty() ? home + "/data" : absoluteFrom(startDir, options.dataDir);
   backendOptions.initPassword = options.initPassword;

@@ -1,9 +1,14 @@
 // The alarms page: GET /alarm/historyalarm a page at a time (start, limit),
 // filtered by severity and the time the alarm was raised, and the total of
-// the matching alarms from GET /alarm/historyalarm/count.
+// the matching alarms from GET /alarm/historyalarm/count. The times are
+// typed in the interface language's format ("11/14/2023 22:13" or
+// "2023-11-14 22:13"), the one every time on the console is shown in, not
+// in a date picker that speaks the browser's language.
 import {api} from './api.js';
 import {byId, el, say} from './dom.js';
-import {codeText, enumLabel, errorText, formatTime, t} from './i18n.js';
+import {subscribe} from './live.js';
+import {codeText, enumLabel, errorText, formatTime, formatTypedTime, parseTime, t}
+  from './i18n.js';
 
 let start = 0;
 let total = 0;
@@ -11,19 +16,35 @@ let rows = [];
 let active = false;
 let lastError = null;
 
-// A datetime-local value as seconds since the epoch; "" stays "".
-function epoch(value) {
-  if (!value) return '';
-  const ms = new Date(value).getTime();
-  return Number.isNaN(ms) ? '' : String(Math.floor(ms / 1000));
+const TIME_FIELDS = ['alarms-begin', 'alarms-end'];
+// What each time field last held, read: seconds since the epoch or "".
+// Kept so that a change of language can write it again in the new format.
+const typed = {'alarms-begin': '', 'alarms-end': ''};
+
+// Reads the time fields; false (and the field marked) when one is not a
+// time in the current format.
+function readTimes() {
+  for (const id of TIME_FIELDS) {
+    const seconds = parseTime(byId(id).value);
+    byId(id).setAttribute('aria-invalid', String(seconds === null));
+    if (seconds === null) return false;
+    typed[id] = seconds;
+  }
+  return true;
 }
 
 function conditions() {
   return {
     severity: byId('alarms-severity').value,
-    begintime: epoch(byId('alarms-begin').value),
-    endtime: epoch(byId('alarms-end').value),
+    begintime: String(typed['alarms-begin']),
+    endtime: String(typed['alarms-end']),
   };
+}
+
+// The example of the format in the error text: this very minute.
+function badTimeError() {
+  const now = Math.floor(Date.now() / 1000);
+  return {local: t('alarms.badTime', {format: t('alarms.timeFormat'), example: formatTypedTime(now)})};
 }
 
 function limit() {
@@ -32,6 +53,10 @@ function limit() {
 
 function showError(error) {
   lastError = error;
+  if (error?.local) {
+    say(byId('alarms-error'), error.local);
+    return;
+  }
   say(byId('alarms-error'), error ? `${errorText(error)} (${t('code')} ${codeText(error.code)})` : '');
 }
 
@@ -73,8 +98,23 @@ async function load() {
   }
 }
 
+// An alarm raised or cleared (a live update, live.js) or a reset: the
+// page and its total are read again, so a new alarm raises the total.
+const SETTLE_MS = 800;
+let soon = 0;
+
 export function init() {
+  const readSoon = () => {
+    if (!active) return;
+    window.clearTimeout(soon);
+    soon = window.setTimeout(load, SETTLE_MS);
+  };
+  subscribe({alarm: readSoon, reset: readSoon});
   byId('alarms-filters').addEventListener('change', () => {
+    if (!readTimes()) {
+      showError(badTimeError());
+      return;
+    }
     start = 0;
     load();
   });
@@ -98,6 +138,11 @@ export function leave() {
 }
 
 export function retranslate() {
+  for (const id of TIME_FIELDS) {
+    if (byId(id).getAttribute('aria-invalid') !== 'true') {
+      byId(id).value = typed[id] === '' ? '' : formatTypedTime(typed[id]);
+    }
+  }
   render();
-  showError(lastError);
+  showError(lastError?.local ? badTimeError() : lastError);
 }

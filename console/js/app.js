@@ -1,9 +1,11 @@
 // The console's shell: which page shows, who is signed in, the interface
 // language, sign-out and the reaction to a lost session. Pages are picked by
 // the URL's fragment (#/tasks, #/alarms ...), which never holds anything
-// secret.
+// secret. A page asked for without a session (an expired one, or an address
+// opened signed out) is remembered, and signing in goes back to it.
 import {api, onSessionLost} from './api.js';
 import {byId, say} from './dom.js';
+import {setSignedIn} from './live.js';
 import {currentLanguage, setLanguage, t, translatePage} from './i18n.js';
 import * as signin from './signin.js';
 import * as tasks from './tasks.js';
@@ -26,10 +28,18 @@ const PAGE_CALLS = {
 let session = null;  // {userName, scope, language} of GET /sessions, never the token
 let current = null;  // the page shown
 let noticeKey = '';  // the notice shown above the page, as a text key
+let returnTo = '';  // the page to show once signed in again ("" for the default)
 
 function notice(key) {
   noticeKey = key;
-  say(byId('notice'), key ? t(key) : '');
+  const back = key && returnTo ? ` ${t('signin.returnTo', {page: t(`nav.${returnTo}`)})}` : '';
+  say(byId('notice'), key ? t(key) + back : '');
+}
+
+// The page named by the address, when it is one.
+function pageInAddress() {
+  const name = window.location.hash.replace(/^#\/?/, '');
+  return name !== 'signin' && PAGES[name] ? name : '';
 }
 
 // Whether the session may make `call` ("POST /kestrel_cert/import_crl").
@@ -80,14 +90,26 @@ function route() {
   section.querySelector('h1').focus();
 }
 
+// Asks the gateway whether the browser is signed in: GET /console/session
+// answers 200 either way (a signed-out visit leaves no failed request in
+// the browser's log); only then GET /sessions for the session's facts.
 async function loadSession() {
   try {
-    const answer = await api('GET', '/sessions', {isPublic: true});
-    session = answer.data;
+    const probe = await api('GET', '/console/session', {isPublic: true});
+    session = probe.data?.signedIn ? (await api('GET', '/sessions', {isPublic: true})).data : null;
   } catch (e) {
     session = null;
   }
   showAccount();
+  setSignedIn(Boolean(session));
+}
+
+// The page to show after a sign-in: the remembered one when the new
+// session may open it.
+function pageAfterSignIn() {
+  const page = returnTo;
+  returnTo = '';
+  return page && PAGES[page] && mayOpen(page) ? page : DEFAULT_PAGE;
 }
 
 const context = {
@@ -95,7 +117,7 @@ const context = {
   async signedIn() {
     await loadSession();
     notice('');
-    window.location.hash = `#/${DEFAULT_PAGE}`;
+    window.location.hash = `#/${pageAfterSignIn()}`;
     route();
   },
   language: currentLanguage,
@@ -113,9 +135,12 @@ function retranslate() {
   for (const page of Object.values(PAGES)) page.retranslate?.();
 }
 
-function sessionEnded(key) {
+// `key` is the notice; `keepPlace` remembers the page to come back to.
+function sessionEnded(key, keepPlace) {
   const page = current;
+  returnTo = keepPlace && page && page !== 'signin' ? page : '';
   session = null;
+  setSignedIn(false);
   showAccount();
   if (page) {
     PAGES[page].leave?.();
@@ -132,7 +157,7 @@ async function signOut() {
   } catch (e) {
     // The session is gone either way; a lost one has already been reported.
   }
-  sessionEnded('signin.signedOut');
+  sessionEnded('signin.signedOut', false);
 }
 
 async function start() {
@@ -140,15 +165,18 @@ async function start() {
   for (const page of Object.values(PAGES)) page.init(context);
   retranslate();
   byId('lang-switch').addEventListener('click', () => {
-    setLanguage(currentLanguage() === 'zh' ? 'en' : 'zh');
+    setLanguage(currentLanguage() === 'zh' ? 'en' : 'zh', true);
     retranslate();
   });
   byId('sign-out').addEventListener('click', signOut);
   onSessionLost(() => {
-    if (session) sessionEnded('signin.expired');
+    if (session) sessionEnded('signin.expired', true);
   });
   window.addEventListener('hashchange', route);
   await loadSession();
+  // An address opened signed out (a bookmark, a reload after the session
+  // ended) is where the sign-in leads.
+  if (!session) returnTo = pageInAddress();
   route();
 }
 

@@ -1,8 +1,10 @@
 // The certificates page: a CA certificate (POST /kestrel_cert/import_cert or
 // /kestrel_hypervisor/import_cert) or a CRL (POST /kestrel_cert/import_crl)
-// uploaded as multipart/form-data with a progress bar. A file over 1 MiB is
-// refused here, before a byte is sent; the backend's verdict shows with its
-// readable text and its code.
+// uploaded as multipart/form-data with a progress bar. An empty file and
+// one over 1 MiB are refused here, before a byte is sent; the backend's
+// verdict shows with its readable text and its code. The file fields are a
+// translated button (a label) over the browser's own, visually hidden,
+// input, so that no text of the browser's language shows.
 import {ApiError, MAX_UPLOAD_BYTES, upload} from './api.js';
 import {byId, el} from './dom.js';
 import {codeText, errorText, t} from './i18n.js';
@@ -31,6 +33,8 @@ function showVerdict(kind) {
     box.replaceChildren(el('strong', {}, t('certs.tooLarge', {size: verdict.size})));
   } else if (verdict.outcome === 'no-file') {
     box.replaceChildren(el('strong', {}, t('certs.noFile')));
+  } else if (verdict.outcome === 'empty') {
+    box.replaceChildren(el('strong', {}, t('certs.empty')));
   } else {
     const error = verdict.error;
     box.dataset.code = String(error.code);
@@ -41,12 +45,26 @@ function showVerdict(kind) {
   }
 }
 
+// The chosen file's name beside the button, or "No file chosen".
+function showFileName(kind) {
+  const file = byId(`${kind}-file`).files[0];
+  byId(`${kind}-file-name`).textContent = file ? file.name : t('certs.noneChosen');
+}
+
+// Back to an empty bar, hidden: the verdict says how the upload ended.
+function resetProgress(progress) {
+  progress.value = 0;
+  progress.hidden = true;
+}
+
 async function send(kind, route, input) {
   const progress = byId(`${kind}-progress`);
   const file = input.files[0];
-  progress.hidden = true;
+  resetProgress(progress);
   if (!file) {
     verdicts[kind] = {outcome: 'no-file'};
+  } else if (file.size === 0) {
+    verdicts[kind] = {outcome: 'empty'};
   } else if (file.size > MAX_UPLOAD_BYTES) {
     verdicts[kind] = {outcome: 'too-large', size: file.size};
   } else {
@@ -66,6 +84,7 @@ async function send(kind, route, input) {
     } catch (e) {
       verdicts[kind] = {outcome: 'refused', error: e instanceof ApiError ? e : new ApiError(0, 0, '')};
     }
+    resetProgress(progress);
   }
   showVerdict(kind);
 }
@@ -85,7 +104,8 @@ export function init(app) {
   for (const kind of ['cert', 'crl']) {
     byId(`${kind}-file`).addEventListener('change', () => {
       verdicts[kind] = null;
-      byId(`${kind}-progress`).hidden = true;
+      resetProgress(byId(`${kind}-progress`));
+      showFileName(kind);
       showVerdict(kind);
     });
   }
@@ -102,6 +122,8 @@ export function enter() {
 }
 
 export function retranslate() {
+  showFileName('cert');
+  showFileName('crl');
   showVerdict('cert');
   showVerdict('crl');
 }

@@ -4,7 +4,8 @@
 //   setLanguage('zh'); t('nav.tasks') === '任务'
 //   t('tasks.range', {from: 1, to: 10, total: 26}) === '第 1–10 条，共 26 条'
 //
-// The language lives in this module only (never in the page's storage).
+// The chosen language is kept in the browser's localStorage (the one thing
+// the console keeps there), so that a reload keeps it.
 
 const TEXTS = {
   en: {
@@ -32,6 +33,8 @@ const TEXTS = {
     'signin.signedOut': 'You have signed out.',
     'signin.codeFailed': 'The verification code could not be fetched.',
     'signin.codeExpired': 'The verification code had expired. Type the characters of the new picture.',
+    'signin.codeRenewed': 'The previous picture expired, so here is a new one.',
+    'signin.returnTo': 'Signing in takes you back to {page}.',
     'scope.0': 'Administrator',
     'scope.1': 'Auditor',
     'scope.4': 'API client',
@@ -55,8 +58,11 @@ const TEXTS = {
     'tasks.ended': 'Ended',
     'tasks.resource': 'Resource',
     'tasks.sort': 'Sort by',
-    'tasks.auto': 'Refresh every 10 s',
+    'tasks.auto': 'Update automatically',
+    'tasks.live': 'Live: progress and states update as they change.',
+    'tasks.polling': 'Live updates are not available; the list refreshes every 10 s.',
     'tasks.open': 'Open task {name}',
+    'tasks.progressOf': 'Progress of {name}',
     'tasks.detail': 'Progress details',
     'tasks.detailLanguage': 'Details in',
     'tasks.errorInfo': 'Error',
@@ -75,8 +81,10 @@ const TEXTS = {
     'alarms.detail': 'Detail',
     'alarms.from': 'Raised from',
     'alarms.to': 'Raised until',
-    'alarms.total': 'Alarms in total',
+    'alarms.total': 'Alarms in total: ',
     'alarms.notCleared': 'Not cleared',
+    'alarms.timeFormat': 'MM/DD/YYYY hh:mm',
+    'alarms.badTime': 'Write the time as {format}, e.g. {example}.',
     'certs.title': 'Certificates and CRLs',
     'certs.intro': 'Files of at most 1 MiB (1048576 bytes). A CA certificate as PEM, DER, CRT or CER; a CRL as PEM or CRL.',
     'certs.caTitle': 'Import a CA certificate',
@@ -84,19 +92,27 @@ const TEXTS = {
     'certs.target': 'Trusted by',
     'certs.targetGateway': 'Backup system',
     'certs.targetHypervisor': 'Virtualization platforms',
-    'certs.file': 'File',
-    'certs.upload': 'Upload',
+    'certs.caFile': 'CA certificate file',
+    'certs.crlFile': 'CRL file',
+    'certs.choose': 'Choose file…',
+    'certs.noneChosen': 'No file chosen',
+    'certs.uploadCa': 'Upload certificate',
+    'certs.uploadCrl': 'Upload CRL',
+    'certs.caProgress': 'Certificate upload',
+    'certs.crlProgress': 'CRL upload',
     'certs.noFile': 'Choose a file first.',
+    'certs.empty': 'The file is empty (0 bytes). It was not sent.',
     'certs.tooLarge': 'The file has {size} bytes, more than 1048576 (1 MiB). It was not sent.',
     'certs.uploading': 'Sending… {percent} %',
     'certs.imported': 'Imported.',
-    'certs.refused': 'Refused by the backend.',
+    'certs.refused': 'The file was not imported.',
     'storage.title': 'Database-backup storage',
     'storage.name': 'Name',
     'storage.type': 'Storage type',
     'storage.path': 'Path',
     'storage.capacity': 'Capacity',
     'storage.used': 'Used',
+    'storage.meter': 'Share of the capacity used',
     'storage.retention': 'Retention',
     'storage.days': '{days} days',
     'storage.result': 'Last check',
@@ -128,6 +144,8 @@ const TEXTS = {
     'signin.signedOut': '您已退出。',
     'signin.codeFailed': '无法获取验证码。',
     'signin.codeExpired': '验证码已过期，请输入新图片中的字符。',
+    'signin.codeRenewed': '上一张图片已过期，已换成新图片。',
+    'signin.returnTo': '登录后将回到“{page}”页面。',
     'scope.0': '管理员',
     'scope.1': '审计员',
     'scope.4': 'API 客户端',
@@ -151,8 +169,11 @@ const TEXTS = {
     'tasks.ended': '结束时间',
     'tasks.resource': '资源',
     'tasks.sort': '排序',
-    'tasks.auto': '每 10 秒刷新',
+    'tasks.auto': '自动更新',
+    'tasks.live': '实时：进度和状态随变化更新。',
+    'tasks.polling': '实时更新不可用，列表每 10 秒刷新一次。',
     'tasks.open': '打开任务 {name}',
+    'tasks.progressOf': '{name} 的进度',
     'tasks.detail': '进度详情',
     'tasks.detailLanguage': '详情语言',
     'tasks.errorInfo': '错误',
@@ -171,8 +192,10 @@ const TEXTS = {
     'alarms.detail': '详情',
     'alarms.from': '产生时间起',
     'alarms.to': '产生时间止',
-    'alarms.total': '告警总数',
+    'alarms.total': '告警总数：',
     'alarms.notCleared': '未清除',
+    'alarms.timeFormat': 'YYYY-MM-DD hh:mm',
+    'alarms.badTime': '请按 {format} 的格式填写时间，例如 {example}。',
     'certs.title': '证书与吊销列表',
     'certs.intro': '文件最大 1 MiB（1048576 字节）。CA 证书可为 PEM、DER、CRT 或 CER 格式；吊销列表可为 PEM 或 CRL 格式。',
     'certs.caTitle': '导入 CA 证书',
@@ -180,19 +203,27 @@ const TEXTS = {
     'certs.target': '信任方',
     'certs.targetGateway': '备份系统',
     'certs.targetHypervisor': '虚拟化平台',
-    'certs.file': '文件',
-    'certs.upload': '上传',
+    'certs.caFile': 'CA 证书文件',
+    'certs.crlFile': '吊销列表文件',
+    'certs.choose': '选择文件…',
+    'certs.noneChosen': '未选择文件',
+    'certs.uploadCa': '上传证书',
+    'certs.uploadCrl': '上传吊销列表',
+    'certs.caProgress': '证书上传进度',
+    'certs.crlProgress': '吊销列表上传进度',
     'certs.noFile': '请先选择文件。',
+    'certs.empty': '文件为空（0 字节），未上传。',
     'certs.tooLarge': '文件大小为 {size} 字节，超过 1048576 字节（1 MiB），未上传。',
     'certs.uploading': '正在上传… {percent} %',
     'certs.imported': '导入成功。',
-    'certs.refused': '后端拒绝了该文件。',
+    'certs.refused': '文件未导入。',
     'storage.title': '数据库备份存储',
     'storage.name': '名称',
     'storage.type': '存储类型',
     'storage.path': '路径',
     'storage.capacity': '容量',
     'storage.used': '已用',
+    'storage.meter': '已用容量占比',
     'storage.retention': '保留期',
     'storage.days': '{days} 天',
     'storage.result': '最近检查',
@@ -251,15 +282,39 @@ const ERRORS_ZH = {
   1000005: '无法写入文件。',
 };
 
-let language = (navigator.language || 'en').toLowerCase().startsWith('zh') ? 'zh' : 'en';
+// Where the chosen language is kept across reloads.
+const LANGUAGE_KEY = 'nox.console.language';
+
+// The kept choice, else the browser's language. Storage may be refused
+// (a private window, a policy): then the choice lasts as long as the page.
+function initialLanguage() {
+  let kept = null;
+  try {
+    kept = window.localStorage.getItem(LANGUAGE_KEY);
+  } catch (e) {
+    kept = null;
+  }
+  if (kept === 'en' || kept === 'zh') return kept;
+  return (navigator.language || 'en').toLowerCase().startsWith('zh') ? 'zh' : 'en';
+}
+
+let language = initialLanguage();
 
 export function currentLanguage() {
   return language;
 }
 
-export function setLanguage(lang) {
+// Makes `lang` the interface language; `keep` also remembers it for the
+// next visit.
+export function setLanguage(lang, keep = false) {
   language = lang === 'zh' ? 'zh' : 'en';
   document.documentElement.lang = language === 'zh' ? 'zh-CN' : 'en';
+  if (!keep) return;
+  try {
+    window.localStorage.setItem(LANGUAGE_KEY, language);
+  } catch (e) {
+    // Not kept: the choice still holds for this page.
+  }
 }
 
 // The text of `key` in the current language with {name} filled from `params`.
@@ -289,14 +344,59 @@ export function codeText(code) {
   return `${code} (0x${hex})`;
 }
 
-// Seconds since the epoch as local date and time; 0 as "–".
+const pad = (number) => String(number).padStart(2, '0');
+
+// The date of `date` (local time) in the language's one format, the one the
+// task details use: "11/14/2023" in English, "2023-11-14" in Chinese.
+function formatDate(date) {
+  const [year, month, day] = [date.getFullYear(), pad(date.getMonth() + 1), pad(date.getDate())];
+  return language === 'zh' ? `${year}-${month}-${day}` : `${month}/${day}/${year}`;
+}
+
+// The offset of local time from UTC at `date`: "UTC+08:00", "UTC-03:30".
+export function zoneText(date = new Date()) {
+  const minutes = -date.getTimezoneOffset();
+  const sign = minutes < 0 ? '-' : '+';
+  const whole = Math.abs(minutes);
+  return `UTC${sign}${pad(Math.floor(whole / 60))}:${pad(whole % 60)}`;
+}
+
+// Seconds since the epoch as local date and time with the offset from UTC,
+// in the format of the task details; 0 as "–".
+//   English: "11/14/2023 22:13:20 UTC+08:00"; Chinese: "2023-11-14 22:13:20 UTC+08:00"
 export function formatTime(seconds) {
   if (!seconds) return '–';
-  const locale = language === 'zh' ? 'zh-CN' : 'en-GB';
-  return new Date(seconds * 1000).toLocaleString(locale, {
-    year: 'numeric', month: '2-digit', day: '2-digit',
-    hour: '2-digit', minute: '2-digit', second: '2-digit', hour12: false,
-  });
+  const date = new Date(seconds * 1000);
+  const time = `${pad(date.getHours())}:${pad(date.getMinutes())}:${pad(date.getSeconds())}`;
+  return `${formatDate(date)} ${time} ${zoneText(date)}`;
+}
+
+// A time typed in the language's format without seconds ("11/14/2023 22:13"
+// or "2023-11-14 22:13"; the time may be left out: midnight) as local time,
+// in seconds since the epoch; "" for an empty text, null for one that is not
+// a time.
+export function parseTime(text) {
+  const value = String(text ?? '').trim();
+  if (!value) return '';
+  const pattern = language === 'zh' ? /^(\d{4})-(\d{1,2})-(\d{1,2})(?:\s+(\d{1,2}):(\d{2}))?$/
+    : /^(\d{1,2})\/(\d{1,2})\/(\d{4})(?:\s+(\d{1,2}):(\d{2}))?$/;
+  const match = pattern.exec(value);
+  if (!match) return null;
+  const [year, month, day] = language === 'zh' ? [match[1], match[2], match[3]]
+    : [match[3], match[1], match[2]];
+  const date = new Date(Number(year), Number(month) - 1, Number(day),
+    Number(match[4] ?? 0), Number(match[5] ?? 0));
+  if (date.getMonth() !== Number(month) - 1 || date.getDate() !== Number(day) ||
+      Number(match[4] ?? 0) > 23 || Number(match[5] ?? 0) > 59) {
+    return null;
+  }
+  return Math.floor(date.getTime() / 1000);
+}
+
+// Seconds since the epoch as the text parseTime reads back: "11/14/2023 22:13".
+export function formatTypedTime(seconds) {
+  const date = new Date(seconds * 1000);
+  return `${formatDate(date)} ${pad(date.getHours())}:${pad(date.getMinutes())}`;
 }
 
 // 1649267441664 -> "1.50 TiB".
@@ -316,6 +416,12 @@ export function formatBytes(bytes) {
 export function translatePage(root = document) {
   for (const element of root.querySelectorAll('[data-i18n]')) {
     element.textContent = t(element.dataset.i18n);
+  }
+  for (const element of root.querySelectorAll('[data-i18n-placeholder]')) {
+    element.placeholder = t(element.dataset.i18nPlaceholder);
+  }
+  for (const element of root.querySelectorAll('[data-i18n-label]')) {
+    element.setAttribute('aria-label', t(element.dataset.i18nLabel));
   }
   for (const select of root.querySelectorAll('select[data-enum]')) {
     const chosen = select.value;

@@ -15,6 +15,7 @@ let waitTimer = 0;
 let codeTimer = 0;  // fetches the next picture when the shown one expires
 let challengeAsked = 0;  // only the latest challenge asked for is shown
 let lastError = null;  // shown again in another language
+let codeNoteKey = '';  // why the picture changed by itself, as a text key
 
 const needsCode = () => byId('signin-scope').value !== '4';
 
@@ -31,9 +32,20 @@ function showError(error) {
   }
 }
 
+// Says under the picture why it changed by itself; "" says nothing.
+function codeNote(key) {
+  codeNoteKey = key;
+  say(byId('signin-code-note'), key ? t(key) : '');
+}
+
 // A new picture replaces the shown one a second before the shown one
-// expires (the gateway counts whole seconds). expiresIn is relative, so a
-// wrong clock on this computer does not matter.
+// expires (the gateway counts whole seconds), with a word why. expiresIn is
+// relative, so a wrong clock on this computer does not matter.
+function renewExpiring() {
+  codeNote('signin.codeRenewed');
+  newChallenge();
+}
+
 async function newChallenge() {
   window.clearTimeout(codeTimer);
   const asked = ++challengeAsked;
@@ -46,7 +58,7 @@ async function newChallenge() {
     if (asked !== challengeAsked) return;
     challengeId = answer.data.challengeId;
     image.src = answer.data.image;
-    codeTimer = window.setTimeout(newChallenge, Math.max(1, answer.data.expiresIn - 1) * 1000);
+    codeTimer = window.setTimeout(renewExpiring, Math.max(1, answer.data.expiresIn - 1) * 1000);
   } catch (e) {
     showError('signin.codeFailed');
   }
@@ -124,6 +136,7 @@ async function submit(event) {
     }
     // A challenge takes one answer, right or wrong.
     if (needsCode()) {
+      codeNote('');
       await newChallenge();
       if (e.code === ERR_VERIFY_CODE || e.code === ERR_VERIFY_CODE_EXPIRED) {
         byId('signin-code').focus();
@@ -137,6 +150,7 @@ export function init(ctx) {
   byId('signin-form').addEventListener('submit', submit);
   byId('signin-scope').addEventListener('change', showChallenge);
   byId('signin-new-code').addEventListener('click', () => {
+    codeNote('');
     newChallenge();
     byId('signin-code').focus();
   });
@@ -144,6 +158,7 @@ export function init(ctx) {
 
 export function enter() {
   showError(null);
+  codeNote('');
   byId('signin-submit').disabled = Boolean(waitTimer);
   showChallenge();
   byId('signin-code-image').alt = t('signin.codeImage');
@@ -157,6 +172,7 @@ export function leave() {
 
 export function retranslate() {
   byId('signin-code-image').alt = t('signin.codeImage');
+  codeNote(codeNoteKey);
   if (waitTimer) tick();
   else showError(lastError);
 }

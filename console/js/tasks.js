@@ -1,13 +1,22 @@
 // The tasks page: GET /kestrel_task with paging (start, limit), sorting and
 // the status and type filters, the total from GET /kestrel_task/count with
-// the same filters, a refresh every ten seconds while the page shows, and one
-// task's details (GET /kestrel_task/<id>) in the language the switch chooses
-// (the request's LANGUAGE argument).
+// the same filters, and one task's details (GET /kestrel_task/<id>) in the
+// language the switch chooses (the request's LANGUAGE argument). While the
+// page shows, the list and the details follow the live updates (live.js):
+// a task event moves its row's bar and state at once, and the list or the
+// details are asked again soon after for what an event does not carry.
+// Without the stream the list refreshes every ten seconds, and says so.
 import {api} from './api.js';
 import {byId, el, say} from './dom.js';
+import {liveState, subscribe} from './live.js';
 import {codeText, currentLanguage, enumLabel, errorText, formatTime, t} from './i18n.js';
 
 const REFRESH_MS = 10000;
+// How long after a live change the list or the details are asked again:
+// changes that come together are read together.
+const SETTLE_MS = 800;
+// The members of a task event that a row and the details show as they are.
+const LIVE_MEMBERS = ['status', 'progress', 'endTime'];
 // Progress entries are separated by a backslash, an "n" and a line feed.
 const DETAIL_SEPARATOR = '\\n\n';
 
@@ -20,6 +29,8 @@ let openTask = null;  // the task whose details show
 let detailLanguage = '';
 let lastError = null;
 let shown = '';  // the list and total last drawn, to leave an unchanged table alone
+let listSoon = 0;  // the timer of the list's next read after a live change
+let detailSoon = 0;  // the same for the open details
 
 function filters() {
   return {
@@ -55,7 +66,8 @@ function renderRows() {
     el('td', {'data-label': t('tasks.type')}, enumLabel('task_type', task.type)),
     el('td', {'data-label': t('tasks.status')}, statusBadge(task.status)),
     el('td', {class: 'progress-cell', 'data-label': t('tasks.progress')},
-      el('progress', {max: 100, value: task.progress, 'aria-label': `${task.progress} %`}),
+      el('progress', {max: 100, value: task.progress,
+        'aria-label': t('tasks.progressOf', {name: task.name})}),
       ` ${task.progress} %`),
     el('td', {class: 'time', 'data-label': t('tasks.started')}, formatTime(task.startTime)))));
   const range = byId('tasks-pager').querySelector('.range');
@@ -104,9 +116,12 @@ function renderDetail(task) {
   byId('task-status').replaceChildren(statusBadge(task.status));
   byId('task-resource').textContent = task.resource ?? '';
   byId('task-progress').textContent = `${task.progress} %`;
+  byId('task-progress-bar').value = Number(task.progress) || 0;
   byId('task-start').textContent = formatTime(task.startTime);
   byId('task-end').textContent = formatTime(task.endTime);
-  const info = task.errorInfo && typeof task.errorInfo === 'object' ? task.errorInfo : null;
+  // A task without a fault carries error information with code "0".
+  const info = task.errorInfo && typeof task.errorInfo === 'object' &&
+    String(task.errorInfo.code ?? '0') !== '0' ? task.errorInfo : null;
   byId('task-error-box').hidden = !info;
   if (info) {
     const text = byId('task-error-text');
@@ -141,13 +156,85 @@ async function showTask(taskId, focus) {
   }
 }
 
+// Hides the details and gives the focus back to the task's row.
+function closeDetail() {
+  const id = openTask?.taskId;
+  openTask = null;
+  byId('task-detail').hidden = true;
+  byId('tasks-table').querySelector(`button.open-task[data-task-id="${CSS.escape(id ?? '')}"]`)
+    ?.focus();
+}
+
+const following = () => active && byId('tasks-auto').checked;
+
+// Polls only while the stream cannot be had.
 function schedule() {
   window.clearInterval(timer);
   timer = 0;
-  if (active && byId('tasks-auto').checked) timer = window.setInterval(load, REFRESH_MS);
+  if (following() && liveState() !== 'live') timer = window.setInterval(load, REFRESH_MS);
+  showLiveState();
+}
+
+// A discreet line under the filters: live, or polling instead.
+function showLiveState() {
+  const state = liveState();
+  const key = !following() || state === 'off' ? '' : state === 'live' ? 'tasks.live' : 'tasks.polling';
+  const line = byId('tasks-live');
+  say(line, key ? t(key) : '');
+  line.dataset.state = key ? state : '';
+}
+
+function readListSoon() {
+  window.clearTimeout(listSoon);
+  listSoon = window.setTimeout(load, SETTLE_MS);
+}
+
+function readDetailSoon(taskId) {
+  window.clearTimeout(detailSoon);
+  detailSoon = window.setTimeout(() => {
+    if (openTask && String(openTask.taskId) === taskId) showTask(taskId, false);
+  }, SETTLE_MS);
+}
+
+// One task event: the row and the open details show it at once; the list
+// is read again when the task is not on this page or changed state (the
+// filters and the order may place it elsewhere), the details for their new
+// progress entries.
+function applyChange(change) {
+  if (!following()) return;
+  const id = String(change.taskId ?? change.id ?? '');
+  const row = rows.find((task) => String(task.taskId) === id);
+  if (row) {
+    const moved = change.status !== undefined && Number(change.status) !== Number(row.status);
+    for (const member of LIVE_MEMBERS) if (change[member] !== undefined) row[member] = change[member];
+    renderRows();
+    if (moved) readListSoon();
+  } else {
+    readListSoon();
+  }
+  if (openTask && String(openTask.taskId) === id) {
+    for (const member of LIVE_MEMBERS) {
+      if (change[member] !== undefined) openTask[member] = change[member];
+    }
+    renderDetail(openTask);
+    readDetailSoon(id);
+  }
 }
 
 export function init() {
+  subscribe({
+    task: applyChange,
+    reset() {
+      if (!following()) return;
+      load();
+      if (openTask) showTask(openTask.taskId, false);
+    },
+    state(state) {
+      schedule();
+      // Back on the stream: read what changed while it was away.
+      if (state === 'live' && following()) readListSoon();
+    },
+  });
   byId('tasks-filters').addEventListener('change', (event) => {
     if (event.target.id === 'tasks-auto') {
       schedule();
@@ -173,12 +260,13 @@ export function init() {
       if (openTask) showTask(openTask.taskId, false);
     });
   }
-  byId('task-detail-close').addEventListener('click', () => {
-    const id = openTask?.taskId;
-    openTask = null;
-    byId('task-detail').hidden = true;
-    byId('tasks-table').querySelector(`button.open-task[data-task-id="${CSS.escape(id ?? '')}"]`)
-      ?.focus();
+  byId('task-detail-close').addEventListener('click', closeDetail);
+  // Esc closes the details wherever the focus is on the page.
+  document.addEventListener('keydown', (event) => {
+    if (event.key === 'Escape' && active && !byId('task-detail').hidden) {
+      event.preventDefault();
+      closeDetail();
+    }
   });
 }
 
@@ -191,6 +279,8 @@ export function enter() {
 
 export function leave() {
   active = false;
+  window.clearTimeout(listSoon);
+  window.clearTimeout(detailSoon);
   schedule();
   openTask = null;
   byId('task-detail').hidden = true;
@@ -198,6 +288,7 @@ export function leave() {
 }
 
 export function retranslate() {
+  showLiveState();
   renderRows();
   if (openTask) renderDetail(openTask);
   showError(lastError);

@@ -333,13 +333,15 @@ TEST_F(QueryTest, FailedTaskDetailAndErrorInformation) {
   }
 }
 
-TEST_F(QueryTest, SucceededTaskHasNoErrorInformation) {
+TEST_F(QueryTest, SucceededTaskCarriesTheNoErrorObject) {
   CR3MPackageV3 one;
   ASSERT_EQ(send(
                 kTaskById, [](CR3MRecordV3& r) { r[0].setString(0, "1001"); }, &one),
             0);
   EXPECT_EQ(intCell(one, 0, proto::kTagTaskStatus), 3);
-  EXPECT_EQ(one[0].find(proto::kTagTaskErrorInfo), nullptr);
+  // The backend's object for "no error", a JSON cell as for a failure.
+  ASSERT_NE(one[0].find(proto::kTagTaskErrorInfo), nullptr);
+  EXPECT_EQ(one[0].find(proto::kTagTaskErrorInfo)->toString(), R"({"code":"0","node":"node-01"})");
   EXPECT_GT(intCell(one, 0, proto::kTagTaskEndTime), intCell(one, 0, proto::kTagTaskStartTime));
 }
 

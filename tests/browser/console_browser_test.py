@@ -19,6 +19,7 @@ import os
 import re
 import shutil
 import signal
+import socket
 import subprocess
 import sys
 import tempfile
@@ -26,6 +27,8 @@ import time
 import unittest
 import urllib.error
 import urllib.request
+from datetime import datetime
+from zoneinfo import ZoneInfo
 
 from selenium import webdriver
 from selenium.common.exceptions import TimeoutException
@@ -42,6 +45,11 @@ ERR_VERIFY_CODE = 0x03000014
 ERR_CERT_NOT_SAFE = 0x60E01D0A
 ERR_CRL_UNKNOWN_ISSUER = 0x60E01D12
 MAX_UPLOAD = 1048576
+LANGUAGE_KEY = "nox.console.language"  # the one thing the console keeps in localStorage
+# The time zone the browser is put in where times are compared, and how the
+# console names it.
+ZONE = "Asia/Shanghai"
+ZONE_TEXT = "UTC+08:00"
 
 
 class Gateway:
@@ -50,11 +58,15 @@ class Gateway:
     def __init__(self, *extra):
         self.folder = tempfile.mkdtemp(prefix="nox-console-")
         self.access_log = os.path.join(self.folder, "access.log")
-        args = [ARGS.gateway, "--listen", "127.0.0.1:0",
+        self.extra = extra
+        self.start("127.0.0.1:0")
+
+    def start(self, listen):
+        args = [ARGS.gateway, "--listen", listen,
                 "--data", os.path.join(self.folder, "data"),
                 "--init-password", PASSWORD, "--expose-verify-code",
                 "--log", os.path.join(self.folder, "trace.log"),
-                "--access-log", self.access_log, *extra]
+                "--access-log", self.access_log, *self.extra]
         self.process = subprocess.Popen(args, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
                                         text=True)
         self.port = 0
@@ -74,8 +86,15 @@ class Gateway:
             raise RuntimeError("the gateway did not start: " + "".join(output))
         self.base = "http://127.0.0.1:%d" % self.port
 
-    def stop(self):
-        """SIGTERM; returns the exit status (the gateway exits with 0)."""
+    def restart(self):
+        """Stops the gateway and starts it again on the same port with the
+        same data folder; returns the first one's exit status."""
+        port = self.port
+        status = self.end_process()
+        self.start("127.0.0.1:%d" % port)
+        return status
+
+    def end_process(self):
         status = None
         if self.process.poll() is None:
             self.process.send_signal(signal.SIGTERM)
@@ -87,6 +106,11 @@ class Gateway:
         else:
             status = self.process.returncode
         self.process.stdout.close()
+        return status
+
+    def stop(self):
+        """SIGTERM; returns the exit status (the gateway exits with 0)."""
+        status = self.end_process()
         shutil.rmtree(self.folder, ignore_errors=True)
         return status
 
@@ -270,9 +294,9 @@ class ConsoleTestBase(unittest.TestCase):
 
     def assert_no_secret_in_page_storage(self):
         storage = self.driver.execute_script(
-            "return [window.localStorage.length, window.sessionStorage.length,"
+            "return [Object.keys(window.localStorage), window.sessionStorage.length,"
             " document.cookie, window.location.href];")
-        self.assertEqual(storage[0], 0, "localStorage holds something")
+        self.assertLessEqual(set(storage[0]), {LANGUAGE_KEY}, "localStorage holds more")
         self.assertEqual(storage[1], 0, "sessionStorage holds something")
         self.assertNotIn("NOX_SESSION", storage[2], "the page can read the session cookie")
         self.assertNotIn(PASSWORD, storage[3])
@@ -458,8 +482,11 @@ class ConsoleBrowserTest(ConsoleTestBase):
             self.el("cert-file").send_keys(good)
             self.driver.find_element(By.CSS_SELECTOR, "#cert-form button[type=submit]").click()
             self.wait.until(lambda d: verdict.get_attribute("data-outcome") == "imported")
-            self.assertEqual(self.el("cert-progress").get_attribute("value"), "100")
+            # The bar goes back to empty once the verdict is in.
+            self.assertEqual(self.el("cert-progress").get_attribute("value"), "0")
+            self.assertFalse(self.el("cert-progress").is_displayed())
             self.assertEqual(verdict.text, "Imported.")
+            self.assertEqual(self.el("cert-file-name").text, "good.pem")
 
             self.el("cert-file").send_keys(weak)
             self.driver.find_element(By.CSS_SELECTOR, "#cert-form button[type=submit]").click()
@@ -467,6 +494,9 @@ class ConsoleBrowserTest(ConsoleTestBase):
             self.assertEqual(verdict.get_attribute("data-code"), str(ERR_CERT_NOT_SAFE))
             self.assertIn("The certificate is not safe.", verdict.text)
             self.assertIn("1625300234 (0x60E01D0A)", verdict.text)
+            self.assertTrue(verdict.text.startswith("The file was not imported."), verdict.text)
+            self.assertNotIn("backend", verdict.text)
+            self.assertEqual(self.el("cert-progress").get_attribute("value"), "0")
             self.shot("certificates")
 
             posts = len(self.gateway.access_lines("POST /kestrel_cert/import_cert"))
@@ -606,17 +636,27 @@ class ConsoleBrowserTest(ConsoleTestBase):
         self.wait_text("signin-error", "0x03000010")
 
 
-    def test_12_tasks_refresh_by_themselves(self):
+    def test_12_tasks_poll_when_the_stream_cannot_be_had(self):
+        # The browser is kept from /events: the page falls back to polling
+        # and says so.
+        self.driver.execute_cdp_cmd("Network.enable", {})
+        self.driver.execute_cdp_cmd("Network.setBlockedURLs", {"urls": ["*/events"]})
         self.open_console()
         self.sign_in()
         self.wait_text("tasks-pager", r"of \d+")
         self.assertTrue(self.el("tasks-auto").is_selected())
+        self.assertEqual(self.wait_text("tasks-live", "not available"),
+                         "Live updates are not available; the list refreshes every 10 s.")
+        self.assertEqual(self.el("tasks-live").get_attribute("data-state"), "polling")
         before = len(self.gateway.access_lines("GET /kestrel_task "))
         # The next list request comes by itself, within the ten seconds.
         self.wait.until(lambda d: len(self.gateway.access_lines("GET /kestrel_task ")) > before)
         # The check box is the keyboard's too.
         self.el("tasks-auto").send_keys(Keys.SPACE)
         self.assertFalse(self.el("tasks-auto").is_selected())
+        self.assertFalse(self.el("tasks-live").is_displayed())
+        # The blocked stream is the test's doing, not the page's.
+        self.driver.get_log("browser")
 
 
     def test_13_each_scope_sees_what_it_may_do(self):
@@ -651,6 +691,447 @@ class ConsoleBrowserTest(ConsoleTestBase):
         self.assertTrue(self.el("cert-form").is_displayed())
         self.assert_no_page_errors()
 
+    # --- the rough edges ---------------------------------------------------
+
+    def in_zone(self):
+        """Puts the browser in ZONE, whatever the machine's zone is."""
+        self.driver.execute_cdp_cmd("Emulation.setTimezoneOverride", {"timezoneId": ZONE})
+
+    def test_14_one_time_format_per_language_with_the_zone(self):
+        """Every time on the console is written as the task details write
+        theirs, with the offset from UTC: 11/14/2023 22:13:20 in English,
+        2023-11-14 22:13:20 in Chinese."""
+        token = self.gateway.api_token()
+        self.in_zone()
+        self.open_console()
+        self.sign_in()
+        self.el("tasks-auto").click()
+        _, page = self.gateway.request("GET", "/kestrel_task?start=0&limit=10&sort=-startTime",
+                                       token)
+        task = page["data"][0]
+        local = datetime.fromtimestamp(task["startTime"], ZoneInfo(ZONE))
+        english = local.strftime("%m/%d/%Y %H:%M:%S ") + ZONE_TEXT
+        chinese = local.strftime("%Y-%m-%d %H:%M:%S ") + ZONE_TEXT
+        cell = "#tasks-table tbody tr[data-task-id='%s'] td.time" % task["taskId"]
+        self.wait.until(lambda d: d.find_element(By.CSS_SELECTOR, cell).text == english)
+        self.driver.find_element(
+            By.CSS_SELECTOR, "#tasks-table button.open-task[data-task-id='%s']" % task["taskId"]
+        ).click()
+        self.wait_text("task-start", "^%s$" % re.escape(english))
+        # The detail text's own times have the same shape.
+        _, detail = self.gateway.request("GET", "/kestrel_task/%s?LANGUAGE=en" % task["taskId"],
+                                         token)
+        if re.search(r"\d{2}/\d{2}/\d{4} \d{2}:\d{2}:\d{2}", detail["data"]["detail"]):
+            self.assertRegex(english, r"^\d{2}/\d{2}/\d{4} \d{2}:\d{2}:\d{2} ")
+        self.el("lang-switch").click()
+        self.wait_text("task-start", "^%s$" % re.escape(chinese))
+        self.assertEqual(self.driver.find_element(By.CSS_SELECTOR, cell).text, chinese)
+        self.shot("tasks-zh")
+
+    def test_15_language_kept_across_reloads(self):
+        self.open_console()
+        self.wait_text("signin-submit", "^Sign in$")
+        self.el("lang-switch").click()
+        self.wait_text("signin-submit", "登录")
+        self.driver.refresh()
+        self.visible("page-signin")
+        self.wait_text("signin-submit", "^登录$")
+        self.assertEqual(self.driver.execute_script("return document.documentElement.lang"),
+                         "zh-CN")
+        self.assertEqual(self.driver.execute_script(
+            "return window.localStorage.getItem(arguments[0])", LANGUAGE_KEY), "zh")
+        self.sign_in()
+        self.wait_text("tasks-pager", "共")
+        self.assert_no_secret_in_page_storage()
+        self.el("lang-switch").click()
+        self.driver.refresh()
+        self.wait_text("tasks-pager", "of")
+
+    def test_16_chinese_view_translates_the_file_fields_and_the_times(self):
+        token = self.gateway.api_token()
+        self.open_console()
+        self.el("lang-switch").click()
+        self.sign_in()
+        self.driver.find_element(By.CSS_SELECTOR, "#nav a[data-page=certificates]").click()
+        self.visible("page-certificates")
+        # The browser's own file button never shows; the console's does.
+        size = self.driver.execute_script(
+            "const r = arguments[0].getBoundingClientRect(); return r.width * r.height",
+            self.el("cert-file"))
+        self.assertLessEqual(size, 1)
+        buttons = self.driver.find_elements(By.CSS_SELECTOR, "#page-certificates label.file-button")
+        self.assertEqual([b.text for b in buttons], ["选择文件…", "选择文件…"])
+        self.assertEqual(self.el("cert-file-name").text, "未选择文件")
+        self.assertEqual([b.text for b in self.driver.find_elements(
+            By.CSS_SELECTOR, "#page-certificates button[type=submit]")],
+            ["上传证书", "上传吊销列表"])
+        self.assertEqual(self.el("cert-file").accessible_name, "CA 证书文件 未选择文件")
+        self.shot("certificates-zh")
+        # The time filters: text fields in the language's format.
+        self.driver.find_element(By.CSS_SELECTOR, "#nav a[data-page=alarms]").click()
+        self.visible("page-alarms")
+        begin = self.el("alarms-begin")
+        self.assertEqual(begin.get_attribute("type"), "text")
+        self.assertEqual(begin.get_attribute("placeholder"), "YYYY-MM-DD hh:mm")
+        _, first = self.gateway.request("GET", "/alarm/historyalarm?start=0&limit=50", token)
+        raised = sorted(a["occurTime"] for a in first["data"]["alarms"])
+        middle = raised[len(raised) // 2]
+        local = datetime.fromtimestamp(middle - middle % 60)
+        typed = local.strftime("%Y-%m-%d %H:%M")
+        _, count = self.gateway.request(
+            "GET", "/alarm/historyalarm/count?begintime=%d" % int(local.timestamp()), token)
+        begin.send_keys(typed, Keys.TAB)
+        self.wait_text("alarms-total", r"^%d$" % count["COUNT"])
+        self.shot("alarms-zh")
+        self.assertEqual(self.driver.find_element(By.CSS_SELECTOR, "#page-alarms .total").text,
+                         "告警总数：%d" % count["COUNT"])
+        # A time in another shape is refused with the format to use.
+        begin.clear()
+        begin.send_keys("11/14/2023", Keys.TAB)
+        text = self.wait_text("alarms-error", "YYYY-MM-DD hh:mm")
+        self.assertRegex(text, r"例如 \d{4}-\d{2}-\d{2} \d{2}:\d{2}")
+        self.assertEqual(begin.get_attribute("aria-invalid"), "true")
+        # Back in English the typed time is written again in English.
+        begin.clear()
+        begin.send_keys(typed, Keys.TAB)
+        self.wait.until(lambda d: d.find_element(By.ID, "alarms-error").get_attribute("hidden"))
+        self.el("lang-switch").click()
+        self.assertEqual(begin.get_attribute("value"), local.strftime("%m/%d/%Y %H:%M"))
+        self.assertEqual(begin.get_attribute("placeholder"), "MM/DD/YYYY hh:mm")
+
+    def test_17_sign_in_returns_to_the_page_asked_for(self):
+        self.open_console("#/alarms")
+        self.visible("page-signin")
+        self.sign_in(expect_success=False)
+        self.visible("page-alarms")
+        self.assertTrue(self.driver.current_url.endswith("#/alarms"))
+        # Signing out and in again is a new start: the default page.
+        self.el("sign-out").click()
+        self.visible("page-signin")
+        self.sign_in()
+
+    def test_18_empty_files_are_refused_in_the_page(self):
+        folder = tempfile.mkdtemp(prefix="nox-console-empty-")
+        try:
+            empty = os.path.join(folder, "empty.pem")
+            open(empty, "wb").close()
+            self.open_console()
+            self.sign_in()
+            self.driver.find_element(By.CSS_SELECTOR, "#nav a[data-page=certificates]").click()
+            self.visible("page-certificates")
+            sent = len(self.gateway.access_lines("POST /kestrel_cert/import_crl"))
+            self.el("crl-file").send_keys(empty)
+            self.assertEqual(self.el("crl-file-name").text, "empty.pem")
+            self.driver.find_element(By.CSS_SELECTOR, "#crl-form button[type=submit]").click()
+            verdict = self.el("crl-verdict")
+            self.wait.until(lambda d: verdict.get_attribute("data-outcome") == "empty")
+            self.assertEqual(verdict.text, "The file is empty (0 bytes). It was not sent.")
+            self.assertNotIn("PEM", verdict.text)
+            time.sleep(0.5)
+            self.assertEqual(len(self.gateway.access_lines("POST /kestrel_cert/import_crl")), sent,
+                             "the empty file was not sent")
+            self.el("lang-switch").click()
+            self.wait_text("crl-verdict", "^文件为空（0 字节），未上传。$")
+        finally:
+            shutil.rmtree(folder, ignore_errors=True)
+
+    def controls(self, root):
+        """The controls and meters of `root` that show."""
+        return [e for e in self.driver.find_elements(
+            By.CSS_SELECTOR, "#%s :is(a, button, input, select, progress, meter)" % root)
+            if e.is_displayed() or e.get_attribute("type") == "file"]
+
+    def test_19_esc_closes_details_and_every_control_has_a_name(self):
+        self.open_console()
+        self.sign_in()
+        self.el("tasks-auto").click()
+        opener = self.wait.until(lambda d: d.find_element(
+            By.CSS_SELECTOR, "#tasks-table tbody button.open-task"))
+        task_id = opener.get_attribute("data-task-id")
+        opener.send_keys(Keys.ENTER)
+        self.visible("task-detail")
+        self.wait.until(lambda d: d.find_element(By.ID, "task-detail")
+                        .get_attribute("data-task-id") == task_id)
+        names = {}
+        for page in ("tasks", "alarms", "certificates", "storage"):
+            if page != "tasks":
+                self.driver.find_element(By.CSS_SELECTOR, "#nav a[data-page=%s]" % page).click()
+                self.visible("page-" + page)
+            if page == "storage":
+                self.wait_text("storage-name", r"\w")
+            names[page] = [(e.tag_name, e.get_attribute("id"), e.accessible_name)
+                           for e in self.controls("page-" + page)]
+            for tag, element_id, name in names[page]:
+                self.assertTrue(name.strip(), "%s#%s on %s has no name" % (tag, element_id, page))
+        self.assertIn(("progress", "task-progress-bar", "Progress"), names["tasks"])
+        self.assertTrue(any(n.startswith("Progress of ") for t, _, n in names["tasks"]
+                            if t == "progress"), names["tasks"])
+        self.assertIn(("meter", "storage-meter", "Share of the capacity used"), names["storage"])
+        # The upload bars are named before they show.
+        self.assertEqual(self.el("cert-progress").get_attribute("aria-label"), "Certificate upload")
+        self.assertEqual(self.el("crl-progress").get_attribute("aria-label"), "CRL upload")
+        # No two controls of the certificates page share a name.
+        certificate_names = [n for _, _, n in names["certificates"]]
+        self.assertEqual(len(certificate_names), len(set(certificate_names)), certificate_names)
+        self.assertIn("CA certificate file No file chosen", certificate_names)
+        self.assertIn("CRL file No file chosen", certificate_names)
+        # Esc closes the details and gives the focus back to the row.
+        self.driver.find_element(By.CSS_SELECTOR, "#nav a[data-page=tasks]").click()
+        self.visible("page-tasks")
+        self.driver.find_element(
+            By.CSS_SELECTOR, "#tasks-table button.open-task[data-task-id='%s']" % task_id).click()
+        self.visible("task-detail")
+        self.el("task-detail-title").send_keys(Keys.ESCAPE)
+        self.wait.until(lambda d: not d.find_element(By.ID, "task-detail").is_displayed())
+        self.assertEqual(self.driver.switch_to.active_element.get_attribute("data-task-id"),
+                         task_id)
+
+    def small_targets(self, root):
+        """The controls of `root` less than 44 px high (a check box or a
+        hidden file input: its label)."""
+        small = []
+        for element in self.controls(root):
+            kind = element.get_attribute("type")
+            if kind in ("checkbox", "file"):
+                element = self.driver.execute_script(
+                    "return arguments[0].closest('label') ||"
+                    " document.querySelector(`label[for='${arguments[0].id}']`)", element)
+            if element.tag_name in ("progress", "meter"):
+                continue
+            height = self.driver.execute_script(
+                "return arguments[0].getBoundingClientRect().height", element)
+            if height < 44:
+                small.append((element.tag_name, element.get_attribute("id") or element.text,
+                              height))
+        return small
+
+    def test_20_touch_targets_on_a_phone(self):
+        self.driver.set_window_size(390, 844)
+        self.open_console()
+        self.visible("page-signin")
+        Select(self.el("signin-scope")).select_by_value("0")
+        self.assertEqual(self.small_targets("page-signin") + self.small_targets("nav"), [])
+        self.sign_in()
+        self.wait.until(lambda d: d.find_elements(By.CSS_SELECTOR, "#tasks-table tbody tr"))
+        found = {"top": [e for e in self.small_targets("nav")]}
+        for page in ("tasks", "alarms", "certificates", "storage"):
+            if page != "tasks":
+                self.driver.find_element(By.CSS_SELECTOR, "#nav a[data-page=%s]" % page).click()
+                self.visible("page-" + page)
+            found[page] = self.small_targets("page-" + page)
+            if page == "tasks":
+                self.shot("tasks-phone-en")
+        for button in ("lang-switch", "sign-out"):
+            height = self.driver.execute_script(
+                "return arguments[0].getBoundingClientRect().height", self.el(button))
+            self.assertGreaterEqual(height, 44, button)
+        self.assertEqual({k: v for k, v in found.items() if v}, {})
+
+    def test_21_no_error_line_on_an_ordinary_visit(self):
+        """The browser's console stays clean: no failed request, no error,
+        signed out or in (the session question answers 200 either way)."""
+        self.open_console()
+        self.visible("page-signin")
+        self.wait_text("signin-submit", "Sign in")
+        time.sleep(0.5)
+        self.assertEqual([e for e in self.driver.get_log("browser") if e["level"] == "SEVERE"], [])
+        self.sign_in()
+        self.wait_text("tasks-pager", "of")
+        for page in ("alarms", "certificates", "storage", "tasks"):
+            self.driver.find_element(By.CSS_SELECTOR, "#nav a[data-page=%s]" % page).click()
+            self.visible("page-" + page)
+        self.el("lang-switch").click()
+        self.driver.refresh()
+        self.wait_text("tasks-pager", "共")
+        time.sleep(0.5)
+        self.assertEqual([e for e in self.driver.get_log("browser") if e["level"] == "SEVERE"], [])
+
+    def test_22_console_files_carry_validators(self):
+        def fetch(path, headers=None):
+            req = urllib.request.Request(self.gateway.base + path, headers=headers or {})
+            opener = urllib.request.build_opener(NoRedirect)
+            try:
+                with opener.open(req, timeout=30) as res:
+                    return res.status, res.headers, res.read().decode()
+            except urllib.error.HTTPError as e:
+                return e.code, e.headers, e.read().decode()
+        status, headers, body = fetch("/console/js/app.js")
+        self.assertEqual(status, 200)
+        tag = headers["ETag"]
+        self.assertRegex(tag, r'^"[0-9a-f]{16}"$')
+        self.assertEqual(headers["Cache-Control"], "no-cache")
+        status, headers, body = fetch("/console/js/app.js", {"If-None-Match": tag})
+        self.assertEqual((status, body), (304, ""))
+        self.assertEqual(headers["ETag"], tag)
+        status, headers, body = fetch("/console")
+        self.assertEqual(status, 301)
+        self.assertEqual(headers["Location"], "/console/")
+        self.assertTrue(headers["Content-Type"].startswith("text/html"))
+        self.assertIn('<a href="/console/">', body)
+        status, headers, body = fetch("/console/session")
+        self.assertEqual(status, 200)
+        self.assertEqual(json.loads(body)["data"], {"signedIn": False})
+        # A reload asks and is answered 304 (the browser keeps its copy).
+        self.open_console()
+        self.visible("page-signin")
+        self.driver.get_log("performance")
+        self.driver.refresh()
+        self.visible("page-signin")
+        statuses = {}
+        for entry in self.driver.get_log("performance"):
+            message = json.loads(entry["message"])["message"]
+            if message["method"] == "Network.responseReceived":
+                response = message["params"]["response"]
+                statuses[response["url"].rsplit("/", 1)[-1]] = response["status"]
+        self.assertEqual(statuses.get("app.js"), 304, statuses)
+
+
+class ConsoleLiveTest(ConsoleTestBase):
+    """The backend's tasks run (a step every STEP seconds) and the console
+    follows them over GET /events."""
+    STEP = 0.25
+
+    @classmethod
+    def gateway_options(cls):
+        return ["--simulate", str(cls.STEP)]
+
+    def running_row(self):
+        """The id and progress of a running task the list shows with less
+        than 90 %."""
+        def find(driver):
+            for row in driver.find_elements(By.CSS_SELECTOR, "#tasks-table tbody tr"):
+                badge = row.find_element(By.CSS_SELECTOR, ".badge")
+                bar = row.find_element(By.CSS_SELECTOR, "progress")
+                if "status-2" in badge.get_attribute("class") and \
+                        int(bar.get_attribute("value")) < 90:
+                    return row.get_attribute("data-task-id"), int(bar.get_attribute("value"))
+            return None
+        return self.wait.until(find)
+
+    def progress_of(self, task_id):
+        return int(self.driver.find_element(
+            By.CSS_SELECTOR, "#tasks-table tr[data-task-id='%s'] progress" % task_id)
+            .get_attribute("value"))
+
+    def test_progress_moves_on_screen_without_a_reload(self):
+        self.open_console()
+        self.sign_in()
+        self.assertEqual(self.wait_text("tasks-live", "Live"),
+                         "Live: progress and states update as they change.")
+        self.assertEqual(self.el("tasks-live").get_attribute("data-state"), "live")
+        self.driver.execute_script("window.noxSamePage = true")
+        Select(self.el("tasks-status")).select_by_value("2")
+        task_id, before = self.running_row()
+        self.wait.until(lambda d: self.progress_of(task_id) > before)
+        # Details follow too: their progress and their entries.
+        self.driver.find_element(
+            By.CSS_SELECTOR, "#tasks-table button.open-task[data-task-id='%s']" % task_id).click()
+        self.visible("task-detail")
+        shown = self.wait_text("task-progress", r"\d+ %")
+        # A running task has no fault: error information with code "0" shows nothing.
+        self.assertFalse(self.el("task-error-box").is_displayed())
+        self.wait.until(lambda d: d.find_element(By.ID, "task-progress").text != shown)
+        self.assertTrue(self.driver.execute_script("return window.noxSamePage === true"),
+                        "the page was not reloaded")
+        self.shot("tasks-live")
+        self.el("lang-switch").click()
+        self.assertEqual(self.wait_text("tasks-live", "实时"), "实时：进度和状态随变化更新。")
+
+    def test_new_alarms_raise_the_total(self):
+        token = self.gateway.api_token()
+        self.open_console()
+        self.sign_in()
+        self.driver.find_element(By.CSS_SELECTOR, "#nav a[data-page=alarms]").click()
+        self.visible("page-alarms")
+        self.driver.execute_script("window.noxSamePage = true")
+        first = int(self.wait_text("alarms-total", r"^\d+$"))
+        # The simulation raises an alarm every few steps; the total follows.
+        self.wait.until(lambda d: int(d.find_element(By.ID, "alarms-total").text) > first)
+        _, count = self.gateway.request("GET", "/alarm/historyalarm/count", token)
+        self.assertGreaterEqual(count["COUNT"], int(self.el("alarms-total").text))
+        self.assertTrue(self.driver.execute_script("return window.noxSamePage === true"))
+
+
+class Redis:
+    """A redis-server on a free loopback port, keeping nothing on disk."""
+
+    def __init__(self):
+        with socket.socket() as probe:
+            probe.bind(("127.0.0.1", 0))
+            self.port = probe.getsockname()[1]
+        self.process = subprocess.Popen(
+            ["redis-server", "--port", str(self.port), "--bind", "127.0.0.1", "--save", "",
+             "--appendonly", "no"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        deadline = time.time() + 20
+        while time.time() < deadline:
+            try:
+                socket.create_connection(("127.0.0.1", self.port), timeout=1).close()
+                return
+            except OSError:
+                time.sleep(0.1)
+        raise RuntimeError("redis-server did not start")
+
+    def stop(self):
+        self.process.terminate()
+        self.process.wait(timeout=30)
+
+
+class ConsoleResumeTest(ConsoleTestBase):
+    """A stream resumed with Last-Event-ID after the gateway restarted:
+    every change once, none missing. Sessions live in Redis, so the
+    session outlives the gateway; the backend's changes and their numbers
+    live in its data folder."""
+    redis = None
+
+    @classmethod
+    def setUpClass(cls):
+        cls.redis = Redis()
+        super().setUpClass()
+
+    @classmethod
+    def tearDownClass(cls):
+        try:
+            super().tearDownClass()
+        finally:
+            cls.redis.stop()
+
+    @classmethod
+    def gateway_options(cls):
+        return ["--state", "redis://127.0.0.1:%d" % cls.redis.port, "--simulate", "0.2"]
+
+    def received(self):
+        return self.driver.execute_script("return window.noxGot.slice()")
+
+    def test_a_stream_resumed_after_a_restart_misses_nothing(self):
+        self.open_console()
+        self.sign_in()
+        # A stream of the page's own, recording every event's id.
+        self.driver.execute_script(
+            "window.noxGot = []; window.noxStream = new EventSource('/events');"
+            "for (const name of ['task', 'alarm', 'reset'])"
+            "  window.noxStream.addEventListener(name, (e) =>"
+            "    window.noxGot.push([name, Number(e.lastEventId)]));")
+        self.wait.until(lambda d: len(self.received()) >= 5)
+        before = len(self.received())
+        self.assertEqual(self.gateway.restart(), 0)
+        # The browser reconnects by itself, sending Last-Event-ID.
+        self.wait.until(lambda d: len(self.received()) >= before + 10)
+        self.driver.execute_script("window.noxStream.close()")
+        got = self.received()
+        self.assertNotIn("reset", [name for name, _ in got], got)
+        ids = [number for _, number in got]
+        self.assertEqual(ids, list(range(ids[0], ids[0] + len(ids))),
+                         "every change once, in order, none missing")
+        # The console itself went on too: it is live again after the restart.
+        self.wait_text("tasks-live", "^Live")
+        # The restart is the test's doing: the stream's reconnection is not an error.
+        self.driver.get_log("browser")
+
+
+class NoRedirect(urllib.request.HTTPRedirectHandler):
+    def redirect_request(self, *args, **kwargs):
+        return None
+
 
 class ConsoleSessionExpiryTest(ConsoleTestBase):
     # Long enough that a busy machine never lets the session lapse between
@@ -671,8 +1152,13 @@ class ConsoleSessionExpiryTest(ConsoleTestBase):
         self.el("storage-reload").click()
         self.visible("page-signin")
         self.wait_text("notice", "Your session has expired")
+        self.assertIn("Signing in takes you back to Storage.", self.el("notice").text)
         self.assertTrue(self.driver.current_url.endswith("#/signin"))
         self.shot("session-expired")
+        # Signing in again goes back to the page the session ended on.
+        self.sign_in(expect_success=False)
+        self.visible("page-storage")
+        self.assertTrue(self.driver.current_url.endswith("#/storage"))
 
 
 class ConsoleCodeExpiryTest(ConsoleTestBase):
@@ -697,9 +1183,19 @@ class ConsoleCodeExpiryTest(ConsoleTestBase):
         image = self.show_a_picture()
         first = image.get_attribute("src")
         asked = len(self.gateway.access_lines("GET /login "))
-        # No click: the page fetches the next challenge before this one ends.
+        self.assertFalse(self.el("signin-code-note").is_displayed())
+        # No click: the page fetches the next challenge before this one ends,
+        # and says why the picture changed.
         self.wait.until(lambda d: image.get_attribute("src") not in ("", None, first))
         self.assertGreater(len(self.gateway.access_lines("GET /login ")), asked)
+        self.assertEqual(self.wait_text("signin-code-note", "expired"),
+                         "The previous picture expired, so here is a new one.")
+        self.shot("signin-code-renewed", at="signin-form")
+        self.el("lang-switch").click()
+        self.assertEqual(self.wait_text("signin-code-note", "过期"), "上一张图片已过期，已换成新图片。")
+        # Asking for a new picture oneself needs no word.
+        self.el("signin-new-code").click()
+        self.wait.until(lambda d: not d.find_element(By.ID, "signin-code-note").is_displayed())
 
     def test_an_expired_answer_has_its_own_text(self):
         image = self.show_a_picture()

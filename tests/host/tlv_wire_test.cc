@@ -168,7 +168,8 @@ TEST(TlvWireTest, BadHeadersAreRefused) {
     const char* reason;  // a piece of the error text
   } cases[] = {
       {4, 'H', "magic"},          // "HX": not our magic (an HTTP request, say)
-      {6, 2, "version"},          // a later wire version
+      {6, 3, "version"},          // a later wire version
+      {6, 1, "version"},          // the one before calls carried their language
       {7, 0, "kind"},             // kind 0
       {7, 9, "kind"},             // beyond the last kind
       {0, 7, "out of range"},     // shorter than the header's own fields

@@ -1,0 +1,289 @@
+#include "event_stream.h"
+
+#include <json/json.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <set>
+#include <vector>
+
+#include "compact_json.h"
+#include "error_table.h"
+#include "qpn_exception.h"
+#include "session_token.h"
+
+namespace gw {
+
+namespace {
+
+// How long a client waits before it reconnects after the stream ends.
+constexpr int kRetryMs = 2000;
+constexpr char kPing[] = ": ping\n\n";
+constexpr char kEventsRuleMethod[] = "GET";
+
+// The path of a target, without its query.
+std::string pathOf(const std::string& target) { return target.substr(0, target.find('?')); }
+
+std::string queryOf(const std::string& target) {
+  const size_t mark = target.find('?');
+  return mark == std::string::npos ? std::string() : target.substr(mark + 1);
+}
+
+// A sequence number as a client sends it: digits only; -1 for anything else.
+long long parseEventId(const std::string& text) {
+  if (text.empty() || text.size() > 18 || text.find_first_not_of("0123456789") != std::string::npos) {
+    return -1;
+  }
+  return std::atoll(text.c_str());
+}
+
+// The resume point: the Last-Event-ID header, else the query argument.
+long long lastEventIdOf(const HttpInput& in, const std::string& query) {
+  const std::string header = headerValue(in.headers, kLastEventIdHeader);
+  if (!header.empty()) return parseEventId(header);
+  for (const auto& arg : parseQuery(query)) {
+    if (arg.first == kLastEventIdArg) return parseEventId(arg.second);
+  }
+  return -1;
+}
+
+std::string languageArgOf(const std::string& query) {
+  for (const auto& arg : parseQuery(query)) {
+    if (arg.first == "LANGUAGE") return arg.second;
+  }
+  return std::string();
+}
+
+// "event: reset" with the head the client may go on from once it reloaded.
+std::string resetText(long long head) {
+  Json::Value data(Json::objectValue);
+  data["reason"] = "The events after the given id are no longer kept: reload, then go on.";
+  data["lastEventId"] = static_cast<Json::Int64>(head);
+  return "id: " + std::to_string(head) + "\nevent: reset\ndata: " + toCompactJson(data) + "\n\n";
+}
+
+}  // namespace
+
+bool isEventsTarget(const std::string& target) {
+  const std::string path = pathOf(target);
+  return path == kEventsPath || path == kEventsPathV1;
+}
+
+EventHub::EventHub(ChangeFeed& feed, std::shared_ptr<const AccessTable> access, Lookup lookup,
+                   Alive alive, EventLimits limits)
+    : feed_(feed),
+      access_(std::move(access)),
+      lookup_(std::move(lookup)),
+      alive_(std::move(alive)),
+      limits_(limits) {}
+
+EventHub::~EventHub() { stop(); }
+
+void EventHub::start() {
+  if (thread_.joinable()) return;
+  thread_ = std::thread([this] { run(); });
+}
+
+void EventHub::stop() {
+  std::map<uint64_t, Stream> ending;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    stopping_ = true;
+    ending = streams_;
+  }
+  wake_.notify_all();
+  if (thread_.joinable()) thread_.join();
+  for (auto& stream : ending) stream.second.sink->end();
+}
+
+EventAdmission EventHub::admit(const HttpInput& in) const {
+  EventAdmission admission;
+  const std::string path = pathOf(in.target);
+  const std::string query = queryOf(in.target);
+  HttpRequest connection(in.method, path, in.clientAddress);
+  for (const auto& header : in.headers) connection.addHeader(header.first, header.second);
+  const std::string token = sessionTokenOf(connection);
+  CSessionInfo info;
+  bool haveSession = false;
+  try {
+    haveSession = !token.empty() && lookup_ && lookup_(token, info);
+  } catch (const QPNExceptionWithErrCode_& e) {
+    admission.refusal = errorOutput(e.getErrCode(), describeCode(e.getErrCode()));
+    return admission;
+  }
+  if (!haveSession) {
+    admission.refusal = errorOutput(kErrSessionRequired, describeCode(kErrSessionRequired));
+    return admission;
+  }
+  const std::string language = languageArgOf(query);
+  if (!language.empty()) info.setLanguage(language == "zh" ? "zh" : "en");
+  if (!access_->rule(path, kEventsRuleMethod).allows(info.getUserContext().scope_)) {
+    admission.refusal =
+        errorOutput(kErrScopeForbidden, describeCode(kErrScopeForbidden, info.language()));
+    return admission;
+  }
+  admission.admitted = true;
+  admission.token = token;
+  admission.sessionId = info.getHttpSession() ? info.getHttpSession()->getId() : token;
+  admission.user = info.getUserContext().userName_;
+  admission.language = info.language();
+  admission.lastEventId = lastEventIdOf(in, query);
+  return admission;
+}
+
+bool EventHub::attach(const EventAdmission& admission,
+                      const std::function<std::shared_ptr<EventSink>(uint64_t id)>& makeSink,
+                      HttpOutput* refusal) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (stopping_ || streams_.size() >= limits_.total ||
+      perSession_[admission.sessionId] >= limits_.perSession) {
+    ++counts_.refusedLimit;
+    *refusal = errorOutput(stopping_ ? kErrBusy : kErrTooManyStreams,
+                           describeCode(stopping_ ? kErrBusy : kErrTooManyStreams));
+    return false;
+  }
+  const uint64_t id = ++nextId_;
+  Stream stream;
+  stream.sink = makeSink(id);
+  stream.token = admission.token;
+  stream.sessionId = admission.sessionId;
+  stream.chinese = admission.language == "zh";
+  stream.sink->send(std::make_shared<const std::string>(answerHead()));
+  // What the client missed, from the backlog, or a word that it must reload.
+  ChangeFeed::Events missed;
+  if (admission.lastEventId < 0) {
+    stream.lastSent = feed_.head();
+  } else if (feed_.since(admission.lastEventId, &missed)) {
+    stream.lastSent = admission.lastEventId;
+    for (const auto& event : missed) {
+      stream.sink->send(std::make_shared<const std::string>(eventText(*event, stream.chinese)));
+      stream.lastSent = event->seq;
+      ++counts_.events;
+    }
+  } else {
+    stream.lastSent = feed_.head();
+    stream.sink->send(std::make_shared<const std::string>(resetText(stream.lastSent)));
+    ++counts_.resets;
+  }
+  ++perSession_[stream.sessionId];
+  streams_.emplace(id, std::move(stream));
+  ++counts_.opened;
+  return true;
+}
+
+void EventHub::detach(uint64_t id) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  auto it = streams_.find(id);
+  if (it == streams_.end()) return;
+  auto held = perSession_.find(it->second.sessionId);
+  if (held != perSession_.end() && --held->second == 0) perSession_.erase(held);
+  streams_.erase(it);
+}
+
+void EventHub::publish(const ChangeFeed::Events& events) {
+  // Each event is written out once per language, then shared by the streams.
+  std::vector<std::pair<std::shared_ptr<const std::string>, std::shared_ptr<const std::string>>>
+      texts;
+  for (const auto& event : events) {
+    texts.emplace_back(std::make_shared<const std::string>(eventText(*event, false)),
+                       std::make_shared<const std::string>(eventText(*event, true)));
+  }
+  std::lock_guard<std::mutex> lock(mutex_);
+  for (auto& entry : streams_) {
+    Stream& stream = entry.second;
+    for (size_t i = 0; i < events.size(); ++i) {
+      // A client that resumed ahead of this gateway (from another one) has these.
+      if (events[i]->seq <= stream.lastSent) continue;
+      stream.sink->send(stream.chinese ? texts[i].second : texts[i].first);
+      stream.lastSent = events[i]->seq;
+      ++counts_.events;
+    }
+  }
+}
+
+void EventHub::run() {
+  using Clock = std::chrono::steady_clock;
+  auto nextPing = Clock::now() + std::chrono::seconds(limits_.heartbeatSeconds);
+  std::unique_lock<std::mutex> lock(mutex_);
+  while (!stopping_) {
+    wake_.wait_for(lock, std::chrono::seconds(limits_.sessionCheckSeconds),
+                   [this] { return stopping_; });
+    if (stopping_) break;
+    std::set<std::string> tokens;
+    for (const auto& entry : streams_) tokens.insert(entry.second.token);
+    if (Clock::now() >= nextPing) {
+      auto ping = std::make_shared<const std::string>(kPing);
+      for (auto& entry : streams_) entry.second.sink->send(ping);
+      nextPing = Clock::now() + std::chrono::seconds(limits_.heartbeatSeconds);
+    }
+    // The session store may take its time: asked without the lock.
+    lock.unlock();
+    std::vector<std::string> ended;
+    for (const std::string& token : tokens) {
+      try {
+        if (!alive_(token)) ended.push_back(token);
+      } catch (const std::exception&) {
+        // The store cannot say now: the stream goes on until it can.
+      }
+    }
+    for (const std::string& token : ended) endStreamsOf(token);
+    lock.lock();
+  }
+}
+
+void EventHub::endStreamsOf(const std::string& token) {
+  std::vector<std::shared_ptr<EventSink>> sinks;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (const auto& entry : streams_) {
+      if (entry.second.token == token) sinks.push_back(entry.second.sink);
+    }
+  }
+  for (const auto& sink : sinks) sink->end();
+}
+
+EventHub::Counts EventHub::counts() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  Counts c = counts_;
+  c.open = streams_.size();
+  return c;
+}
+
+std::string EventHub::metricsText() const {
+  const Counts c = counts();
+  return "# HELP nox_event_streams_open Event streams (GET /events) open now.\n"
+         "# TYPE nox_event_streams_open gauge\n"
+         "nox_event_streams_open " + std::to_string(c.open) + "\n"
+         "# HELP nox_event_streams_opened_total Event streams opened.\n"
+         "# TYPE nox_event_streams_opened_total counter\n"
+         "nox_event_streams_opened_total " + std::to_string(c.opened) + "\n"
+         "# HELP nox_event_streams_refused_total Event streams refused for a limit.\n"
+         "# TYPE nox_event_streams_refused_total counter\n"
+         "nox_event_streams_refused_total " + std::to_string(c.refusedLimit) + "\n"
+         "# HELP nox_event_stream_resets_total Streams told to reload (resumed too far back).\n"
+         "# TYPE nox_event_stream_resets_total counter\n"
+         "nox_event_stream_resets_total " + std::to_string(c.resets) + "\n"
+         "# HELP nox_events_sent_total Events written to streams.\n"
+         "# TYPE nox_events_sent_total counter\n"
+         "nox_events_sent_total " + std::to_string(c.events) + "\n";
+}
+
+std::string EventHub::answerHead() {
+  // No length: the answer lasts as long as the stream. Proxies (nginx) must
+  // not hold it back in a buffer, and nobody may keep a copy.
+  return "HTTP/1.1 200 OK\r\n"
+         "Content-Type: text/event-stream; charset=utf-8\r\n"
+         "Cache-Control: no-store\r\n"
+         "X-Accel-Buffering: no\r\n"
+         "X-Content-Type-Options: nosniff\r\n"
+         "Connection: close\r\n"
+         "\r\n"
+         "retry: " + std::to_string(kRetryMs) + "\n\n";
+}
+
+std::string EventHub::eventText(const ChangeEvent& event, bool chinese) {
+  return "id: " + std::to_string(event.seq) + "\nevent: " + event.name() +
+         "\ndata: " + toCompactJson(chinese ? event.dataZh : event.data) + "\n\n";
+}
+
+}  // namespace gw
