@@ -169,7 +169,7 @@ int serve(const gw::GatewayOptions& options, const gw::GatewayPaths& paths,
     return SessionStore::instance().lookup(token, info);
   };
   // One follower of the backend's changes for every event stream.
-  ChangeFeed feed{ChangeFeed::Options()};
+  ChangeFeed feed(options.feed);
   gw::EventHub events(feed, access, lookup,
                       [](const std::string& token) { return SessionStore::instance().alive(token); },
                       options.events);

@@ -57,6 +57,7 @@ const NumberOption kNumbers[] = {
     {"--backend-timeout", 1, 3600, "seconds", NOX_SETTER(backendTimeout)},
     {"--events-per-session", 1, 1000, "a number", NOX_SETTER(events.perSession)},
     {"--events-max", 1, 1000000, "a number", NOX_SETTER(events.total)},
+    {"--events-backlog", 10, 1000000, "a number", NOX_SETTER(feed.backlog)},
 };
 #undef NOX_SETTER
 
@@ -263,7 +264,10 @@ std::string usageServer() {
          "  --events-per-session N  event streams (GET /events) one session may hold open\n"
          "                          (default " + number(static_cast<long long>(kDefaults.events.perSession)) + ")\n"
          "  --events-max N          event streams the gateway holds open (default " +
-         number(static_cast<long long>(kDefaults.events.total)) + ")\n";
+         number(static_cast<long long>(kDefaults.events.total)) + ")\n"
+         "  --events-backlog N      the newest changes kept for streams that resume with\n"
+         "                          Last-Event-ID (default " +
+         number(static_cast<long long>(kDefaults.feed.backlog)) + ")\n";
 }
 
 // Sessions, who may call what, and HTTPS.

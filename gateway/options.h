@@ -40,6 +40,7 @@ struct GatewayOptions {
   int stateTimeoutMs = 500;  // per Redis command and connection attempt
   int backendTimeout = 0;    // 0: the host's default
   EventLimits events;  // --events-per-session, --events-max
+  ChangeFeed::Options feed;  // --events-backlog
   // --simulate, --simulate-seed: the in-process backend's simulation.
   SimBackendOptions simulation;
   // Switches.

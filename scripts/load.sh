@@ -17,6 +17,10 @@
 #                              # with OTHER_BIN_DIR (an older build's bin/) the two
 #                              # take turns, medians of NOX_RATIO_ROUNDS (3) rounds
 #                              # of NOX_LOAD_SECONDS (10) per route
+#   scripts/load.sh --events   # 1000 GET /events streams on one gateway whose tasks
+#                              # run (--simulate 1): the memory they cost (target
+#                              # < 50 MiB), how late an event reaches them (p99
+#                              # < 1.5 s) and the mix's p99 beside them (< 10 % more)
 #
 # Scenarios: the mixed workload (task detail in English and Chinese, task
 # list, alarm count, storage configuration, certificate upload), the task
@@ -42,6 +46,8 @@ STORM=0
 [ "${1:-}" = "--login-storm" ] && STORM=1
 RATIOS=0
 [ "${1:-}" = "--ratios" ] && RATIOS=1
+EVENTS=0
+[ "${1:-}" = "--events" ] && EVENTS=1
 
 need() { command -v "$1" >/dev/null || { echo "load: installing $2"; sudo_cmd apt-get install -y -qq "$2" >/dev/null; }; }
 sudo_cmd() { if [ "$(id -u)" -eq 0 ]; then "$@"; else sudo "$@"; fi; }
@@ -142,6 +148,9 @@ LIMITS=()
 if "$GATEWAY" --help | grep -q -- --header-timeout; then
   LIMITS=(--header-timeout 600 --max-connections $((IDLE + 4096)))
 fi
+STREAMS=${NOX_EVENT_CLIENTS:-1000}
+# The tasks run, and one session may hold every stream.
+[ "$EVENTS" = 1 ] && LIMITS+=(--simulate 1 --events-per-session "$STREAMS")
 "$GATEWAY" --listen 127.0.0.1:0 --data "$WORK/data" --init-password "$PASSWORD" \
   --log "$WORK/trace.log" --log-level warn --access-log /dev/null "${LIMITS[@]}" >"$WORK/gw.out" 2>&1 &
 GW_PID=$!
@@ -151,6 +160,39 @@ ADDR=$(sed -n 's/^listening on //p' "$WORK/gw.out" | head -1)
 URL="http://$ADDR"
 
 login_at "$URL"
+
+if [ "$EVENTS" = 1 ]; then
+  SECONDS_EACH=${NOX_EVENT_SECONDS:-30}
+  BEFORE=$(run_wrk mix-alone "$URL" mix "$CONNECTIONS" "$SECONDS_EACH"); echo "$BEFORE"
+  RSS_BEFORE_KB=$(sed -n 's/^VmRSS:\s*\([0-9]*\).*/\1/p' "/proc/$GW_PID/status")
+  python3 bench/load/event_clients.py "${ADDR%:*}" "${ADDR##*:}" "$TOKEN" "$STREAMS" \
+    $((SECONDS_EACH + 15)) >"$WORK/events.out" &
+  EV_PID=$!
+  for _ in $(seq 600); do grep -q '^open ' "$WORK/events.out" && break; sleep 0.1; done
+  sleep 5
+  RSS_AFTER_KB=$(sed -n 's/^VmRSS:\s*\([0-9]*\).*/\1/p' "/proc/$GW_PID/status")
+  OPEN=$(curl -s --max-time 5 "$URL/metrics" | sed -n 's/^nox_event_streams_open //p')
+  BESIDE=$(run_wrk mix-beside-streams "$URL" mix "$CONNECTIONS" "$SECONDS_EACH"); echo "$BESIDE"
+  wait "$EV_PID"
+  EV_LINE=$(grep '^RESULT' "$WORK/events.out" | sed 's/^RESULT /events /')
+  echo "$EV_LINE"
+  python3 - "$BEFORE" "$BESIDE" "$EV_LINE" "$RSS_BEFORE_KB" "$RSS_AFTER_KB" "$OPEN" <<'PY'
+import re, sys
+parse = lambda line: {k: float(v) for k, v in re.findall(r"(\w+)=([0-9.]+)", line)}
+alone, beside, events = map(parse, sys.argv[1:4])
+before, after, open_ = int(sys.argv[4]), int(sys.argv[5]), sys.argv[6]
+mib = (after - before) / 1024
+moved = beside["p99_ms"] / alone["p99_ms"] - 1
+print(f"streams open {open_}: resident {before // 1024} -> {after // 1024} MiB, "
+      f"+{mib:.1f} MiB  target < 50 MiB  {'ok' if mib < 50 else 'MISSED'}")
+print(f"event delivery p99 {events['p99_ms']:.1f} ms (max {events['max_ms']:.1f}), gaps "
+      f"{events['gaps']:.0f}, closed {events['closed']:.0f}  target < 1500 ms  "
+      f"{'ok' if events['p99_ms'] < 1500 and events['gaps'] == 0 else 'MISSED'}")
+print(f"mix p99 {alone['p99_ms']:.1f} -> {beside['p99_ms']:.1f} ms ({moved * 100:+.1f} %)  "
+      f"target < +10 %  {'ok' if moved < 0.10 else 'MISSED'}")
+PY
+  exit 0
+fi
 
 if [ "$STORM" = 1 ]; then
   # Logins keep their thread for a second after they succeed; on threads of

@@ -114,13 +114,16 @@ bool GatewayProcess::start(const std::vector<std::string>& extra) {
                                    "--threads",
                                    "4"};
   args.insert(args.end(), extra.begin(), extra.end());
+  // After a stop, the output so far is the last run's: its "listening on"
+  // line is not this one's.
+  const size_t from = out_.size();
   pid_ = spawn(args, &outFd_);
   if (pid_ < 0) return false;
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
   const std::string marker = "listening on 127.0.0.1:";
   while (std::chrono::steady_clock::now() < deadline) {
     readOutput(100);
-    const size_t at = out_.find(marker);
+    const size_t at = out_.find(marker, from);
     if (at != std::string::npos && out_.find('\n', at) != std::string::npos) {
       port_ = atoi(out_.c_str() + at + marker.size());
       return port_ > 0;
@@ -211,16 +214,18 @@ BackendProcess::~BackendProcess() {
   if (!folder_.empty()) nftw(folder_.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS);
 }
 
-bool BackendProcess::start() {
+bool BackendProcess::start(const std::vector<std::string>& extra) {
   if (pid_ > 0) return false;
   if (outFd_ >= 0) {
     close(outFd_);
     outFd_ = -1;
   }
   out_.clear();
-  pid_ = spawn({NOX_BACKEND_BIN, "--listen", "127.0.0.1:" + std::to_string(port_), "--data",
-                dataDir(), "--init-password", password_, "--log", folder_ + "/backend.log"},
-               &outFd_);
+  std::vector<std::string> args = {NOX_BACKEND_BIN, "--listen", "127.0.0.1:" + std::to_string(port_),
+                                   "--data", dataDir(), "--init-password", password_, "--log",
+                                   folder_ + "/backend.log"};
+  args.insert(args.end(), extra.begin(), extra.end());
+  pid_ = spawn(args, &outFd_);
   if (pid_ < 0) return false;
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
   const std::string marker = "listening on 127.0.0.1:";

@@ -26,7 +26,8 @@ class GatewayProcess {
   // Starts the gateway with "--listen 127.0.0.1:0 --data <fresh folder>
   // --init-password <password()> --log ... --access-log ..." and `extra`, and
   // waits (at most 60 s) for its "listening on" line. Returns false when it
-  // exited or never said where it listens; output() then says why.
+  // exited or never said where it listens; output() then says why. After
+  // stop(), starts it again on the same data folder (on a new port).
   bool start(const std::vector<std::string>& extra = {});
   // Runs the gateway with exactly `args` (no defaults) until it exits; returns
   // its exit status (-1 when it did not exit within 60 s).
@@ -82,11 +83,12 @@ class BackendProcess {
   BackendProcess& operator=(const BackendProcess&) = delete;
 
   // Starts nox-backend with "--listen 127.0.0.1:<port> --data <folder>
-  // --init-password <password()> --log <folder>/backend.log": port 0 the
+  // --init-password <password()> --log <folder>/backend.log" and `extra`
+  // (the same again on a later start): port 0 the
   // first time, the same port again after kill() or stop(). Waits (at most
   // 60 s) for its "listening on" line; false when it exited or never said
   // where it listens (output() says why).
-  bool start();
+  bool start(const std::vector<std::string>& extra = {});
   // SIGKILL and reaps the process.
   void kill();
   // SIGTERM, then waits; the exit status, or -1 when killed by a signal or

@@ -242,8 +242,9 @@ TEST(AccessTableTest, TheApiDocumentNamesTheTablesScopes) {
     }
   }
   // Every operation of the plug-in's routes: 3 + 3 on the logins, 3 imports,
-  // 4 alarm reads, 3 task reads, the storage configuration.
-  EXPECT_EQ(checked, 17);
+  // 4 alarm reads, 3 task reads, the storage configuration; and the
+  // gateway's event stream on both interfaces.
+  EXPECT_EQ(checked, 19);
 }
 
 TEST(AccessTableTest, TheInstalledTableIsTheDefaultUntilReplaced) {
