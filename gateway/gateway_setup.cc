@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <thread>
 
 #include "command_line.h"
@@ -188,6 +189,10 @@ bool installSessionStore(const GatewayOptions& options, std::string* error) {
   if (!shared) {
     *error = "--state " + why;
     return false;
+  }
+  // A primary found through sentinels has replicas to wait for.
+  if (options.state.compare(0, std::strlen(kRedisSentinelScheme), kRedisSentinelScheme) == 0) {
+    shared->setReplicaWait(options.stateWaitMs);
   }
   // Not fatal: the gateway answers 503 until Redis is there, then serves.
   if (!shared->healthy(&why)) {
