@@ -8,7 +8,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <thread>
 
 #include "command_line.h"
@@ -191,9 +190,7 @@ bool installSessionStore(const GatewayOptions& options, std::string* error) {
     return false;
   }
   // A primary found through sentinels has replicas to wait for.
-  if (options.state.compare(0, std::strlen(kRedisSentinelScheme), kRedisSentinelScheme) == 0) {
-    shared->setReplicaWait(options.stateWaitMs);
-  }
+  if (shared->usesSentinel()) shared->setReplicaWait(options.stateWaitMs);
   // Not fatal: the gateway answers 503 until Redis is there, then serves.
   if (!shared->healthy(&why)) {
     fprintf(stderr, "nox-gateway: the session store %s is not reachable yet: %s\n",
@@ -244,6 +241,11 @@ std::unique_ptr<HealthMonitor> makeHealthMonitor(const ServiceCheck& backend) {
   // The memory store is in process: nothing to probe.
   if (std::string(store->kind()) != "memory") {
     storeCheck.probe = [store] { store->healthy(nullptr); };
+  }
+  std::shared_ptr<RedisStateStore> redis = std::dynamic_pointer_cast<RedisStateStore>(store);
+  if (redis && redis->usesSentinel()) {
+    storeCheck.primary = [redis] { return redis->primaryInUse(); };
+    storeCheck.failovers = [redis] { return redis->failovers(); };
   }
   auto countSessions = [] { return static_cast<long long>(SessionStore::instance().size()); };
   return std::make_unique<HealthMonitor>(backend, storeCheck, store->kind(), countSessions,

@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "redis_sentinel_group.h"
 #include "redis_server.h"
 #include "redis_state_store.h"
 #include "state_store.h"
@@ -20,20 +21,6 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-const char kMaster[] = "nox";
-
-// The text redis-cli prints for `command` sent to 127.0.0.1:port.
-std::string cli(int port, const std::string& command) {
-  const std::string line = "redis-cli -p " + std::to_string(port) + " " + command + " 2>&1";
-  std::string out;
-  FILE* pipe = popen(line.c_str(), "r");
-  if (pipe == nullptr) return out;
-  char buf[512];
-  while (fgets(buf, sizeof(buf), pipe) != nullptr) out += buf;
-  pclose(pipe);
-  return out;
-}
 
 // Waits up to `seconds` for `ready`.
 bool waitFor(const std::function<bool()>& ready, int seconds) {
@@ -44,58 +31,6 @@ bool waitFor(const std::function<bool()>& ready, int seconds) {
   }
   return false;
 }
-
-// A primary, its replica and three sentinels that watch them.
-class SentinelGroup {
- public:
-  bool start(std::string* error) {
-    // Its own folder, and the replica's sync kept off the disk.
-    primary_.setArguments({"--repl-diskless-sync", "yes", "--repl-diskless-sync-delay", "0"});
-    if (!primary_.start()) return fail(primary_.error(), error);
-    replica_.setArguments({"--replicaof", "127.0.0.1", std::to_string(primary_.port())});
-    if (!replica_.start()) return fail(replica_.error(), error);
-    const std::string config = "sentinel monitor " + std::string(kMaster) + " 127.0.0.1 " +
-                               std::to_string(primary_.port()) +
-                               " 2\n"
-                               "sentinel down-after-milliseconds nox 1000\n"
-                               "sentinel failover-timeout nox 2000\n";
-    for (RedisServer& s : sentinels_) {
-      s.setSentinelConfig(config);
-      if (!s.start()) return fail(s.error(), error);
-    }
-    // A failover needs a replica the sentinels know, and each other.
-    const bool known = waitFor(
-        [this] {
-          const std::string m = cli(sentinels_[0].port(), "SENTINEL master nox");
-          return m.find("num-slaves\n1\n") != std::string::npos &&
-                 m.find("num-other-sentinels\n2\n") != std::string::npos;
-        },
-        20);
-    return known || fail("the sentinels did not learn the replica and each other", error);
-  }
-
-  std::string url() const {
-    std::string out = kRedisSentinelScheme;
-    for (size_t i = 0; i < 3; ++i) {
-      out += (i == 0 ? "" : ",") + std::string("127.0.0.1:") + std::to_string(sentinels_[i].port());
-    }
-    return out + "/" + kMaster;
-  }
-
-  RedisServer& primary() { return primary_; }
-  RedisServer& replica() { return replica_; }
-  int sentinelPort() const { return sentinels_[0].port(); }
-
- private:
-  static bool fail(const std::string& why, std::string* error) {
-    *error = why;
-    return false;
-  }
-
-  RedisServer primary_;
-  RedisServer replica_;
-  RedisServer sentinels_[3];
-};
 
 StoredSession sessionFor(const std::string& user) {
   StoredSession s;
@@ -181,15 +116,15 @@ TEST(RedisSentinelTest, NoSentinelAnsweringIsUnavailable) {
 // answers rightly or throws StateStoreError; once a sentinel has promoted
 // the replica the same store serves every session written before the kill.
 TEST(RedisSentinelTest, FollowsAFailoverAndLosesNoAcknowledgedSession) {
-  SentinelGroup group;
+  RedisSentinelGroup group;
+  ASSERT_TRUE(group.start()) << group.error();
   std::string error;
-  ASSERT_TRUE(group.start(&error)) << error;
   auto store = RedisStateStore::open(group.url(), 300, &error);
   ASSERT_NE(store, nullptr) << error;
   store->setReplicaWait(1000);
-  const std::string replica = "127.0.0.1:" + std::to_string(group.replica().port());
+  const std::string replica = RedisSentinelGroup::address(group.replica());
   for (int i = 0; i < 50; ++i) store->putSession("k" + std::to_string(i), sessionFor("u"), 0, 600);
-  EXPECT_EQ(store->primaryInUse(), "127.0.0.1:" + std::to_string(group.primary().port()));
+  EXPECT_EQ(store->primaryInUse(), RedisSentinelGroup::address(group.primary()));
 
   group.primary().stop();
   const auto killed = Clock::now();
@@ -225,15 +160,15 @@ TEST(RedisSentinelTest, FollowsAFailoverAndLosesNoAcknowledgedSession) {
 // sentinels again, and a write lands on the new primary, never refused as
 // -READONLY.
 TEST(RedisSentinelTest, FollowsASwitchOverOfALivePrimary) {
-  SentinelGroup group;
+  RedisSentinelGroup group;
+  ASSERT_TRUE(group.start()) << group.error();
   std::string error;
-  ASSERT_TRUE(group.start(&error)) << error;
   auto store = RedisStateStore::open(group.url(), 300, &error);
   ASSERT_NE(store, nullptr) << error;
   store->setReplicaWait(1000);
   store->putSession("before", sessionFor("u"), 0, 600);  // waits for the replica
-  ASSERT_NE(cli(group.sentinelPort(), "SENTINEL failover nox").find("OK"), std::string::npos);
-  const std::string replica = "127.0.0.1:" + std::to_string(group.replica().port());
+  ASSERT_NE(group.askSentinel("SENTINEL failover nox").find("OK"), std::string::npos);
+  const std::string replica = RedisSentinelGroup::address(group.replica());
   ASSERT_TRUE(waitFor(
       [&] {
         const std::string why = storeErrorOf([&] { store->putInfo("after", 2, 600); });
@@ -246,14 +181,14 @@ TEST(RedisSentinelTest, FollowsASwitchOverOfALivePrimary) {
   EXPECT_TRUE(store->touchSession("before", 0, 600, "i:", &s, &expired));
   EXPECT_EQ(store->getInfo("after"), 2);
   EXPECT_EQ(store->failovers(), 1);
-  EXPECT_NE(cli(group.replica().port(), "ROLE").find("master"), std::string::npos);
+  EXPECT_NE(redisCli(group.replica().port(), "ROLE").find("master"), std::string::npos);
 }
 
 // A new session that no replica takes is refused, not promised.
 TEST(RedisSentinelTest, AWriteNoReplicaTookIsRefused) {
-  SentinelGroup group;
+  RedisSentinelGroup group;
+  ASSERT_TRUE(group.start()) << group.error();
   std::string error;
-  ASSERT_TRUE(group.start(&error)) << error;
   auto store = RedisStateStore::open(group.url(), 300, &error);
   ASSERT_NE(store, nullptr) << error;
   store->setReplicaWait(200);
