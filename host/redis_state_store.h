@@ -115,6 +115,8 @@ class HOST_API RedisStateStore : public StateStore {
   // sentinels and the master name.
   std::string describe() const;
 
+  // Whether the primary is found through sentinels (redis-sentinel://).
+  bool usesSentinel() const { return !address_.sentinels.empty(); }
   // Makes putSession and removeSession wait up to `ms` for one replica to
   // take the write (0, the default: no wait). Call before use.
   void setReplicaWait(int ms) { replicaWaitMs_ = ms; }
