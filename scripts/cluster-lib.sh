@@ -153,8 +153,7 @@ $servers    keepalive 64;
   }
 }
 CONF
-  cluster_exec /usr/sbin/nginx -c "$dir/nginx.conf" -g 'daemon off;' 2>>"$dir/error.log" &
-  CLUSTER_PIDS+=($!)
+  cluster_spawn "$dir" "$dir/out.log" /usr/sbin/nginx -c "$dir/nginx.conf" -g 'daemon off;'
   for _ in $(seq 1 100); do
     cluster_exec curl -sf -o /dev/null "http://127.0.0.1:$port/healthz" && return 0
     sleep 0.1
