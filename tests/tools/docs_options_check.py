@@ -21,7 +21,8 @@ OTHER_COMMANDS = {
     "--leak-check": "valgrind", "--undefined-only": "nm", "--no-undefined": "ld",
     "--variant": "debootstrap", "--save-dev": "npm", "--cacert": "curl", "--output": "curl",
     "--strict": "tsc", "--module": "tsc", "--moduleResolution": "tsc",
-    "--soak": "scripts/load.sh", "--cluster": "scripts/load.sh", "--login-storm": "scripts/load.sh",
+    "--soak": "scripts/load.sh", "--cluster": "scripts/load.sh",
+    "--hosts": "scripts/run-cluster.sh", "--login-storm": "scripts/load.sh",
     "--gateway": "tools/api/check.sh", "--exchanges": "tools/api/check.sh",
     "--out": "tools/api/check.sh", "--signal": "systemctl",
 }
