@@ -11,7 +11,9 @@ after the other:
      their old tokens;
   2. one gateway host's processes killed: no GET fails (nginx passes it
      over); started again, nginx sends to it again;
-  3. nox-backend restarted: 503 only while it is down, then 200 again;
+  3. nox-backend restarted while certificates are imported: 503 only while
+     it is down, then 200 again; every import answered 200 is in the
+     backend's store afterwards;
   4. one gateway's link down (partitioned from Redis and everything else):
      that gateway answers 503 for a session-bound call and its /healthz says
      why; the other one serves everyone; link up, it serves again.
@@ -28,6 +30,7 @@ import http.client
 import json
 import os
 import signal
+import sqlite3
 import subprocess
 import sys
 import tempfile
@@ -271,9 +274,64 @@ def fault_gateway_killed(env, host, tokens, cluster_dir):
     check(after > before, "nginx sent nothing to the gateway brought back (since %.1f)" % back)
 
 
+def make_cas(folder, count):
+    """PEM files of `count` distinct CA certificates, "fault test CA <i>"."""
+    paths = []
+    for i in range(count):
+        path = os.path.join(folder, "ca%d.pem" % i)
+        subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-sha256", "-days", "30",
+                        "-nodes", "-subj", "/CN=fault test CA %d" % i, "-addext",
+                        "basicConstraints=critical,CA:TRUE", "-addext",
+                        "keyUsage=critical,keyCertSign,cRLSign", "-keyout",
+                        os.path.join(folder, "ca%d.key" % i), "-out", path],
+                       capture_output=True, check=True)
+        paths.append(path)
+    return paths
+
+
+def import_ca(host, token, path):
+    """The status of a certificate import of the file at `path`."""
+    boundary = "nox-fault-boundary"
+    with open(path, "rb") as f:
+        pem = f.read()
+    body = (b"--" + boundary.encode() + b"\r\n"
+            b'Content-Disposition: form-data; name="file"; filename="' +
+            os.path.basename(path).encode() + b'"\r\n'
+            b"Content-Type: application/x-pem-file\r\n\r\n" + pem + b"\r\n--" +
+            boundary.encode() + b"--\r\n")
+    conn = http.client.HTTPConnection(host, timeout=30)
+    try:
+        conn.request("POST", "/kestrel_cert/import_cert", body=body,
+                     headers={"X-Auth-Token": token,
+                              "Content-Type": "multipart/form-data; boundary=" + boundary})
+        res = conn.getresponse()
+        res.read()
+        return res.status
+    finally:
+        conn.close()
+
+
 def fault_backend_restarted(env, host, tokens, cluster_dir):
     backend_dir = os.path.join(cluster_dir, "backend")
+    cas = make_cas(cluster_dir, 24)
+    imported, import_answers = [], []
+
+    def importer(stop):
+        for i, path in enumerate(cas):
+            if stop.is_set():
+                return
+            try:
+                status = import_ca(host, tokens[0], path)
+            except OSError as e:
+                status = "error: %s" % e
+            import_answers.append(status)
+            if status == 200:
+                imported.append(i)
+            time.sleep(0.2)
+
     with Load(host, tokens) as load:
+        importing = threading.Thread(target=importer, args=(load.stop,))
+        importing.start()
         time.sleep(1)
         stopped = time.time()
         kill_host(env["NOX_BACKEND_NS"], signal.SIGTERM)
@@ -292,6 +350,17 @@ def fault_backend_restarted(env, host, tokens, cluster_dir):
         check(t < started + 1.5, "a 503 %.1f s after the backend was back" % (t - started))
     lost = all_served(host, tokens)
     check(lost is None, "after the backend's restart: %s" % lost)
+    importing.join()
+    db = sqlite3.connect(os.path.join(backend_dir, "data", "nox.db"))
+    subjects = " | ".join(r[0] for r in db.execute("SELECT subject FROM ca_certificates"))
+    db.close()
+    missing = [i for i in imported if "fault test CA %d" % i not in subjects]
+    print("figure: imports during the backend's restart: answers %s, %d acknowledged, %d lost"
+          % (summary([(0, a, None, 0) for a in import_answers]), len(imported), len(missing)))
+    check(imported, "no import was acknowledged")
+    check(not missing, "imported certificates lost: %s" % missing)
+    check(all(a in (200, 503) for a in import_answers),
+          "an import answered other than 200 or 503: %s" % import_answers)
 
 
 def fault_partition(env, host, tokens):
