@@ -202,12 +202,14 @@ cluster_hosts_up() {  # PREFIX NAME...
   local prefix=$1 bridge i=2 name ns
   shift
   bridge=$(cluster_bridge)
-  ip link add "$bridge" type bridge || return 1
+  # A bridge of that name belongs to another cluster: leave it alone.
+  ip link add "$bridge" type bridge || { echo "cluster: $bridge exists (CLUSTER_NET_ID taken?)" >&2; return 1; }
+  CLUSTER_BRIDGE_MADE=1
   ip addr add "$prefix.1/24" dev "$bridge"
   ip link set "$bridge" up
   for name in "$@"; do
     ns=$(cluster_host_ns "$name")
-    ip netns add "$ns" || return 1
+    ip netns add "$ns" || { echo "cluster: namespace $ns exists (CLUSTER_NET_ID taken?)" >&2; return 1; }
     CLUSTER_HOSTS+=("$ns")
     ip link add "$bridge-$i" type veth peer name eth0 netns "$ns" || return 1
     ip link set "$bridge-$i" master "$bridge" up
@@ -242,5 +244,6 @@ cluster_hosts_down() {
     i=$((i + 1))
   done
   CLUSTER_HOSTS=()
-  ip link del "$(cluster_bridge)" 2>/dev/null || true
+  [ "${CLUSTER_BRIDGE_MADE:-0}" = 1 ] && ip link del "$(cluster_bridge)" 2>/dev/null
+  CLUSTER_BRIDGE_MADE=0
 }

@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <thread>
 
+#include "redis_state_store.h"
+
 const char RedisSentinelGroup::kMaster[] = "nox";
 
 std::string redisCli(int port, const std::string& command) {
@@ -50,7 +52,7 @@ bool RedisSentinelGroup::start() {
 }
 
 std::string RedisSentinelGroup::url() const {
-  std::string out = "redis-sentinel://";
+  std::string out = kRedisSentinelScheme;
   for (size_t i = 0; i < 3; ++i) out += (i == 0 ? "" : ",") + address(sentinels_[i]);
   return out + "/" + kMaster;
 }
