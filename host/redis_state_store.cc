@@ -8,6 +8,7 @@
 #include <cstring>
 #include <map>
 
+#include "qpn_debug_kit.h"
 #include "wire_socket.h"
 
 namespace {
@@ -333,6 +334,10 @@ namespace {
 
 std::string endpointText(const RedisEndpoint& e) { return e.host + ":" + std::to_string(e.port); }
 
+// Logged (warning) when the sentinels name another primary than the one in
+// use before: the new one, then the old one.
+const char kPrimaryChangedText[] = "the session store's primary is now %s (was %s)";
+
 timeval timeoutOf(int ms) {
   timeval tv;
   tv.tv_sec = ms / 1000;
@@ -480,16 +485,29 @@ RedisEndpoint RedisStateStore::target(unsigned* generation) {
     if (!primary_.host.empty()) return primary_;
   }
   const RedisEndpoint found = askSentinels();
-  std::lock_guard<std::mutex> lock(poolMutex_);
-  // Another call may have found it meanwhile: one answer per generation.
-  if (primary_.host.empty()) {
-    primary_ = found;
-    const std::string name = endpointText(found);
-    if (!lastPrimary_.empty() && lastPrimary_ != name) ++failovers_;
-    lastPrimary_ = name;
+  std::string was;
+  RedisEndpoint chosen;
+  {
+    std::lock_guard<std::mutex> lock(poolMutex_);
+    // Another call may have found it meanwhile: one answer per generation.
+    if (primary_.host.empty()) {
+      primary_ = found;
+      const std::string name = endpointText(found);
+      if (!lastPrimary_.empty() && lastPrimary_ != name) {
+        ++failovers_;
+        was = lastPrimary_;
+      }
+      lastPrimary_ = name;
+    }
+    *generation = generation_;
+    chosen = primary_;
   }
-  *generation = generation_;
-  return primary_;
+  if (!was.empty()) {
+    CQPNDebugKitGuard guard(2, "RedisStateStore");
+    guard.warn(0, "target", __LINE__, kPrimaryChangedText, endpointText(chosen).c_str(),
+               was.c_str());
+  }
+  return chosen;
 }
 
 void RedisStateStore::forgetPrimary(unsigned generation) {

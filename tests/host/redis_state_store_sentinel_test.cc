@@ -17,6 +17,7 @@
 #include "redis_server.h"
 #include "redis_state_store.h"
 #include "state_store.h"
+#include "trace_capture.h"
 
 namespace {
 
@@ -126,6 +127,7 @@ TEST(RedisSentinelTest, FollowsAFailoverAndLosesNoAcknowledgedSession) {
   for (int i = 0; i < 50; ++i) store->putSession("k" + std::to_string(i), sessionFor("u"), 0, 600);
   EXPECT_EQ(store->primaryInUse(), RedisSentinelGroup::address(group.primary()));
 
+  TraceCapture trace;
   group.primary().stop();
   const auto killed = Clock::now();
   int failed = 0;
@@ -148,6 +150,11 @@ TEST(RedisSentinelTest, FollowsAFailoverAndLosesNoAcknowledgedSession) {
   EXPECT_EQ(store->primaryInUse(), replica);
   EXPECT_EQ(store->failovers(), 1);
   EXPECT_TRUE(store->lastSeen().reachable);
+  EXPECT_EQ(trace.count(TraceLevel::kWarn, "the session store's primary is now " + replica +
+                                                " (was " +
+                                                RedisSentinelGroup::address(group.primary()) + ")"),
+            1)
+      << trace.dump();
   for (int i = 0; i < 50; ++i) {
     StoredSession s;
     bool expired = false;
