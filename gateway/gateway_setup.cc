@@ -190,6 +190,8 @@ bool installSessionStore(const GatewayOptions& options, std::string* error) {
     *error = "--state " + why;
     return false;
   }
+  // A primary found through sentinels has replicas to wait for.
+  if (shared->usesSentinel()) shared->setReplicaWait(options.stateWaitMs);
   // Not fatal: the gateway answers 503 until Redis is there, then serves.
   if (!shared->healthy(&why)) {
     fprintf(stderr, "nox-gateway: the session store %s is not reachable yet: %s\n",
@@ -243,6 +245,11 @@ std::unique_ptr<HealthMonitor> makeHealthMonitor(const ServiceCheck& backend) {
   // The memory store is in process: nothing to probe.
   if (std::string(store->kind()) != "memory") {
     storeCheck.probe = [store] { store->healthy(nullptr); };
+  }
+  std::shared_ptr<RedisStateStore> redis = std::dynamic_pointer_cast<RedisStateStore>(store);
+  if (redis && redis->usesSentinel()) {
+    storeCheck.primary = [redis] { return redis->primaryInUse(); };
+    storeCheck.failovers = [redis] { return redis->failovers(); };
   }
   auto countSessions = [] { return static_cast<long long>(SessionStore::instance().size()); };
   return std::make_unique<HealthMonitor>(backend, storeCheck, store->kind(), countSessions,

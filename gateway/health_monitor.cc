@@ -99,7 +99,20 @@ bool HealthMonitor::report(Json::Value& health) const {
   state["reachable"] = seen.reachable;
   if (!seen.reachable) state["error"] = seen.error;
   state["ageMs"] = store_.lastSeen ? ageMs(seen) : 0;
+  std::string primary;
+  long long failovers = 0;
+  if (storePrimary(&primary, &failovers)) {
+    state["primary"] = primary;
+    state["failovers"] = static_cast<Json::Int64>(failovers);
+  }
   return seen.reachable;
+}
+
+bool HealthMonitor::storePrimary(std::string* primary, long long* failovers) const {
+  if (!store_.primary || !store_.failovers) return false;
+  *primary = store_.primary();
+  *failovers = store_.failovers();
+  return true;
 }
 
 long long HealthMonitor::sessionsOpen() const {

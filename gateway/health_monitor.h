@@ -46,6 +46,11 @@ struct ServiceCheck {
   // Asks the service (waits at most its time-out); what it finds shows in
   // lastSeen. Unset: the service is in process and never probed.
   std::function<void()> probe;
+  // For a store whose primary is found through Sentinel: the primary in use
+  // ("HOST:PORT", "" while none is known) and the failovers seen. Unset: not
+  // reported.
+  std::function<std::string()> primary;
+  std::function<long long()> failovers;
 };
 
 class HealthMonitor {
@@ -65,7 +70,8 @@ class HealthMonitor {
 
   // Adds "backend" ("reachable"/"unreachable"), "backendError" (when
   // unreachable) and "backendAgeMs", and "state": {"store", "reachable",
-  // "error" (when not), "ageMs"} to `health`; ages are the milliseconds
+  // "error" (when not), "ageMs", and with Sentinel "primary" and
+  // "failovers"} to `health`; ages are the milliseconds
   // since the service was last seen. Returns whether the session store
   // answers: the gateway serves nothing that needs a session without it.
   bool report(Json::Value& health) const;
@@ -74,6 +80,10 @@ class HealthMonitor {
   // by the probe; -1 while the store is seen unreachable or did not answer
   // the last count.
   long long sessionsOpen() const;
+
+  // With Sentinel: true, the primary in use in *primary and the failovers
+  // seen in *failovers. False (nothing written) for any other store.
+  bool storePrimary(std::string* primary, long long* failovers) const;
 
  private:
   void probeLoop(const ServiceCheck& check, bool countsSessions);

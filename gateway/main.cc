@@ -142,9 +142,15 @@ gw::DispatchOptions dispatchOptionsFor(const gw::GatewayOptions& options,
   };
   dispatchOptions.metricsText = [&metrics, &serverSeen, &health]() {
     const gw::HttpServer* server = serverSeen.load();
+    std::string primary;
+    long long failovers = 0;
+    const std::string sentinel = health.storePrimary(&primary, &failovers)
+                                     ? gw::stateStoreMetricsText(primary, failovers)
+                                     : std::string();
     return metrics.render() +
            gw::hostMetricsText(server != nullptr ? server->counts() : gw::TransportCounts(),
-                               health.sessionsOpen());
+                               health.sessionsOpen()) +
+           sentinel;
   };
   return dispatchOptions;
 }

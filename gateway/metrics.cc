@@ -340,4 +340,17 @@ std::string hostMetricsText(const TransportCounts& counts, long long sessionsOpe
   return out;
 }
 
+std::string stateStoreMetricsText(const std::string& primary, long long failovers) {
+  std::string out;
+  appendFamily(&out, "nox_state_primary", "gauge",
+               "The session store's primary in use, found through Sentinel (1, by address).");
+  if (!primary.empty()) {
+    out.append("nox_state_primary{address=\"").append(prometheusLabel(primary)).append("\"} 1\n");
+  }
+  appendSample(&out, "nox_state_failovers_total", "counter",
+               "Times the sentinels named another primary than the one in use before.",
+               std::to_string(failovers));
+  return out;
+}
+
 }  // namespace gw

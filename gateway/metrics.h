@@ -90,6 +90,11 @@ struct TransportCounts {
 // (resident memory, open files), in the text format. Reads nothing remote.
 std::string hostMetricsText(const TransportCounts& counts, long long sessionsOpen);
 
+// With a session store found through Sentinel: nox_state_primary (1 for the
+// primary in use, labelled with its address; none while none is known) and
+// nox_state_failovers_total.
+std::string stateStoreMetricsText(const std::string& primary, long long failovers);
+
 // Formats `value` as the text format wants a label value (backslash, quote
 // and line feed escaped).
 std::string prometheusLabel(const std::string& value);

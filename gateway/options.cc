@@ -1,6 +1,9 @@
 #include "options.h"
 
+#include <cstring>
+
 #include "metrics.h"
+#include "redis_state_store.h"
 #include "remote_backend.h"
 #include "simulate_options.h"
 #include "verify_code.h"
@@ -54,6 +57,7 @@ const NumberOption kNumbers[] = {
     {"--session-idle", 1, 7LL * 24 * 3600, "seconds", NOX_SETTER(sessionIdle)},
     {"--verify-code-lifetime", 1, 3600, "seconds", NOX_SETTER(verifyCodeLifetime)},
     {"--state-timeout-ms", 10, 60000, "milliseconds", NOX_SETTER(stateTimeoutMs)},
+    {"--state-wait-ms", 0, 60000, "milliseconds", NOX_SETTER(stateWaitMs)},
     {"--backend-timeout", 1, 3600, "seconds", NOX_SETTER(backendTimeout)},
     {"--events-per-session", 1, 1000, "a number", NOX_SETTER(events.perSession)},
     {"--events-max", 1, 1000000, "a number", NOX_SETTER(events.total)},
@@ -112,8 +116,10 @@ OptionVerdict takeCheckedValue(const CommandOption& option, GatewayOptions* opti
     }
     options->backend = value;
   } else if (name == "--state") {
-    if (value != "memory" && value.compare(0, 8, "redis://") != 0) {
-      *error = "--state wants memory or redis://[[USER]:PASSWORD@]HOST[:PORT][/DB], not '" +
+    if (value != "memory" && value.compare(0, 8, kRedisScheme) != 0 &&
+        value.compare(0, std::strlen(kRedisSentinelScheme), kRedisSentinelScheme) != 0) {
+      *error = "--state wants memory, redis://[[USER]:PASSWORD@]HOST[:PORT][/DB] or "
+               "redis-sentinel://[PASSWORD@]HOST:PORT[,HOST:PORT...]/MASTER, not '" +
                value + "'";
       return kOptionRefused;
     }
@@ -275,12 +281,20 @@ std::string usageSessionsAndTls() {
   return std::string(
          "  --session-idle SECONDS  idle time after which a session ends\n"
          "  --state memory|redis://[[USER]:PASSWORD@]HOST[:PORT][/DB]\n"
+         "        |redis-sentinel://[PASSWORD@]HOST:PORT[,HOST:PORT...]/MASTER\n"
          "                          where sessions, verification codes and login failure\n"
          "                          counts live (default memory: this process only; Redis:\n"
-         "                          shared by every gateway that names the same one)\n"
+         "                          shared by every gateway that names the same one; with\n"
+         "                          Sentinel: the primary the sentinels name, followed\n"
+         "                          through a failover)\n"
          "  --state-timeout-ms MS   time-out of each Redis command (default " +
          number(kDefaults.stateTimeoutMs) +
          ")\n"
+         "  --state-wait-ms MS      with redis-sentinel://, how long a login or logout waits\n"
+         "                          for one replica to take its write; none within it: 503\n"
+         "                          (default " +
+         number(kDefaults.stateWaitMs) +
+         "; 0: no wait)\n"
          "  --metrics-allow LIST    client addresses that may read GET /metrics, as addresses\n"
          "                          and ranges (default " +
          kDefaults.metricsAllow +

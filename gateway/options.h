@@ -30,7 +30,7 @@ struct GatewayOptions {
   std::string logLevel = "info";
   std::string accessLog;     // access log file; "": stderr
   std::string auditLog;      // audit trail file; "": none
-  std::string state;         // "": sessions in this process; "redis://...": shared
+  std::string state;         // "": sessions in this process; "redis://...", "redis-sentinel://...": shared
   std::string metricsAllow = "127.0.0.0/8,::1";  // client addresses that may read /metrics
   std::string access;        // the access table's file; "": ../conf/access.json or built in
   int threads = 0;           // workers running operations; 0: see defaultWorkers()
@@ -38,6 +38,7 @@ struct GatewayOptions {
   int sessionIdle = 0;       // 0: the session store's default
   int verifyCodeLifetime = 0;  // 0: VerifyCodeStore::kDefaultLifetime
   int stateTimeoutMs = 500;  // per Redis command and connection attempt
+  int stateWaitMs = 1000;    // with Sentinel, a login's or logout's wait for a replica; 0: none
   int backendTimeout = 0;    // 0: the host's default
   EventLimits events;  // --events-per-session, --events-max
   ChangeFeed::Options feed;  // --events-backlog

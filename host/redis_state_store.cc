@@ -5,8 +5,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <map>
 
+#include "qpn_debug_kit.h"
 #include "wire_socket.h"
 
 namespace {
@@ -215,26 +217,90 @@ StoredSession sessionOf(const std::map<std::string, std::string>& f) {
 
 }  // namespace
 
-bool parseRedisAddress(const std::string& url, RedisAddress* address, std::string* error) {
-  const std::string scheme = "redis://";
-  if (url.compare(0, scheme.size(), scheme) != 0) {
-    *error = "the state address must start with redis://";
+const char kRedisScheme[] = "redis://";
+const char kRedisSentinelScheme[] = "redis-sentinel://";
+
+namespace {
+
+// "HOST[:PORT]" into *endpoint (the port stays as given when there is none
+// and `needPort` is false).
+bool parseEndpoint(std::string text, bool needPort, RedisEndpoint* endpoint, std::string* error) {
+  const size_t colon = text.rfind(':');
+  if (colon == std::string::npos && needPort) {
+    *error = "the sentinel \"" + text + "\" has no port";
     return false;
   }
-  std::string rest = url.substr(scheme.size());
-  RedisAddress out;
-  const size_t at = rest.rfind('@');
-  if (at != std::string::npos) {
-    const std::string credentials = rest.substr(0, at);
-    rest = rest.substr(at + 1);
-    const size_t colon = credentials.find(':');
-    if (colon == std::string::npos) {
-      out.password = credentials;
-    } else {
-      out.user = credentials.substr(0, colon);
-      out.password = credentials.substr(colon + 1);
+  if (colon != std::string::npos) {
+    const std::string port = text.substr(colon + 1);
+    text.resize(colon);
+    if (port.empty() || port.find_first_not_of("0123456789") != std::string::npos ||
+        port.size() > 5 || std::atoi(port.c_str()) < 1 || std::atoi(port.c_str()) > 65535) {
+      *error = "the port \"" + port + "\" is not a port number";
+      return false;
     }
+    endpoint->port = std::atoi(port.c_str());
   }
+  if (text.empty()) {
+    *error = "the state address names no host";
+    return false;
+  }
+  endpoint->host = text;
+  return true;
+}
+
+// "[[user]:password@]rest" or "[password@]rest": the credentials into *out.
+std::string takeCredentials(std::string rest, bool withUser, RedisAddress* out) {
+  const size_t at = rest.rfind('@');
+  if (at == std::string::npos) return rest;
+  const std::string credentials = rest.substr(0, at);
+  const size_t colon = withUser ? credentials.find(':') : std::string::npos;
+  if (colon == std::string::npos) {
+    out->password = credentials;
+  } else {
+    out->user = credentials.substr(0, colon);
+    out->password = credentials.substr(colon + 1);
+  }
+  return rest.substr(at + 1);
+}
+
+// "host:port[,host:port...]/master" into out->sentinels and out->master.
+bool parseSentinels(const std::string& rest, RedisAddress* out, std::string* error) {
+  const size_t slash = rest.find('/');
+  if (slash == std::string::npos || slash + 1 == rest.size()) {
+    *error = "the sentinel address names no master (.../MASTERNAME)";
+    return false;
+  }
+  out->master = rest.substr(slash + 1);
+  size_t from = 0;
+  while (from <= slash) {
+    size_t comma = rest.find(',', from);
+    if (comma == std::string::npos || comma > slash) comma = slash;
+    RedisEndpoint sentinel;
+    if (!parseEndpoint(rest.substr(from, comma - from), true, &sentinel, error)) return false;
+    out->sentinels.push_back(sentinel);
+    from = comma + 1;
+  }
+  return true;
+}
+
+}  // namespace
+
+bool parseRedisAddress(const std::string& url, RedisAddress* address, std::string* error) {
+  RedisAddress out;
+  const std::string sentinelScheme = kRedisSentinelScheme;
+  if (url.compare(0, sentinelScheme.size(), sentinelScheme) == 0) {
+    const std::string rest = takeCredentials(url.substr(sentinelScheme.size()), false, &out);
+    if (!parseSentinels(rest, &out, error)) return false;
+    out.host.clear();
+    *address = out;
+    return true;
+  }
+  const std::string scheme = kRedisScheme;
+  if (url.compare(0, scheme.size(), scheme) != 0) {
+    *error = "the state address must start with redis:// or redis-sentinel://";
+    return false;
+  }
+  std::string rest = takeCredentials(url.substr(scheme.size()), true, &out);
   const size_t slash = rest.find('/');
   if (slash != std::string::npos) {
     const std::string db = rest.substr(slash + 1);
@@ -247,22 +313,11 @@ bool parseRedisAddress(const std::string& url, RedisAddress* address, std::strin
       out.db = std::atoi(db.c_str());
     }
   }
-  const size_t colon = rest.rfind(':');
-  if (colon != std::string::npos) {
-    const std::string port = rest.substr(colon + 1);
-    rest.resize(colon);
-    if (port.empty() || port.find_first_not_of("0123456789") != std::string::npos ||
-        port.size() > 5 || std::atoi(port.c_str()) < 1 || std::atoi(port.c_str()) > 65535) {
-      *error = "the port \"" + port + "\" is not a port number";
-      return false;
-    }
-    out.port = std::atoi(port.c_str());
-  }
-  if (rest.empty()) {
-    *error = "the state address names no host";
-    return false;
-  }
-  out.host = rest;
+  RedisEndpoint endpoint;
+  endpoint.port = out.port;
+  if (!parseEndpoint(rest, false, &endpoint, error)) return false;
+  out.host = endpoint.host;
+  out.port = endpoint.port;
   *address = out;
   return true;
 }
@@ -281,69 +336,26 @@ RedisStateStore::RedisStateStore(RedisAddress address, int timeoutMs)
       gate_(std::min(kTrialWaitMs, timeoutMs)) {}
 
 RedisStateStore::~RedisStateStore() {
-  for (redisContext* c : idle_) redisFree(c);
+  for (const auto& kept : idle_) redisFree(kept.first);
 }
 
-std::string RedisStateStore::describe() const {
-  return "redis://" + address_.host + ":" + std::to_string(address_.port) + "/" +
-         std::to_string(address_.db);
+namespace {
+
+std::string endpointText(const RedisEndpoint& e) { return e.host + ":" + std::to_string(e.port); }
+
+// Logged (warning) when the sentinels name another primary than the one in
+// use before: the new one, then the old one.
+const char kPrimaryChangedText[] = "the session store's primary is now %s (was %s)";
+
+timeval timeoutOf(int ms) {
+  timeval tv;
+  tv.tv_sec = ms / 1000;
+  tv.tv_usec = static_cast<suseconds_t>(ms % 1000) * 1000;
+  return tv;
 }
 
-redisContext* RedisStateStore::connect() {
-  struct timeval tv;
-  tv.tv_sec = timeoutMs_ / 1000;
-  tv.tv_usec = static_cast<suseconds_t>(timeoutMs_ % 1000) * 1000;
-  redisContext* c = redisConnectWithTimeout(address_.host.c_str(), address_.port, tv);
-  if (c == nullptr) throw StateStoreError("cannot allocate a Redis connection");
-  if (c->err != 0) {
-    const std::string why = c->errstr;
-    redisFree(c);
-    throw StateStoreError("cannot connect to " + describe() + ": " + why);
-  }
-  redisSetTimeout(c, tv);
-  auto setup = [&](const std::vector<std::string>& words) {
-    std::vector<const char*> argv;
-    std::vector<size_t> lengths;
-    for (const std::string& w : words) {
-      argv.push_back(w.data());
-      lengths.push_back(w.size());
-    }
-    redisReply* r = static_cast<redisReply*>(
-        redisCommandArgv(c, static_cast<int>(argv.size()), argv.data(), lengths.data()));
-    const bool failed = r == nullptr || r->type == REDIS_REPLY_ERROR;
-    const std::string why = r == nullptr ? std::string(c->errstr) : std::string(r->str, r->len);
-    if (r != nullptr) freeReplyObject(r);
-    if (failed) {
-      redisFree(c);
-      throw StateStoreError(words[0] + " refused by " + describe() + ": " + why);
-    }
-  };
-  if (!address_.password.empty()) {
-    if (address_.user.empty()) {
-      setup({"AUTH", address_.password});
-    } else {
-      setup({"AUTH", address_.user, address_.password});
-    }
-  }
-  if (address_.db != 0) setup({"SELECT", std::to_string(address_.db)});
-  return c;
-}
-
-redisContext* RedisStateStore::takeIdle() {
-  std::lock_guard<std::mutex> lock(poolMutex_);
-  while (!idle_.empty()) {
-    redisContext* c = idle_.back();
-    idle_.pop_back();
-    if (wiresock::idleAlive(c->fd)) return c;
-    // Closed by Redis while kept (it stopped or restarted).
-    redisFree(c);
-  }
-  return nullptr;
-}
-
-redisReply* RedisStateStore::exchange(const std::vector<std::string>& words) {
-  redisContext* c = takeIdle();
-  if (c == nullptr) c = connect();
+// Runs one command on `c`; the reply, or null with c->errstr set.
+redisReply* runOn(redisContext* c, const std::vector<std::string>& words) {
   std::vector<const char*> argv;
   std::vector<size_t> lengths;
   argv.reserve(words.size());
@@ -352,26 +364,292 @@ redisReply* RedisStateStore::exchange(const std::vector<std::string>& words) {
     argv.push_back(w.data());
     lengths.push_back(w.size());
   }
-  errno = 0;
-  redisReply* r = static_cast<redisReply*>(
+  return static_cast<redisReply*>(
       redisCommandArgv(c, static_cast<int>(argv.size()), argv.data(), lengths.data()));
+}
+
+// Appends one command to `c`'s output buffer (a pipeline).
+void appendOn(redisContext* c, const std::vector<std::string>& words) {
+  std::vector<const char*> argv;
+  std::vector<size_t> lengths;
+  for (const std::string& w : words) {
+    argv.push_back(w.data());
+    lengths.push_back(w.size());
+  }
+  redisAppendCommandArgv(c, static_cast<int>(argv.size()), argv.data(), lengths.data());
+}
+
+// A connection to `where` within `timeoutMs`, or StateStoreError.
+redisContext* dial(const RedisEndpoint& where, int timeoutMs) {
+  const timeval tv = timeoutOf(timeoutMs);
+  redisContext* c = redisConnectWithTimeout(where.host.c_str(), where.port, tv);
+  if (c == nullptr) throw StateStoreError("cannot allocate a Redis connection");
+  if (c->err != 0) {
+    const std::string why = c->errstr;
+    redisFree(c);
+    throw StateStoreError("cannot connect to " + endpointText(where) + ": " + why);
+  }
+  redisSetTimeout(c, tv);
+  return c;
+}
+
+// Runs a set-up command on a new connection; frees it and throws when refused.
+std::string setUp(redisContext* c, const std::vector<std::string>& words, const std::string& who) {
+  redisReply* r = runOn(c, words);
+  const bool failed = r == nullptr || r->type == REDIS_REPLY_ERROR;
+  std::string text;
+  if (r == nullptr) {
+    text = c->errstr;
+  } else if (r->type == REDIS_REPLY_ARRAY && r->elements > 0 && r->element[0]->str != nullptr) {
+    text.assign(r->element[0]->str, r->element[0]->len);  // ROLE: the role
+  } else if (r->str != nullptr) {
+    text.assign(r->str, r->len);
+  }
+  if (r != nullptr) freeReplyObject(r);
+  if (failed) {
+    redisFree(c);
+    throw StateStoreError(words[0] + " refused by " + who + ": " + text);
+  }
+  return text;
+}
+
+bool isReadOnlyError(const redisReply* r) {
+  static const char kReadOnly[] = "READONLY";
+  return r->type == REDIS_REPLY_ERROR && r->len >= sizeof(kReadOnly) - 1 &&
+         std::strncmp(r->str, kReadOnly, sizeof(kReadOnly) - 1) == 0;
+}
+
+}  // namespace
+
+std::string RedisStateStore::describe() const {
+  if (address_.sentinels.empty()) {
+    return kRedisScheme + address_.host + ":" + std::to_string(address_.port) + "/" +
+           std::to_string(address_.db);
+  }
+  std::string out = kRedisSentinelScheme;
+  for (size_t i = 0; i < address_.sentinels.size(); ++i) {
+    out += (i == 0 ? "" : ",") + endpointText(address_.sentinels[i]);
+  }
+  return out + "/" + address_.master;
+}
+
+std::string RedisStateStore::primaryInUse() const {
+  if (address_.sentinels.empty()) return address_.host + ":" + std::to_string(address_.port);
+  std::lock_guard<std::mutex> lock(poolMutex_);
+  return primary_.host.empty() ? std::string() : endpointText(primary_);
+}
+
+long long RedisStateStore::failovers() const {
+  std::lock_guard<std::mutex> lock(poolMutex_);
+  return failovers_;
+}
+
+RedisEndpoint RedisStateStore::askSentinels() {
+  size_t first = 0;
+  {
+    std::lock_guard<std::mutex> lock(poolMutex_);
+    first = sentinelFirst_;
+  }
+  std::string why;
+  const size_t n = address_.sentinels.size();
+  for (size_t i = 0; i < n; ++i) {
+    const size_t at = (first + i) % n;
+    const RedisEndpoint& sentinel = address_.sentinels[at];
+    try {
+      redisContext* c = dial(sentinel, timeoutMs_);
+      redisReply* r = runOn(c, {"SENTINEL", "get-master-addr-by-name", address_.master});
+      RedisEndpoint found;
+      std::string answer = r == nullptr ? std::string(c->errstr) : std::string("no address");
+      if (r != nullptr && r->type == REDIS_REPLY_ARRAY && r->elements == 2) {
+        found.host.assign(r->element[0]->str, r->element[0]->len);
+        found.port = std::atoi(r->element[1]->str);
+      } else if (r != nullptr && r->type == REDIS_REPLY_ERROR) {
+        answer.assign(r->str, r->len);
+      }
+      if (r != nullptr) freeReplyObject(r);
+      redisFree(c);
+      if (found.host.empty()) throw StateStoreError(answer);
+      std::lock_guard<std::mutex> lock(poolMutex_);
+      sentinelFirst_ = at;
+      return found;
+    } catch (const StateStoreError& e) {
+      why += (why.empty() ? "" : "; ") + endpointText(sentinel) + ": " + e.what();
+    }
+  }
+  throw StateStoreError("no sentinel names the primary of \"" + address_.master + "\" (" + why +
+                        ")");
+}
+
+RedisEndpoint RedisStateStore::target(unsigned* generation) {
+  if (address_.sentinels.empty()) {
+    *generation = 0;
+    RedisEndpoint plain;
+    plain.host = address_.host;
+    plain.port = address_.port;
+    return plain;
+  }
+  {
+    std::lock_guard<std::mutex> lock(poolMutex_);
+    *generation = generation_;
+    if (!primary_.host.empty()) return primary_;
+  }
+  const RedisEndpoint found = askSentinels();
+  std::string was;
+  RedisEndpoint chosen;
+  {
+    std::lock_guard<std::mutex> lock(poolMutex_);
+    // Another call may have found it meanwhile: one answer per generation.
+    if (primary_.host.empty()) {
+      primary_ = found;
+      const std::string name = endpointText(found);
+      if (!lastPrimary_.empty() && lastPrimary_ != name) {
+        ++failovers_;
+        was = lastPrimary_;
+      }
+      lastPrimary_ = name;
+    }
+    *generation = generation_;
+    chosen = primary_;
+  }
+  if (!was.empty()) {
+    CQPNDebugKitGuard guard(2, "RedisStateStore");
+    guard.warn(0, "target", __LINE__, kPrimaryChangedText, endpointText(chosen).c_str(),
+               was.c_str());
+  }
+  return chosen;
+}
+
+void RedisStateStore::forgetPrimary(unsigned generation) {
+  if (address_.sentinels.empty()) return;
+  std::lock_guard<std::mutex> lock(poolMutex_);
+  if (generation != generation_) return;  // already forgotten
+  primary_ = RedisEndpoint();
+  ++generation_;
+  for (const auto& kept : idle_) redisFree(kept.first);
+  idle_.clear();
+}
+
+redisContext* RedisStateStore::connect(unsigned* generation) {
+  const RedisEndpoint where = target(generation);
+  redisContext* c = nullptr;
+  try {
+    c = dial(where, timeoutMs_);
+  } catch (const StateStoreError&) {
+    forgetPrimary(*generation);
+    throw;
+  }
+  const std::string who = endpointText(where);
+  if (!address_.password.empty()) {
+    if (address_.user.empty()) {
+      setUp(c, {"AUTH", address_.password}, who);
+    } else {
+      setUp(c, {"AUTH", address_.user, address_.password}, who);
+    }
+  }
+  if (address_.db != 0) setUp(c, {"SELECT", std::to_string(address_.db)}, who);
+  if (!address_.sentinels.empty()) {
+    // The sentinels' answer may be older than a demotion.
+    const std::string role = setUp(c, {"ROLE"}, who);
+    if (role != "master") {
+      redisFree(c);
+      forgetPrimary(*generation);
+      throw StateStoreError(who + " is not the primary (its role is " + role + ")");
+    }
+  }
+  return c;
+}
+
+redisContext* RedisStateStore::takeIdle(unsigned* generation) {
+  std::lock_guard<std::mutex> lock(poolMutex_);
+  while (!idle_.empty()) {
+    const std::pair<redisContext*, unsigned> kept = idle_.back();
+    idle_.pop_back();
+    if (kept.second == generation_ && wiresock::idleAlive(kept.first->fd)) {
+      *generation = kept.second;
+      return kept.first;
+    }
+    // Closed by Redis while kept (it stopped or restarted), or to a
+    // primary no longer in use.
+    redisFree(kept.first);
+  }
+  return nullptr;
+}
+
+void RedisStateStore::keep(redisContext* c, unsigned generation) {
+  std::lock_guard<std::mutex> lock(poolMutex_);
+  if (generation == generation_) {
+    idle_.emplace_back(c, generation);
+  } else {
+    redisFree(c);
+  }
+}
+
+redisReply* RedisStateStore::exchangeOn(redisContext* c, unsigned generation,
+                                        const std::vector<std::string>& words, bool waitReplica,
+                                        long long* replicas) {
+  errno = 0;
+  redisReply* r = nullptr;
+  redisReply* waited = nullptr;
+  if (waitReplica) {
+    // WAIT counts the replicas that have this connection's writes.
+    redisSetTimeout(c, timeoutOf(timeoutMs_ + replicaWaitMs_));
+    appendOn(c, words);
+    appendOn(c, {"WAIT", "1", std::to_string(replicaWaitMs_)});
+    void* first = nullptr;
+    void* second = nullptr;
+    if (redisGetReply(c, &first) == REDIS_OK && redisGetReply(c, &second) == REDIS_OK) {
+      r = static_cast<redisReply*>(first);
+      waited = static_cast<redisReply*>(second);
+    } else if (first != nullptr) {
+      freeReplyObject(first);
+    }
+    redisSetTimeout(c, timeoutOf(timeoutMs_));
+  } else {
+    r = runOn(c, words);
+  }
   if (r == nullptr) {
     // Lost, refused or timed out: this connection is done with.
     const bool timedOut = c->err == REDIS_ERR_IO && (errno == EAGAIN || errno == EWOULDBLOCK);
     const std::string why = timedOut ? "no answer within " + std::to_string(timeoutMs_) + " ms"
                                      : std::string(c->errstr);
     redisFree(c);
+    forgetPrimary(generation);
     throw StateStoreError(describe() + ": " + why);
   }
-  std::lock_guard<std::mutex> lock(poolMutex_);
-  idle_.push_back(c);
+  if (waited != nullptr) {
+    *replicas = waited->type == REDIS_REPLY_INTEGER ? waited->integer : 0;
+    freeReplyObject(waited);
+  }
+  keep(c, generation);
   return r;
 }
 
-RedisStateStore::Reply RedisStateStore::send(const std::vector<std::string>& words, bool trial) {
+redisReply* RedisStateStore::exchange(const std::vector<std::string>& words, bool waitReplica,
+                                      long long* replicas, unsigned* generation) {
+  redisContext* c = takeIdle(generation);
+  if (c == nullptr) c = connect(generation);
+  return exchangeOn(c, *generation, words, waitReplica, replicas);
+}
+
+redisReply* RedisStateStore::exchangeOnPrimary(const std::vector<std::string>& words,
+                                               bool waitReplica, long long* replicas) {
+  for (int attempt = 0;; ++attempt) {
+    unsigned generation = 0;
+    redisReply* r = exchange(words, waitReplica, replicas, &generation);
+    if (address_.sentinels.empty() || attempt > 0 || !isReadOnlyError(r)) return r;
+    // Demoted: it did nothing. Ask the sentinels for the new primary.
+    freeReplyObject(r);
+    forgetPrimary(generation);
+  }
+}
+
+RedisStateStore::Reply RedisStateStore::send(const std::vector<std::string>& words, bool trial,
+                                             bool durable) {
+  const bool waitReplica = durable && replicaWaitMs_ > 0;
+  long long replicas = 0;
   redisReply* r = nullptr;
   try {
-    r = exchange(words);
+    r = exchangeOnPrimary(words, waitReplica, &replicas);
   } catch (const StateStoreError& e) {
     gate_.leave(trial, false, e.what());
     throw;
@@ -386,17 +664,22 @@ RedisStateStore::Reply RedisStateStore::send(const std::vector<std::string>& wor
   if (r->type == REDIS_REPLY_ERROR) {
     throw StateStoreError(describe() + " refused " + words[0] + ": " + std::string(r->str, r->len));
   }
+  if (waitReplica && replicas < 1) {
+    throw StateStoreError(describe() + ": no replica took the write within " +
+                          std::to_string(replicaWaitMs_) + " ms");
+  }
   return reply;
 }
 
-RedisStateStore::Reply RedisStateStore::command(const std::vector<std::string>& words) {
+RedisStateStore::Reply RedisStateStore::command(const std::vector<std::string>& words,
+                                                bool durable) {
   bool trial = false;
   std::string why;
   if (!gate_.enter(&trial, &why)) {
     throw StateStoreError(describe() + " is not answering (" + why +
                           "); another request is trying it");
   }
-  return send(words, trial);
+  return send(words, trial, durable);
 }
 
 std::vector<std::string> RedisStateStore::keys(const std::string& pattern) {
@@ -417,7 +700,7 @@ std::vector<std::string> RedisStateStore::keys(const std::string& pattern) {
 bool RedisStateStore::healthy(std::string* detail) {
   try {
     gate_.enterProbe();
-    const std::string pong = send({"PING"}, true).text();
+    const std::string pong = send({"PING"}, true, false).text();
     if (pong != "PONG") throw StateStoreError("PING answered " + pong);
     if (detail != nullptr) detail->clear();
     return true;
@@ -447,7 +730,7 @@ void RedisStateStore::putSession(const std::string& key, const StoredSession& s,
     words.emplace_back(field.first);
     words.push_back(field.second);
   }
-  command(words);
+  command(words, true);
 }
 
 bool RedisStateStore::touchSession(const std::string& key, time_t now, int idleSeconds,
@@ -476,7 +759,7 @@ bool RedisStateStore::sessionAlive(const std::string& key, time_t now, int idleS
 }
 
 bool RedisStateStore::removeSession(const std::string& key, StoredSession* session) {
-  Reply r = command({"EVAL", kRemoveSessionScript, "1", kSessionPrefix + key});
+  Reply r = command({"EVAL", kRemoveSessionScript, "1", kSessionPrefix + key}, true);
   const std::map<std::string, std::string> f = r.fields();
   if (f.empty()) return false;
   *session = sessionOf(f);

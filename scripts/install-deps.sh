@@ -8,7 +8,9 @@
 # and file give cpack's Debian package its Depends (dpkg-shlibdeps, and
 # cpack's test of which files are programs); logrotate reads the package's
 # rotation rule in its test. libgd-dev draws the login verification picture
-# (its built-in fonts: no font package is needed).
+# (its built-in fonts: no font package is needed). redis-sentinel (Debian's
+# name for redis-server run as a sentinel) and iproute2 (ip netns) run the
+# cluster as hosts (scripts/run-cluster.sh --hosts) and its fault tests.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -18,7 +20,7 @@ PACKAGES=(
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   libboost-dev libcpp-httplib-dev libssl-dev libsqlite3-dev zlib1g-dev libbrotli-dev
   openssl curl python3 binutils clang-tidy cppcheck valgrind dpkg-dev file logrotate
-  libhiredis-dev libgd-dev redis-server nginx-light prometheus
+  libhiredis-dev libgd-dev redis-server redis-sentinel iproute2 nginx-light prometheus
   chromium chromium-driver python3-selenium fonts-wqy-microhei
 )
 # Node and npm for tools/api: Debian's, unless a node is installed already

@@ -8,6 +8,9 @@
 #   scripts/load.sh --cluster  # the mix through nginx with one and with two gateways
 #                              # sharing Redis and nox-backend, and the cost of a
 #                              # session lookup in Redis against one in memory
+#   scripts/load.sh --cluster --hosts  # the same as hosts (run-cluster.sh --hosts, as
+#                              # root): the mix with two and one gateway, logins with
+#                              # and without WAIT for a replica, the failover window
 #   scripts/load.sh --login-storm  # 200 concurrent good logins beside another
 #                              # session's task counts: their p99 (target < 100 ms)
 #   scripts/load.sh --ratios [OTHER_BIN_DIR]  # the request path's targets: task
@@ -43,6 +46,8 @@ CLUSTER=0
 STORM=0
 [ "${1:-}" = "--soak" ] && SOAK=1
 [ "${1:-}" = "--cluster" ] && CLUSTER=1
+HOSTS=0
+[ "$CLUSTER" = 1 ] && [ "${2:-}" = "--hosts" ] && HOSTS=1
 [ "${1:-}" = "--login-storm" ] && STORM=1
 RATIOS=0
 [ "${1:-}" = "--ratios" ] && RATIOS=1
@@ -102,6 +107,12 @@ login_at() {
 }
 
 PASSWORD=load-$(date +%s)
+
+if [ "$HOSTS" = 1 ]; then
+  python3 bench/load/cluster_hosts_load.py "$ROOT" "$(cd "$BUILD" && pwd)/bin" "$WORK/ca.pem" \
+    "$DURATION" "$CONNECTIONS"
+  exit $?
+fi
 
 if [ "$CLUSTER" = 1 ]; then
   # One Redis, one nox-backend, two gateways; nginx first in front of one

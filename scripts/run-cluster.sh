@@ -7,6 +7,19 @@
 #   scripts/run-cluster.sh                     # the balancer on 127.0.0.1:8080
 #   NOX_PORT=9090 scripts/run-cluster.sh       # another port (the others follow it)
 #   NOX_INIT_PASSWORD=secret scripts/run-cluster.sh   # the demo password, on first start
+#   sudo scripts/run-cluster.sh --hosts        # each piece a host of its own (below)
+#
+# --hosts: each piece in a network namespace of its own, with its own
+# address on a bridge (10.213.N.0/24, N = CLUSTER_NET_ID, default the pid
+# modulo 250; this machine is .1): nginx .2, gateways a .3 and b .4,
+# nox-backend .5, the Redis primary .6 and its replica .7, three sentinels
+# .8 to .10, which fail over within a few seconds. The gateways find the
+# primary through the sentinels (--state redis-sentinel://...). Needs root,
+# iproute2 and redis-sentinel on Debian 12; says what it lacks. The
+# namespaces, links and processes are removed on exit, however it ends.
+# Data in ./cluster-data-hosts (NOX_CLUSTER_DIR), the addresses in its
+# hosts.env. NOX_CLUSTER_BIN=DIR runs the programs in DIR instead of
+# building build-run/ (the fault tests use build/bin).
 #
 # Ports: the balancer NOX_PORT, gateways NOX_PORT+1 and NOX_PORT+2, the
 # backend NOX_PORT+10, Redis NOX_PORT+20. Data in ./cluster-data (remove it
@@ -17,17 +30,35 @@ cd "$(dirname "$0")/.."
 ROOT=$(pwd)
 PORT=${NOX_PORT:-8080}
 BUILD="$ROOT/build-run"
-export CLUSTER_DIR="$ROOT/cluster-data" CLUSTER_BIN="$BUILD/bin"
+HOSTS=0
+[ "${1:-}" = --hosts ] && HOSTS=1
+export CLUSTER_DIR="$ROOT/cluster-data" CLUSTER_BIN="${NOX_CLUSTER_BIN:-$BUILD/bin}"
 # shellcheck source=scripts/cluster-lib.sh
 . scripts/cluster-lib.sh
 
-scripts/install-deps.sh
-echo "run-cluster: building in $BUILD (Release) ..."
-mkdir -p "$BUILD"
-cmake -S . -B "$BUILD" -DCMAKE_BUILD_TYPE=Release -DNOX_BUILD_TESTS=OFF -DNOX_BUILD_BENCH=OFF \
-  >"$BUILD/cmake.log" 2>&1 || { cat "$BUILD/cmake.log"; exit 1; }
-cmake --build "$BUILD" -j "${JOBS:-2}" >"$BUILD/build.log" 2>&1 ||
-  { tail -50 "$BUILD/build.log"; echo "run-cluster: build failed, see $BUILD/build.log"; exit 1; }
+if [ $HOSTS = 1 ]; then
+  lacks=$(cluster_hosts_lacks)
+  if [ -n "$lacks" ]; then
+    echo "run-cluster: --hosts needs what this machine lacks:" >&2
+    echo "$lacks" | sed 's/^/  - /' >&2
+    exit 2
+  fi
+fi
+if [ -z "${NOX_CLUSTER_BIN:-}" ]; then
+  scripts/install-deps.sh
+  echo "run-cluster: building in $BUILD (Release) ..."
+  mkdir -p "$BUILD"
+  cmake -S . -B "$BUILD" -DCMAKE_BUILD_TYPE=Release -DNOX_BUILD_TESTS=OFF -DNOX_BUILD_BENCH=OFF \
+    >"$BUILD/cmake.log" 2>&1 || { cat "$BUILD/cmake.log"; exit 1; }
+  cmake --build "$BUILD" -j "${JOBS:-2}" >"$BUILD/build.log" 2>&1 ||
+    { tail -50 "$BUILD/build.log"; echo "run-cluster: build failed, see $BUILD/build.log"; exit 1; }
+fi
+
+if [ $HOSTS = 1 ]; then
+  # shellcheck source=scripts/cluster-hosts.sh
+  . scripts/cluster-hosts.sh
+  exit 0
+fi
 
 trap cluster_stop EXIT
 trap 'exit 130' INT TERM

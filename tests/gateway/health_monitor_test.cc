@@ -143,3 +143,33 @@ TEST(HealthMonitorTest, SessionsOfAStoreInProcessAreCountedWhenAsked) {
 }
 
 }  // namespace
+
+namespace {
+
+// A store followed through Sentinel names its primary and counts failovers;
+// any other store has neither member.
+TEST(HealthMonitorTest, AStoreWithSentinelNamesItsPrimary) {
+  FakeService store;
+  gw::ServiceCheck check = store.check(true);
+  gw::HealthMonitor plain({}, check, "redis", nullptr, 1000);
+  Json::Value health;
+  plain.report(health);
+  EXPECT_FALSE(health["state"].isMember("primary"));
+  EXPECT_FALSE(health["state"].isMember("failovers"));
+  std::string primary;
+  long long failovers = -1;
+  EXPECT_FALSE(plain.storePrimary(&primary, &failovers));
+
+  check.primary = [] { return std::string("10.0.0.7:6379"); };
+  check.failovers = [] { return 2LL; };
+  gw::HealthMonitor followed({}, check, "redis", nullptr, 1000);
+  Json::Value more;
+  followed.report(more);
+  EXPECT_EQ(more["state"]["primary"].asString(), "10.0.0.7:6379");
+  EXPECT_EQ(more["state"]["failovers"].asInt64(), 2);
+  ASSERT_TRUE(followed.storePrimary(&primary, &failovers));
+  EXPECT_EQ(primary, "10.0.0.7:6379");
+  EXPECT_EQ(failovers, 2);
+}
+
+}  // namespace

@@ -99,6 +99,20 @@ TEST(MetricsTest, LabelValuesAreEscaped) {
   EXPECT_EQ(gw::prometheusLabel("a\"b\\c\nd"), "a\\\"b\\\\c\\nd");
 }
 
+TEST(MetricsTest, TheSentinelStoresPrimaryAndFailovers) {
+  EXPECT_EQ(gw::stateStoreMetricsText("10.0.0.7:6379", 3),
+            "# HELP nox_state_primary The session store's primary in use, found through Sentinel "
+            "(1, by address).\n"
+            "# TYPE nox_state_primary gauge\n"
+            "nox_state_primary{address=\"10.0.0.7:6379\"} 1\n"
+            "# HELP nox_state_failovers_total Times the sentinels named another primary than the "
+            "one in use before.\n"
+            "# TYPE nox_state_failovers_total counter\n"
+            "nox_state_failovers_total 3\n");
+  // While the sentinels are being asked there is no primary to name.
+  EXPECT_EQ(gw::stateStoreMetricsText("", 0).find("nox_state_primary{"), std::string::npos);
+}
+
 TEST(MetricsAccessTest, AddressesAndRanges) {
   std::vector<gw::AddressRange> ranges;
   std::string error;

@@ -36,6 +36,28 @@ TEST(GatewayOptionsTest, BackendAddress) {
   }
 }
 
+TEST(GatewayOptionsTest, StateAddresses) {
+  gw::GatewayOptions options;
+  std::string error;
+  EXPECT_EQ(options.stateWaitMs, 1000);  // a login waits up to a second for a replica
+  ASSERT_TRUE(gw::parseOptions({"--state", "redis-sentinel://pw@10.0.0.6:26379,10.0.0.7:26379/nox",
+                                "--state-wait-ms", "0"},
+                               &options, &error))
+      << error;
+  EXPECT_EQ(options.state, "redis-sentinel://pw@10.0.0.6:26379,10.0.0.7:26379/nox");
+  EXPECT_EQ(options.stateWaitMs, 0);
+  ASSERT_TRUE(gw::parseOptions({"--state", "redis://10.0.0.5:6379/2"}, &options, &error)) << error;
+  EXPECT_EQ(options.state, "redis://10.0.0.5:6379/2");
+  gw::GatewayOptions other;
+  EXPECT_FALSE(gw::parseOptions({"--state", "sentinel://h:1/nox"}, &other, &error));
+  EXPECT_EQ(error,
+            "--state wants memory, redis://[[USER]:PASSWORD@]HOST[:PORT][/DB] or "
+            "redis-sentinel://[PASSWORD@]HOST:PORT[,HOST:PORT...]/MASTER, not 'sentinel://h:1/nox'");
+  EXPECT_FALSE(gw::parseOptions({"--state-wait-ms", "-1"}, &other, &error));
+  EXPECT_NE(gw::usageText().find("--state-wait-ms MS      with redis-sentinel://"),
+            std::string::npos);
+}
+
 TEST(GatewayOptionsTest, ValuesInBothSpellings) {
   gw::GatewayOptions options;
   std::string error;

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <chrono>
 #include <cstring>
 #include <filesystem>
@@ -82,7 +83,10 @@ bool RedisServer::start() {
     return false;
   }
   const std::string port = std::to_string(port_);
-  if (persistent_ && dataDir_.empty()) {
+  // A folder of its own for a server in a group (a replica's full sync
+  // writes a dump.rdb, which another server in a shared folder would load).
+  const bool ownFolder = persistent_ || !extra_.empty() || !sentinelConfig_.empty();
+  if (ownFolder && dataDir_.empty()) {
     char folder[] = "/tmp/nox-redis-XXXXXX";
     if (mkdtemp(folder) == nullptr) {
       error_ = std::string("mkdtemp: ") + std::strerror(errno);
@@ -90,8 +94,31 @@ bool RedisServer::start() {
     }
     dataDir_ = folder;
   }
-  const std::string dir = persistent_ ? dataDir_ : std::string("/tmp");
-  const char* const appendOnly = persistent_ ? "yes" : "no";
+  const std::string dir = dataDir_.empty() ? std::string("/tmp") : dataDir_;
+  const std::string appendOnly = persistent_ ? "yes" : "no";
+  const std::string config = dataDir_ + "/sentinel.conf";
+  if (!sentinelConfig_.empty() && !std::filesystem::exists(config)) {
+    FILE* f = std::fopen(config.c_str(), "w");
+    if (f == nullptr) {
+      error_ = "cannot write " + config;
+      return false;
+    }
+    std::fputs(sentinelConfig_.c_str(), f);
+    std::fclose(f);
+  }
+  // Quiet, on loopback only; in memory only unless persistent.
+  std::vector<std::string> words = {kRedisServer};
+  if (!sentinelConfig_.empty()) words.insert(words.end(), {config, "--sentinel"});
+  words.insert(words.end(), {"--port", port, "--bind", "127.0.0.1", "--protected-mode", "yes",
+                             "--daemonize", "no", "--dir", dir});
+  if (sentinelConfig_.empty()) {
+    words.insert(words.end(),
+                 {"--save", "", "--appendonly", appendOnly, "--appendfsync", "always"});
+  }
+  words.insert(words.end(), extra_.begin(), extra_.end());
+  std::vector<char*> argv;
+  for (std::string& w : words) argv.push_back(w.data());
+  argv.push_back(nullptr);
   pid_ = fork();
   if (pid_ < 0) {
     error_ = std::string("fork: ") + std::strerror(errno);
@@ -99,16 +126,12 @@ bool RedisServer::start() {
     return false;
   }
   if (pid_ == 0) {
-    // Quiet, in memory only, on loopback only.
     const int null = ::open("/dev/null", O_WRONLY);
     if (null >= 0) {
       dup2(null, 1);
       dup2(null, 2);
     }
-    execl(kRedisServer, kRedisServer, "--port", port.c_str(), "--bind", "127.0.0.1",
-          "--save", "", "--appendonly", appendOnly, "--appendfsync", "always",
-          "--protected-mode", "yes", "--daemonize", "no", "--dir", dir.c_str(),
-          static_cast<char*>(nullptr));
+    execv(kRedisServer, argv.data());
     _exit(127);
   }
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);

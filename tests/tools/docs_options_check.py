@@ -22,7 +22,7 @@ OTHER_COMMANDS = {
     "--variant": "debootstrap", "--save-dev": "npm", "--cacert": "curl", "--output": "curl",
     "--strict": "tsc", "--module": "tsc", "--moduleResolution": "tsc",
     "--soak": "scripts/load.sh", "--cluster": "scripts/load.sh", "--login-storm": "scripts/load.sh",
-    "--events": "scripts/load.sh", "--ratios": "scripts/load.sh",
+    "--events": "scripts/load.sh", "--ratios": "scripts/load.sh", "--hosts": "scripts/run-cluster.sh",
     "--gateway": "tools/api/check.sh", "--exchanges": "tools/api/check.sh",
     "--out": "tools/api/check.sh", "--signal": "systemctl",
 }
