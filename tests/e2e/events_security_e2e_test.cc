@@ -258,6 +258,7 @@ TEST_F(EventsE2E, LastEventIdResumesWithoutGapAndTooFarBackIsAReset) {
   EXPECT_GE(behind.events()[0].id, 60);
   EXPECT_EQ(parseJson(behind.events()[0].data)["reason"].asString(),
             "The events after the given id are no longer kept: reload, then go on.");
+  EXPECT_EQ(parseJson(behind.events()[0].data)["lastEventId"].asInt64(), behind.events()[0].id);
   // After the reset, the stream goes on with the next change.
   ASSERT_TRUE(behind.waitForEvents(2, 30000));
   EXPECT_EQ(behind.events()[1].id, behind.events()[0].id + 1);
