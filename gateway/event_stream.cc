@@ -181,16 +181,31 @@ void EventHub::detach(uint64_t id) {
 }
 
 void EventHub::publish(const ChangeFeed::Events& events) {
-  // Each event is written out once per language, then shared by the streams.
+  if (events.empty()) return;
+  // Each event is written out once per language and shared by the streams;
+  // a stream that has none of the batch yet (the usual case) gets it in one
+  // piece: one write for the whole batch.
   std::vector<std::pair<std::shared_ptr<const std::string>, std::shared_ptr<const std::string>>>
       texts;
+  std::string wholeEn;
+  std::string wholeZh;
   for (const auto& event : events) {
     texts.emplace_back(std::make_shared<const std::string>(eventText(*event, false)),
                        std::make_shared<const std::string>(eventText(*event, true)));
+    wholeEn += *texts.back().first;
+    wholeZh += *texts.back().second;
   }
+  auto batchEn = std::make_shared<const std::string>(std::move(wholeEn));
+  auto batchZh = std::make_shared<const std::string>(std::move(wholeZh));
   std::lock_guard<std::mutex> lock(mutex_);
   for (auto& entry : streams_) {
     Stream& stream = entry.second;
+    if (stream.lastSent < events.front()->seq) {
+      stream.sink->send(stream.chinese ? batchZh : batchEn);
+      stream.lastSent = events.back()->seq;
+      counts_.events += events.size();
+      continue;
+    }
     for (size_t i = 0; i < events.size(); ++i) {
       // A client that resumed ahead of this gateway (from another one) has these.
       if (events[i]->seq <= stream.lastSent) continue;

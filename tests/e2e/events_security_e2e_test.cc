@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <memory>
@@ -61,6 +62,15 @@ class SseClient {
       readFor(200);
     }
     return events_.size() >= count;
+  }
+  // Reads until a comment line `text` came (true) or `timeoutMs` pass.
+  bool waitForComment(const std::string& text, int timeoutMs) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (comments_.find(text) == std::string::npos && !closed_ &&
+           std::chrono::steady_clock::now() < deadline) {
+      readFor(200);
+    }
+    return comments_.find(text) != std::string::npos;
   }
   // Reads until the server closes (true) or `timeoutMs` pass.
   bool waitForClose(int timeoutMs) {
@@ -258,6 +268,7 @@ TEST_F(EventsE2E, LastEventIdResumesWithoutGapAndTooFarBackIsAReset) {
   EXPECT_GE(behind.events()[0].id, 60);
   EXPECT_EQ(parseJson(behind.events()[0].data)["reason"].asString(),
             "The events after the given id are no longer kept: reload, then go on.");
+  EXPECT_EQ(parseJson(behind.events()[0].data)["lastEventId"].asInt64(), behind.events()[0].id);
   // After the reset, the stream goes on with the next change.
   ASSERT_TRUE(behind.waitForEvents(2, 30000));
   EXPECT_EQ(behind.events()[1].id, behind.events()[0].id + 1);
@@ -274,6 +285,23 @@ TEST_F(EventsE2E, AStreamEndsWithItsSession) {
   ASSERT_TRUE(logout);
   EXPECT_EQ(logout->status, 200);
   EXPECT_TRUE(stream.waitForClose(10000)) << "the stream outlived its session";
+}
+
+// A quiet stream (no simulation: nothing changes) still says it is alive,
+// so that proxies and clients do not time it out.
+TEST(EventsQuietE2E, AQuietStreamGetsAHeartbeatEveryFifteenSeconds) {
+  GatewayProcess gateway;
+  ASSERT_TRUE(gateway.start()) << gateway.output();
+  httplib::Client client("127.0.0.1", gateway.port());
+  const std::string token = loginToken(client, gateway.password());
+  SseClient stream(gateway.port(), token);
+  const auto opened = std::chrono::steady_clock::now();
+  EXPECT_TRUE(stream.waitForComment(": ping\n", 20000)) << stream.head();
+  const double seconds =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - opened).count();
+  std::printf("first heartbeat after %.1f s\n", seconds);
+  EXPECT_TRUE(stream.events().empty());
+  EXPECT_EQ(gateway.stop(), 0);
 }
 
 TEST_F(EventsE2E, LimitsPerSessionAreKeptAndCounted) {

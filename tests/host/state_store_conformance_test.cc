@@ -200,6 +200,31 @@ TEST_P(StateStoreConformance, IdleSessionsEndAndUseKeepsThemAlive) {
   EXPECT_EQ(RedirectInfoMgr::getSessionInfo(kSessionKeyPrefix + idleId), -1);
 }
 
+// Asking whether a session lives (an event stream does, every few seconds)
+// is no use of it: the session still ends after its idle time.
+TEST_P(StateStoreConformance, AskingWhetherASessionLivesDoesNotKeepItAlive) {
+  SessionStore::instance().setIdleTimeout(2);
+  const std::string watched = open("watched");
+  const std::string other = open("other");
+  EXPECT_TRUE(SessionStore::instance().alive(watched));
+  EXPECT_FALSE(SessionStore::instance().alive(""));
+  EXPECT_FALSE(SessionStore::instance().alive("ab12"));
+  for (int i = 0; i < 3; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(800));
+    SessionStore::instance().alive(watched);
+  }
+  EXPECT_FALSE(SessionStore::instance().alive(watched)) << "2.4 s without a request";
+  CSessionInfo info;
+  EXPECT_FALSE(SessionStore::instance().lookup(watched, info));
+  // Logout ends it at once.
+  SessionStore::instance().setIdleTimeout(0);
+  const std::string fresh = open("fresh");
+  EXPECT_TRUE(SessionStore::instance().alive(fresh));
+  EXPECT_TRUE(SessionStore::instance().remove(fresh));
+  EXPECT_FALSE(SessionStore::instance().alive(fresh));
+  (void)other;
+}
+
 TEST_P(StateStoreConformance, AChallengeIsRedeemedOnce) {
   VerifyCodeStore& codes = VerifyCodeStore::instance();
   std::string id, code;
