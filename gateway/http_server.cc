@@ -469,7 +469,8 @@ class Connection final : public Impl::Connection {
         }, &refused)) {
       return;
     }
-    answer(admission.admitted ? std::move(refused) : admission.refusal);
+    if (!admission.admitted) return answer(admission.refusal);
+    answer(std::move(refused));
   }
 
   // The parsed request as the dispatcher takes it; notes what the answer
