@@ -10,6 +10,7 @@
 #include "compact_json.h"
 #include "error_table.h"
 #include "qpn_exception.h"
+#include "request_decoding.h"
 #include "session_token.h"
 
 namespace gw {
@@ -20,14 +21,6 @@ namespace {
 constexpr int kRetryMs = 2000;
 constexpr char kPing[] = ": ping\n\n";
 constexpr char kEventsRuleMethod[] = "GET";
-
-// The path of a target, without its query.
-std::string pathOf(const std::string& target) { return target.substr(0, target.find('?')); }
-
-std::string queryOf(const std::string& target) {
-  const size_t mark = target.find('?');
-  return mark == std::string::npos ? std::string() : target.substr(mark + 1);
-}
 
 // A sequence number as a client sends it: digits only; -1 for anything else.
 long long parseEventId(const std::string& text) {
@@ -64,13 +57,12 @@ std::string resetText(long long head) {
 
 }  // namespace
 
-bool isEventsTarget(const std::string& target) {
-  const std::string path = pathOf(target);
+bool isEventsPath(const std::string& path) {
   return path == kEventsPath || path == kEventsPathV1;
 }
 
 EventHub::EventHub(ChangeFeed& feed, std::shared_ptr<const AccessTable> access, Lookup lookup,
-                   Alive alive, EventLimits limits)
+                   Alive alive, const EventLimits& limits)
     : feed_(feed),
       access_(std::move(access)),
       lookup_(std::move(lookup)),
@@ -98,8 +90,9 @@ void EventHub::stop() {
 
 EventAdmission EventHub::admit(const HttpInput& in) const {
   EventAdmission admission;
-  const std::string path = pathOf(in.target);
-  const std::string query = queryOf(in.target);
+  const RequestTarget target = splitTarget(in.target);
+  const std::string& path = target.path;
+  const std::string& query = target.query;
   HttpRequest connection(in.method, path, in.clientAddress);
   for (const auto& header : in.headers) connection.addHeader(header.first, header.second);
   const std::string token = sessionTokenOf(connection);
@@ -115,8 +108,8 @@ EventAdmission EventHub::admit(const HttpInput& in) const {
     admission.refusal = errorOutput(kErrSessionRequired, describeCode(kErrSessionRequired));
     return admission;
   }
-  const std::string language = languageArgOf(query);
-  if (!language.empty()) info.setLanguage(language == "zh" ? "zh" : "en");
+  const std::string language = languageFromArgument(languageArgOf(query));
+  if (!language.empty()) info.setLanguage(language);
   if (!access_->rule(path, kEventsRuleMethod).allows(info.getUserContext().scope_)) {
     admission.refusal =
         errorOutput(kErrScopeForbidden, describeCode(kErrScopeForbidden, info.language()));

@@ -51,8 +51,8 @@ constexpr char kEventsPathV1[] = "/v1/events";
 constexpr char kLastEventIdHeader[] = "Last-Event-ID";
 constexpr char kLastEventIdArg[] = "lastEventId";
 
-// True when `target` (path and query as sent) names the stream.
-bool isEventsTarget(const std::string& target);
+// True when `path` (without query) names the stream.
+bool isEventsPath(const std::string& path);
 
 struct EventLimits {
   size_t perSession = 4;      // streams one session may hold open
@@ -92,7 +92,7 @@ class EventHub {
   using Alive = std::function<bool(const std::string& token)>;
 
   EventHub(ChangeFeed& feed, std::shared_ptr<const AccessTable> access, Lookup lookup,
-           Alive alive, EventLimits limits);
+           Alive alive, const EventLimits& limits);
   ~EventHub();
   EventHub(const EventHub&) = delete;
   EventHub& operator=(const EventHub&) = delete;
@@ -238,7 +238,7 @@ class EventWriter final : public EventSink, public std::enable_shared_from_this<
   bool writing_ = false;
   bool ending_ = false;
   bool closed_ = false;
-  char readBuffer_[64];
+  char readBuffer_[64] = {};
 };
 
 }  // namespace gw

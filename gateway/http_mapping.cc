@@ -181,7 +181,7 @@ HttpOutput Dispatcher::serveRoute(const HttpInput& in, const RoutePlan& plan) co
     // The session store cannot say: no request goes through unchecked.
     return errorOutput(e.getErrCode(), describeException(e));
   }
-  if (!language.empty()) info.setLanguage(language == "zh" ? "zh" : "en");
+  if (!language.empty()) info.setLanguage(languageFromArgument(language));
   std::optional<HttpOutput> refusal = refuse(in, rule, plan.label, haveSession, fromCookie, info);
   HttpOutput out;
   if (refusal) {

@@ -422,7 +422,7 @@ class Connection final : public Impl::Connection {
     // The health check and the metrics read only what the gateway already
     // knows and cost next to nothing: answered here, without a hand-over to
     // a thread, so no stalled backend or session store can delay them.
-    if (server_.events != nullptr && facts_.method == "GET" && isEventsTarget(facts_.target)) {
+    if (server_.events != nullptr && facts_.method == "GET" && isEventsPath(facts_.parts.path)) {
       return openEvents(std::move(in));
     }
     RoutePlan plan = server_.dispatcher.plan(in.method, facts_.parts);

@@ -131,6 +131,11 @@ std::string languageFromAcceptLanguage(const std::string& value) {
   return startsWithNoCase(trim(value), "zh") ? "zh" : "en";
 }
 
+std::string languageFromArgument(const std::string& value) {
+  if (value.empty()) return std::string();
+  return value == "zh" ? "zh" : "en";
+}
+
 bool isFormBody(const HttpInput& in) {
   if (in.multipart) return true;
   const std::string type = headerValue(in.headers, "Content-Type");

@@ -51,6 +51,10 @@ bool isReadMethod(const std::string& method);
 // starts with "zh" (any case), else "en".
 std::string languageFromAcceptLanguage(const std::string& value);
 
+// The language a LANGUAGE argument asks for: "zh" for exactly "zh", "en"
+// for any other value, "" when there is none (the session's language then).
+std::string languageFromArgument(const std::string& value);
+
 // True when the body is a form (url-encoded or multipart), which a page of
 // another site can make a browser send without asking.
 bool isFormBody(const HttpInput& in);
