@@ -110,6 +110,9 @@ static_assert(sizeof(kMessages) / sizeof(kMessages[0]) == kMsgCount,
 
 // Unit codes of the catalogue's enumerations data_unit and speed_unit.
 constexpr const char* kGB = "3";
+// Codes of the catalogue's skip_reason and refusal_reason enumerations.
+constexpr const char* kSkipInUse = "1";
+constexpr const char* kRefusedReadOnly = "1";
 constexpr const char* kMBs = "2";
 
 constexpr long long kGiB = 1024LL * 1024 * 1024;
@@ -299,7 +302,7 @@ void restoreTask(SeedTask& t, Progress& p, long long now) {
       t.progress = 100;
       break;
     case task_status::kPartiallySucceeded:
-      p.add(kRestoreSkipped, {"/home/alice/.cache/lock", "the file is in use"})
+      p.add(kRestoreSkipped, {"/home/alice/.cache/lock", kSkipInUse})
           .add(kRestoreFinished, {n, "3199", "24", kGB, "1010"});
       t.progress = 100;
       break;
@@ -342,7 +345,7 @@ void copyTask(SeedTask& t, Progress& p) {
       break;
     case task_status::kFailed:
       p.add(kCopyRetry, {"dr-site", "5", "5", "60"})
-          .add(kFailTargetRefused, {"dr-site", "the target storage is read-only"});
+          .add(kFailTargetRefused, {"dr-site", kRefusedReadOnly});
       t.errorInfo = errorInfo(kFailTargetRefused, "node-02");
       t.progress = 50;
       break;
@@ -613,7 +616,7 @@ void finishPartially(SeedTask& t, Progress& p) {
       p.add(kBackupSkipped, {"17"}).add(kBackupWarnings, {t.name, "17"});
       break;
     case task_type::kRestore:
-      p.add(kRestoreSkipped, {"/restore/" + t.resource + "/lock", "the file is in use"})
+      p.add(kRestoreSkipped, {"/restore/" + t.resource + "/lock", kSkipInUse})
           .add(kRestoreFinished, {t.name, "3199", total, kGB, "1010"});
       break;
     case task_type::kCopy:
@@ -640,7 +643,7 @@ Msg finishFailed(SeedTask& t, Progress& p, unsigned roll) {
       return kFailRestoreSpace;
     case task_type::kCopy:
       p.add(kCopyRetry, {"dr-site", "5", "5", "60"})
-          .add(kFailTargetRefused, {"dr-site", "the target storage is read-only"});
+          .add(kFailTargetRefused, {"dr-site", kRefusedReadOnly});
       return kFailTargetRefused;
     default:
       p.add(kFailDbLogin, {t.resource, "backup_operator"});

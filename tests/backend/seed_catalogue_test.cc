@@ -6,6 +6,7 @@
 #include <tinyxml2.h>
 
 #include <map>
+#include <regex>
 #include <set>
 #include <string>
 
@@ -131,6 +132,32 @@ TEST_F(SeedCatalogueTest, TaskProgressUsesTheTable) {
       // The backend's object for "no error", never an empty text.
       EXPECT_EQ(parse(t.errorInfo)["code"].asString(), "0") << t.id;
     }
+  }
+}
+
+// Free-text parameters are names and numbers; a reason is a code of an
+// enumeration, so that a Chinese task detail holds no English sentence
+// ("文件 ... 已跳过：the file is in use").
+TEST_F(SeedCatalogueTest, ReasonsAreEnumerationCodesNotEnglishText) {
+  const std::regex prose("[A-Za-z]+ [A-Za-z]+ [A-Za-z]+");
+  int reasons = 0;
+  for (const SeedTask& t : demoTasks(1763700000)) {
+    for (const Json::Value& entry : parse(t.detail)) {
+      for (const Json::Value& p : entry["params"]) {
+        const std::string value = p["param"].asString();
+        EXPECT_FALSE(std::regex_search(value, prose)) << entry["id"] << " in " << t.id << ": "
+                                                      << value;
+      }
+      const std::string id = entry["id"].asString();
+      if (id == "1600000107" || id == "1610000011") ++reasons;
+    }
+  }
+  EXPECT_GT(reasons, 0) << "the demo data shows a skipped file or a refused replication";
+  auto en = loadEnums("enum_en.xml");
+  auto zh = loadEnums("enum_zh.xml");
+  for (const char* name : {"skip_reason", "refusal_reason"}) {
+    EXPECT_EQ(en[name].count(1), 1u) << name;
+    EXPECT_EQ(zh[name], en[name]) << name;
   }
 }
 
