@@ -7,9 +7,8 @@
 #include "builtin_paths.h"
 #include "compact_json.h"
 #include "error_table.h"
-#include "qpn_exception.h"
 #include "request_decoding.h"
-#include "session_token.h"
+#include "request_session.h"
 
 namespace gw {
 
@@ -64,17 +63,12 @@ HttpOutput redirectHome() {
 HttpOutput sessionAnswer(const HttpInput& in, const SessionLookup& lookup) {
   HttpRequest connection(in.method, kConsoleSessionPath, in.clientAddress);
   for (const auto& header : in.headers) connection.addHeader(header.first, header.second);
-  const std::string token = sessionTokenOf(connection);
   CSessionInfo info;
-  bool signedIn = false;
-  try {
-    signedIn = !token.empty() && lookup && lookup(token, info);
-  } catch (const QPNExceptionWithErrCode_& e) {
-    // The session store cannot say: the same answer as any session check.
-    return errorOutput(e.getErrCode(), describeCode(e.getErrCode()));
-  }
+  const RequestSession session = findRequestSession(connection, lookup, info);
+  // The session store cannot say: the same answer as any session check.
+  if (session.unavailable) return *session.unavailable;
   Json::Value envelope(Json::objectValue);
-  envelope["data"][kSignedInMember] = signedIn;
+  envelope["data"][kSignedInMember] = session.found;
   envelope["error"]["code"] = 0;
   envelope["error"]["description"] = "0";
   HttpOutput out;

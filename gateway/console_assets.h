@@ -18,12 +18,9 @@
 
 #include "http_exchange.h"
 #include "request_msg.h"
+#include "request_session.h"
 
 namespace gw {
-
-// Finds a session by its token. On success fills the session side of `info`
-// and returns true; returns false for an unknown or expired token.
-using SessionLookup = std::function<bool(const std::string& token, CSessionInfo& info)>;
 
 // The console's session question. Unlike GET /sessions it needs no session:
 // it answers 200 {"data": {"signedIn": true|false}, "error": {"code": 0, ...}}

@@ -9,9 +9,8 @@
 
 #include "compact_json.h"
 #include "error_table.h"
-#include "qpn_exception.h"
 #include "request_decoding.h"
-#include "session_token.h"
+#include "request_session.h"
 
 namespace gw {
 
@@ -95,16 +94,13 @@ EventAdmission EventHub::admit(const HttpInput& in) const {
   const std::string& query = target.query;
   HttpRequest connection(in.method, path, in.clientAddress);
   for (const auto& header : in.headers) connection.addHeader(header.first, header.second);
-  const std::string token = sessionTokenOf(connection);
   CSessionInfo info;
-  bool haveSession = false;
-  try {
-    haveSession = !token.empty() && lookup_ && lookup_(token, info);
-  } catch (const QPNExceptionWithErrCode_& e) {
-    admission.refusal = errorOutput(e.getErrCode(), describeCode(e.getErrCode()));
+  RequestSession session = findRequestSession(connection, lookup_, info);
+  if (session.unavailable) {
+    admission.refusal = std::move(*session.unavailable);
     return admission;
   }
-  if (!haveSession) {
+  if (!session.found) {
     admission.refusal = errorOutput(kErrSessionRequired, describeCode(kErrSessionRequired));
     return admission;
   }
@@ -116,8 +112,8 @@ EventAdmission EventHub::admit(const HttpInput& in) const {
     return admission;
   }
   admission.admitted = true;
-  admission.token = token;
-  admission.sessionId = info.getHttpSession() ? info.getHttpSession()->getId() : token;
+  admission.token = session.token;
+  admission.sessionId = info.getHttpSession() ? info.getHttpSession()->getId() : session.token;
   admission.user = info.getUserContext().userName_;
   admission.language = info.language();
   admission.lastEventId = lastEventIdOf(in, query);
@@ -259,21 +255,18 @@ EventHub::Counts EventHub::counts() const {
 
 std::string EventHub::metricsText() const {
   const Counts c = counts();
-  return "# HELP nox_event_streams_open Event streams (GET /events) open now.\n"
-         "# TYPE nox_event_streams_open gauge\n"
-         "nox_event_streams_open " + std::to_string(c.open) + "\n"
-         "# HELP nox_event_streams_opened_total Event streams opened.\n"
-         "# TYPE nox_event_streams_opened_total counter\n"
-         "nox_event_streams_opened_total " + std::to_string(c.opened) + "\n"
-         "# HELP nox_event_streams_refused_total Event streams refused for a limit.\n"
-         "# TYPE nox_event_streams_refused_total counter\n"
-         "nox_event_streams_refused_total " + std::to_string(c.refusedLimit) + "\n"
-         "# HELP nox_event_stream_resets_total Streams told to reload (resumed too far back).\n"
-         "# TYPE nox_event_stream_resets_total counter\n"
-         "nox_event_stream_resets_total " + std::to_string(c.resets) + "\n"
-         "# HELP nox_events_sent_total Events written to streams.\n"
-         "# TYPE nox_events_sent_total counter\n"
-         "nox_events_sent_total " + std::to_string(c.events) + "\n";
+  std::string out;
+  appendMetricSample(&out, "nox_event_streams_open", "gauge", "Event streams (GET /events) open now.",
+                     std::to_string(c.open));
+  appendMetricSample(&out, "nox_event_streams_opened_total", "counter", "Event streams opened.",
+                     std::to_string(c.opened));
+  appendMetricSample(&out, "nox_event_streams_refused_total", "counter",
+                     "Event streams refused for a limit.", std::to_string(c.refusedLimit));
+  appendMetricSample(&out, "nox_event_stream_resets_total", "counter",
+                     "Streams told to reload (resumed too far back).", std::to_string(c.resets));
+  appendMetricSample(&out, "nox_events_sent_total", "counter", "Events written to streams.",
+                     std::to_string(c.events));
+  return out;
 }
 
 std::string EventHub::answerHead() {

@@ -88,7 +88,7 @@ class EventHub {
  public:
   // Looks a session up (and keeps it alive: the stream's request counts as
   // one); tells whether a session lives without keeping it alive.
-  using Lookup = std::function<bool(const std::string& token, CSessionInfo& info)>;
+  using Lookup = SessionLookup;
   using Alive = std::function<bool(const std::string& token)>;
 
   EventHub(ChangeFeed& feed, std::shared_ptr<const AccessTable> access, Lookup lookup,

@@ -5,8 +5,7 @@
 
 #include "audit.h"
 #include "error_table.h"
-#include "qpn_exception.h"
-#include "session_token.h"
+#include "request_session.h"
 
 namespace gw {
 
@@ -172,17 +171,11 @@ HttpOutput Dispatcher::serveRoute(const HttpInput& in, const RoutePlan& plan) co
   // The session (or Accept-Language) gives the language unless the request
   // names one.
   const std::string language = request.getArg("LANGUAGE");
-  bool fromCookie = false;
-  const std::string token = sessionTokenOf(connection, &fromCookie);
-  bool haveSession = false;
-  try {
-    haveSession = !token.empty() && lookup_ && lookup_(token, info);
-  } catch (const QPNExceptionWithErrCode_& e) {
-    // The session store cannot say: no request goes through unchecked.
-    return errorOutput(e.getErrCode(), describeException(e));
-  }
+  const RequestSession session = findRequestSession(connection, lookup_, info);
+  if (session.unavailable) return *session.unavailable;
   if (!language.empty()) info.setLanguage(languageFromArgument(language));
-  std::optional<HttpOutput> refusal = refuse(in, rule, plan.label, haveSession, fromCookie, info);
+  std::optional<HttpOutput> refusal =
+      refuse(in, rule, plan.label, session.found, session.fromCookie, info);
   HttpOutput out;
   if (refusal) {
     out = std::move(*refusal);

@@ -37,7 +37,8 @@
 
 namespace gw {
 
-// SessionLookup: console_assets.h (the console's session question asks it too).
+// SessionLookup: request_session.h (the console's session question and the
+// event streams ask it too).
 
 // The dispatcher's settings; the built-in paths' content (BuiltInContent)
 // comes with them.

@@ -252,18 +252,12 @@ void appendFamily(std::string* out, const char* name, const char* type, const ch
   out->append("# TYPE ").append(name).append(" ").append(type).append("\n");
 }
 
-// A family of one sample without labels.
-void appendSample(std::string* out, const char* name, const char* type, const char* help,
-                  const std::string& value) {
-  appendFamily(out, name, type, help);
-  out->append(name).append(" ").append(value).append("\n");
-}
 
 void appendWorkers(std::string* out, const TransportCounts& counts) {
-  appendSample(out, "nox_operations_waiting", "gauge",
+  appendMetricSample(out, "nox_operations_waiting", "gauge",
                "Requests waiting in line for a free worker.",
                std::to_string(counts.waitingForWorker));
-  appendSample(out, "nox_workers_busy", "gauge", "Workers running an operation.",
+  appendMetricSample(out, "nox_workers_busy", "gauge", "Workers running an operation.",
                std::to_string(counts.busyWorkers));
 }
 
@@ -290,9 +284,9 @@ void appendBackendCalls(std::string* out) {
 
 void appendLogins(std::string* out) {
   const LoginCounts logins = loginCounts();
-  appendSample(out, "nox_logins_failed_total", "counter", "Logins the backend refused.",
+  appendMetricSample(out, "nox_logins_failed_total", "counter", "Logins the backend refused.",
                std::to_string(logins.failed));
-  appendSample(out, "nox_logins_throttled_total", "counter",
+  appendMetricSample(out, "nox_logins_throttled_total", "counter",
                "Logins refused by the throttle before the backend was asked.",
                std::to_string(logins.throttled));
 }
@@ -301,28 +295,34 @@ void appendLogins(std::string* out) {
 void appendProcess(std::string* out) {
   const long long rssKb = statusField("VmRSS");
   if (rssKb >= 0) {
-    appendSample(out, "process_resident_memory_bytes", "gauge",
+    appendMetricSample(out, "process_resident_memory_bytes", "gauge",
                  "Resident memory of the gateway process.", std::to_string(rssKb * 1024));
   }
   const long long files = openFiles();
   if (files >= 0) {
-    appendSample(out, "process_open_fds", "gauge", "Open file descriptors of the gateway process.",
+    appendMetricSample(out, "process_open_fds", "gauge", "Open file descriptors of the gateway process.",
                  std::to_string(files));
   }
 }
 
 void appendConnections(std::string* out, const TransportCounts& counts) {
-  appendSample(out, "nox_open_connections", "gauge", "Client connections open on the gateway.",
+  appendMetricSample(out, "nox_open_connections", "gauge", "Client connections open on the gateway.",
                std::to_string(counts.openConnections));
-  appendSample(out, "nox_connections_refused_total", "counter",
+  appendMetricSample(out, "nox_connections_refused_total", "counter",
                "Connections closed at once because --max-connections were open.",
                std::to_string(counts.refusedConnections));
-  appendSample(out, "nox_connections_dropped_total", "counter",
+  appendMetricSample(out, "nox_connections_dropped_total", "counter",
                "Connections dropped because serving them failed (each is in the trace log).",
                std::to_string(counts.droppedConnections));
 }
 
 }  // namespace
+
+void appendMetricSample(std::string* out, const char* name, const char* type, const char* help,
+                        const std::string& value) {
+  appendFamily(out, name, type, help);
+  out->append(name).append(" ").append(value).append("\n");
+}
 
 std::string hostMetricsText(const TransportCounts& counts, long long sessionsOpen) {
   std::string out;
@@ -331,7 +331,7 @@ std::string hostMetricsText(const TransportCounts& counts, long long sessionsOpe
   appendLogins(&out);
   // Left out while the session store cannot be counted: /healthz says why.
   if (sessionsOpen >= 0) {
-    appendSample(&out, "nox_sessions_open", "gauge",
+    appendMetricSample(&out, "nox_sessions_open", "gauge",
                  "Sessions open (in the shared store, for every gateway).",
                  std::to_string(sessionsOpen));
   }
@@ -347,7 +347,7 @@ std::string stateStoreMetricsText(const std::string& primary, long long failover
   if (!primary.empty()) {
     out.append("nox_state_primary{address=\"").append(prometheusLabel(primary)).append("\"} 1\n");
   }
-  appendSample(&out, "nox_state_failovers_total", "counter",
+  appendMetricSample(&out, "nox_state_failovers_total", "counter",
                "Times the sentinels named another primary than the one in use before.",
                std::to_string(failovers));
   return out;

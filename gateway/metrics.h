@@ -95,6 +95,12 @@ std::string hostMetricsText(const TransportCounts& counts, long long sessionsOpe
 // nox_state_failovers_total.
 std::string stateStoreMetricsText(const std::string& primary, long long failovers);
 
+// Appends one family of one sample without labels, in the text format:
+//   appendMetricSample(&out, "nox_x", "gauge", "X now.", "3");
+//   // out == "# HELP nox_x X now.\n# TYPE nox_x gauge\nnox_x 3\n"
+void appendMetricSample(std::string* out, const char* name, const char* type, const char* help,
+                        const std::string& value);
+
 // Formats `value` as the text format wants a label value (backslash, quote
 // and line feed escaped).
 std::string prometheusLabel(const std::string& value);
