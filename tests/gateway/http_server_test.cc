@@ -162,7 +162,10 @@ class ServerTest : public ::testing::Test {
     gw::DispatchOptions options;
     options.access = table;
     dispatcher_ = std::make_unique<gw::Dispatcher>(registry_, nullptr, options);
-    logPath_ = ::testing::TempDir() + "server_test_access.log";
+    // ctest runs the tests of this program side by side: a log of its own each.
+    logPath_ = ::testing::TempDir() + "server_test_access_" +
+               ::testing::UnitTest::GetInstance()->current_test_info()->name() + "_" +
+               std::to_string(getpid()) + ".log";
     std::remove(logPath_.c_str());
     log_ = gw::AccessLog::open(logPath_);
     ASSERT_NE(log_, nullptr);
@@ -176,6 +179,7 @@ class ServerTest : public ::testing::Test {
     gate_.open();
     if (server_) server_->stop();
     if (thread_.joinable()) thread_.join();
+    std::remove(logPath_.c_str());
   }
 
   void start() {
