@@ -31,7 +31,7 @@ from datetime import datetime
 from zoneinfo import ZoneInfo
 
 from selenium import webdriver
-from selenium.common.exceptions import TimeoutException
+from selenium.common.exceptions import StaleElementReferenceException, TimeoutException
 from selenium.webdriver.chrome.service import Service
 from selenium.webdriver.common.by import By
 from selenium.webdriver.common.keys import Keys
@@ -182,7 +182,10 @@ class ConsoleTestBase(unittest.TestCase):
 
     def setUp(self):
         self.driver = make_browser()
-        self.wait = WebDriverWait(self.driver, WAIT)
+        # The live pages replace rows as changes arrive: an element that went
+        # stale during a wait is looked up again on the next try.
+        self.wait = WebDriverWait(self.driver, WAIT,
+                                  ignored_exceptions=(StaleElementReferenceException,))
 
     def tearDown(self):
         try:
@@ -1008,6 +1011,14 @@ class ConsoleLiveTest(ConsoleTestBase):
             return None
         return self.wait.until(find)
 
+    def click_when_fresh(self, selector):
+        """Clicks what `selector` names; a live update that replaced it
+        meanwhile makes the click go to the new element."""
+        def click(driver):
+            driver.find_element(By.CSS_SELECTOR, selector).click()
+            return True
+        self.wait.until(click)
+
     def progress_of(self, task_id):
         return int(self.driver.find_element(
             By.CSS_SELECTOR, "#tasks-table tr[data-task-id='%s'] progress" % task_id)
@@ -1024,8 +1035,7 @@ class ConsoleLiveTest(ConsoleTestBase):
         task_id, before = self.running_row()
         self.wait.until(lambda d: self.progress_of(task_id) > before)
         # Details follow too: their progress and their entries.
-        self.driver.find_element(
-            By.CSS_SELECTOR, "#tasks-table button.open-task[data-task-id='%s']" % task_id).click()
+        self.click_when_fresh("#tasks-table button.open-task[data-task-id='%s']" % task_id)
         self.visible("task-detail")
         shown = self.wait_text("task-progress", r"\d+ %")
         # A running task has no fault: error information with code "0" shows nothing.
