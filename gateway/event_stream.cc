@@ -2,7 +2,9 @@
 
 #include <json/json.h>
 
+#include <algorithm>
 #include <chrono>
+#include <iterator>
 #include <cstdlib>
 #include <set>
 #include <vector>
@@ -29,21 +31,33 @@ long long parseEventId(const std::string& text) {
   return std::atoll(text.c_str());
 }
 
-// The resume point: the Last-Event-ID header, else the query argument.
-long long lastEventIdOf(const HttpInput& in, const std::string& query) {
-  const std::string header = headerValue(in.headers, kLastEventIdHeader);
-  if (!header.empty()) return parseEventId(header);
-  for (const auto& arg : parseQuery(query)) {
-    if (arg.first == kLastEventIdArg) return parseEventId(arg.second);
+// What the query may say: the language, and the resume point.
+struct StreamArguments {
+  std::string language;
+  std::string lastEventId;
+};
+
+// The first of each argument counts.
+StreamArguments argumentsOf(const std::string& query) {
+  StreamArguments args;
+  bool language = false;
+  bool lastEventId = false;
+  for (auto& arg : parseQuery(query)) {
+    if (arg.first == "LANGUAGE" && !language) {
+      args.language = std::move(arg.second);
+      language = true;
+    } else if (arg.first == kLastEventIdArg && !lastEventId) {
+      args.lastEventId = std::move(arg.second);
+      lastEventId = true;
+    }
   }
-  return -1;
+  return args;
 }
 
-std::string languageArgOf(const std::string& query) {
-  for (const auto& arg : parseQuery(query)) {
-    if (arg.first == "LANGUAGE") return arg.second;
-  }
-  return std::string();
+// The resume point: the Last-Event-ID header, else the query argument.
+long long lastEventIdOf(const HttpInput& in, const StreamArguments& args) {
+  const std::string header = headerValue(in.headers, kLastEventIdHeader);
+  return parseEventId(header.empty() ? args.lastEventId : header);
 }
 
 // "event: reset" with the head the client may go on from once it reloaded.
@@ -104,7 +118,8 @@ EventAdmission EventHub::admit(const HttpInput& in) const {
     admission.refusal = errorOutput(kErrSessionRequired, describeCode(kErrSessionRequired));
     return admission;
   }
-  const std::string language = languageFromArgument(languageArgOf(query));
+  const StreamArguments args = argumentsOf(query);
+  const std::string language = languageFromArgument(args.language);
   if (!language.empty()) info.setLanguage(language);
   if (!access_->rule(path, kEventsRuleMethod).allows(info.getUserContext().scope_)) {
     admission.refusal =
@@ -116,7 +131,7 @@ EventAdmission EventHub::admit(const HttpInput& in) const {
   admission.sessionId = info.getHttpSession() ? info.getHttpSession()->getId() : session.token;
   admission.user = info.getUserContext().userName_;
   admission.language = info.language();
-  admission.lastEventId = lastEventIdOf(in, query);
+  admission.lastEventId = lastEventIdOf(in, args);
   return admission;
 }
 
@@ -134,10 +149,11 @@ bool EventHub::attach(const EventAdmission& admission,
   const uint64_t id = ++nextId_;
   Stream stream;
   stream.sink = makeSink(id);
+  stream.queue = queueOf(*stream.sink);
   stream.token = admission.token;
   stream.sessionId = admission.sessionId;
   stream.chinese = admission.language == "zh";
-  stream.sink->send(std::make_shared<const std::string>(answerHead()));
+  send(stream, std::make_shared<const std::string>(answerHead()));
   // What the client missed, from the backlog, or a word that it must reload.
   ChangeFeed::Events missed;
   if (admission.lastEventId < 0) {
@@ -145,19 +161,32 @@ bool EventHub::attach(const EventAdmission& admission,
   } else if (feed_.since(admission.lastEventId, &missed)) {
     stream.lastSent = admission.lastEventId;
     for (const auto& event : missed) {
-      stream.sink->send(std::make_shared<const std::string>(eventText(*event, stream.chinese)));
+      send(stream, std::make_shared<const std::string>(eventText(*event, stream.chinese)));
       stream.lastSent = event->seq;
       ++counts_.events;
     }
   } else {
     stream.lastSent = feed_.head();
-    stream.sink->send(std::make_shared<const std::string>(resetText(stream.lastSent)));
+    send(stream, std::make_shared<const std::string>(resetText(stream.lastSent)));
     ++counts_.resets;
   }
   ++perSession_[stream.sessionId];
   streams_.emplace(id, std::move(stream));
   ++counts_.opened;
   return true;
+}
+
+std::shared_ptr<LoopQueue> EventHub::queueOf(EventSink& sink) {
+  boost::asio::any_io_executor loop = sink.loop();
+  const boost::asio::execution_context* context =
+      &boost::asio::query(loop, boost::asio::execution::context);
+  std::shared_ptr<LoopQueue>& queue = queues_[context];
+  if (!queue) queue = std::make_shared<LoopQueue>(std::move(loop));
+  return queue;
+}
+
+void EventHub::send(const Stream& stream, std::shared_ptr<const std::string> text) {
+  stream.queue->push(stream.sink, std::move(text));
 }
 
 void EventHub::detach(uint64_t id) {
@@ -190,7 +219,7 @@ void EventHub::publish(const ChangeFeed::Events& events) {
   for (auto& entry : streams_) {
     Stream& stream = entry.second;
     if (stream.lastSent < events.front()->seq) {
-      stream.sink->send(stream.chinese ? batchZh : batchEn);
+      send(stream, stream.chinese ? batchZh : batchEn);
       stream.lastSent = events.back()->seq;
       counts_.events += events.size();
       continue;
@@ -198,7 +227,7 @@ void EventHub::publish(const ChangeFeed::Events& events) {
     for (size_t i = 0; i < events.size(); ++i) {
       // A client that resumed ahead of this gateway (from another one) has these.
       if (events[i]->seq <= stream.lastSent) continue;
-      stream.sink->send(stream.chinese ? texts[i].second : texts[i].first);
+      send(stream, stream.chinese ? texts[i].second : texts[i].first);
       stream.lastSent = events[i]->seq;
       ++counts_.events;
     }
@@ -217,7 +246,7 @@ void EventHub::run() {
     for (const auto& entry : streams_) tokens.insert(entry.second.token);
     if (Clock::now() >= nextPing) {
       auto ping = std::make_shared<const std::string>(kPing);
-      for (auto& entry : streams_) entry.second.sink->send(ping);
+      for (auto& entry : streams_) send(entry.second, ping);
       nextPing = Clock::now() + std::chrono::seconds(limits_.heartbeatSeconds);
     }
     // The session store may take its time: asked without the lock.
@@ -267,6 +296,33 @@ std::string EventHub::metricsText() const {
   appendMetricSample(&out, "nox_events_sent_total", "counter", "Events written to streams.",
                      std::to_string(c.events));
   return out;
+}
+
+void LoopQueue::push(std::shared_ptr<EventSink> sink, std::shared_ptr<const std::string> text) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  items_.emplace_back(std::move(sink), std::move(text));
+  if (scheduled_) return;
+  scheduled_ = true;
+  boost::asio::post(loop_, [self = shared_from_this()] { self->drain(); });
+}
+
+void LoopQueue::drain() {
+  std::vector<std::pair<std::shared_ptr<EventSink>, std::shared_ptr<const std::string>>> turn;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    const size_t count = std::min(items_.size(), kWritesPerTurn);
+    turn.assign(std::make_move_iterator(items_.begin()),
+                std::make_move_iterator(items_.begin() + static_cast<std::ptrdiff_t>(count)));
+    items_.erase(items_.begin(), items_.begin() + static_cast<std::ptrdiff_t>(count));
+  }
+  for (auto& item : turn) item.first->write(std::move(item.second));
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (items_.empty()) {
+    scheduled_ = false;
+    return;
+  }
+  // The rest in a later turn: what the loop got meanwhile goes first.
+  boost::asio::post(loop_, [self = shared_from_this()] { self->drain(); });
 }
 
 std::string EventHub::answerHead() {

@@ -9,8 +9,8 @@
 // access table's rule for GET /events, the limits per session and in
 // total), replays the changes a resuming client missed (Last-Event-ID, or
 // the query argument lastEventId) from the ChangeFeed's backlog or tells it
-// to reload (event `reset`), hands each new change to every stream, sends a
-// heartbeat comment (": ping") to each every heartbeatSeconds, and ends the
+// to reload (event `reset`), hands each new change to every stream (through
+// the LoopQueue of the stream's I/O loop), sends a heartbeat comment (": ping") to each every heartbeatSeconds, and ends the
 // streams whose session ended (logout, expiry), checked every
 // sessionCheckSeconds without keeping the session alive.
 //
@@ -62,14 +62,37 @@ struct EventLimits {
   size_t maxQueuedBytes = size_t{1} << 20;  // a stream that falls this far behind is closed
 };
 
-// Where a stream's text goes: a connection, on its own I/O thread.
+// Where a stream's text goes: a connection, on its own I/O loop.
 class EventSink {
  public:
   virtual ~EventSink() = default;
-  // Queues `text` to be written; any thread.
-  virtual void send(std::shared_ptr<const std::string> text) = 0;
+  // The loop the sink writes on.
+  virtual boost::asio::any_io_executor loop() = 0;
+  // Queues `text` to be written; on loop() only.
+  virtual void write(std::shared_ptr<const std::string> text) = 0;
   // Writes what is queued, then closes; any thread.
   virtual void end() = 0;
+};
+
+// The texts on their way to the streams of one I/O loop, in order. They are
+// written a few streams per turn of the loop: a request on the loop waits
+// for one turn's writes at most, never for a change's whole fan-out.
+class LoopQueue : public std::enable_shared_from_this<LoopQueue> {
+ public:
+  static constexpr size_t kWritesPerTurn = 32;
+
+  explicit LoopQueue(boost::asio::any_io_executor loop) : loop_(std::move(loop)) {}
+  // Queues `text` for `sink` (whose loop this is); any thread.
+  void push(std::shared_ptr<EventSink> sink, std::shared_ptr<const std::string> text);
+
+ private:
+  // One turn's writes; on the loop.
+  void drain();
+
+  const boost::asio::any_io_executor loop_;
+  std::mutex mutex_;
+  std::deque<std::pair<std::shared_ptr<EventSink>, std::shared_ptr<const std::string>>> items_;
+  bool scheduled_ = false;
 };
 
 // What the admission found: either a refusal to answer, or the stream's
@@ -138,6 +161,7 @@ class EventHub {
  private:
   struct Stream {
     std::shared_ptr<EventSink> sink;
+    std::shared_ptr<LoopQueue> queue;  // of the sink's loop
     std::string token;
     std::string sessionId;
     bool chinese = false;
@@ -145,6 +169,10 @@ class EventHub {
   };
   void run();
   void endStreamsOf(const std::string& token);
+  // The queue of `sink`'s loop; with mutex_ held.
+  std::shared_ptr<LoopQueue> queueOf(EventSink& sink);
+  // Queues `text` for `stream`; with mutex_ held.
+  static void send(const Stream& stream, std::shared_ptr<const std::string> text);
 
   ChangeFeed& feed_;
   const std::shared_ptr<const AccessTable> access_;
@@ -156,6 +184,7 @@ class EventHub {
   std::condition_variable wake_;
   std::map<uint64_t, Stream> streams_;
   std::map<std::string, size_t> perSession_;
+  std::map<const boost::asio::execution_context*, std::shared_ptr<LoopQueue>> queues_;
   uint64_t nextId_ = 0;
   Counts counts_;
   bool stopping_ = false;
@@ -182,15 +211,15 @@ class EventWriter final : public EventSink, public std::enable_shared_from_this<
                             });
   }
 
-  void send(std::shared_ptr<const std::string> text) override {
-    boost::asio::post(stream_.get_executor(), [self = this->shared_from_this(), text] {
-      if (self->closed_) return;
-      self->queuedBytes_ += text->size();
-      // A client that does not read is not waited for without end.
-      if (self->queuedBytes_ > self->maxQueued_) return self->close();
-      self->queue_.push_back(text);
-      if (!self->writing_) self->writeNext();
-    });
+  boost::asio::any_io_executor loop() override { return stream_.get_executor(); }
+
+  void write(std::shared_ptr<const std::string> text) override {
+    if (closed_) return;
+    queuedBytes_ += text->size();
+    // A client that does not read is not waited for without end.
+    if (queuedBytes_ > maxQueued_) return close();
+    queue_.push_back(std::move(text));
+    if (!writing_) writeNext();
   }
 
   void end() override {
