@@ -27,10 +27,7 @@ HttpOutput methodNotAllowed() {
 
 HttpOutput notFound() { return errorOutput(kErrRouteNotFound, describeCode(kErrRouteNotFound)); }
 
-HttpOutput serveMetrics(const BuiltInContent& content, const HttpInput& in, std::string* route) {
-  if (!content.metricsAllowed || !content.metricsAllowed(in.clientAddress)) return notFound();
-  *route = "/metrics";
-  if (!isReadMethod(in.method)) return methodNotAllowed();
+HttpOutput serveMetrics(const BuiltInContent& content) {
   HttpOutput out;
   out.contentType = "text/plain; version=0.0.4; charset=utf-8";
   out.body = content.metricsText();
@@ -60,20 +57,26 @@ BuiltInPath builtInPath(const std::string& path) {
 
 std::optional<HttpOutput> serveBuiltIn(const BuiltInContent& content, const HttpInput& in,
                                        const std::string& path, std::string* route) {
-  if (path == "/metrics" && content.metricsText) return serveMetrics(content, in, route);
-  if (path == "/healthz" || path == "/openapi.json") {
+  if (path == "/metrics" && content.metricsText) {
+    if (!content.metricsAllowed || !content.metricsAllowed(in.clientAddress)) return notFound();
     *route = path;
-    if (!isReadMethod(in.method)) return methodNotAllowed();
-    if (path == "/healthz") return serveHealth(content);
+  } else if (path == "/healthz" || path == "/openapi.json") {
+    *route = path;
+  } else if (!content.console.empty() && isConsolePath(path)) {
+    *route = "/console";
+  } else {
+    return std::nullopt;
+  }
+  // Every built-in path is read only.
+  if (!isReadMethod(in.method)) return methodNotAllowed();
+  if (path == "/metrics") return serveMetrics(content);
+  if (path == "/healthz") return serveHealth(content);
+  if (path == "/openapi.json") {
     HttpOutput out;
     out.body = content.openApi;
     return out;
   }
-  if (!content.console.empty() && isConsolePath(path)) {
-    *route = "/console";
-    return consoleAnswer(in, path, content.console, content.consoleSession);
-  }
-  return std::nullopt;
+  return consoleAnswer(in, path, content.console, content.consoleSession);
 }
 
 std::string consoleContentType(const std::string& path) {

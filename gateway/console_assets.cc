@@ -92,9 +92,6 @@ std::string consoleETag(const std::string& bytes) {
 HttpOutput consoleAnswer(const HttpInput& in, const std::string& path,
                          const std::map<std::string, std::string>& files,
                          const SessionLookup& lookup) {
-  if (!isReadMethod(in.method)) {
-    return errorOutput(kErrMethodNotAllowed, describeCode(kErrMethodNotAllowed));
-  }
   if (path == "/console") return redirectHome();
   if (path == kConsoleSessionPath) return sessionAnswer(in, lookup);
   // The path is compared as sent: no decoding, so no dot segment or encoded

@@ -41,8 +41,8 @@ std::string consoleETag(const std::string& bytes);
 // ETag and Cache-Control ("no-cache": a browser asks before each reuse), or
 // 304 with no body when If-None-Match names its ETag; "/console" redirects
 // (301) to "/console/" with a short HTML body; kConsoleSessionPath answers
-// the session question through `lookup`. Other methods: 405; unknown files:
-// 404 (both with the error envelope).
+// the session question through `lookup`. Unknown files: 404 with the error
+// envelope. Other methods never come here: serveBuiltIn answers them 405.
 HttpOutput consoleAnswer(const HttpInput& in, const std::string& path,
                          const std::map<std::string, std::string>& files,
                          const SessionLookup& lookup);

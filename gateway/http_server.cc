@@ -422,7 +422,10 @@ class Connection final : public Impl::Connection {
     // The health check and the metrics read only what the gateway already
     // knows and cost next to nothing: answered here, without a hand-over to
     // a thread, so no stalled backend or session store can delay them.
-    if (server_.events != nullptr && facts_.method == "GET" && isEventsPath(facts_.parts.path)) {
+    if (server_.events != nullptr && isEventsPath(facts_.parts.path)) {
+      if (facts_.method != "GET") {
+        return answer(refusal(405, kErrMethodNotAllowed, describeCode(kErrMethodNotAllowed)));
+      }
       return openEvents(std::move(in));
     }
     RoutePlan plan = server_.dispatcher.plan(in.method, facts_.parts);

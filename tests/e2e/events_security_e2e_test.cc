@@ -32,6 +32,7 @@ namespace {
 
 constexpr long long kErrNotLoggedIn = 0x03000011;
 constexpr long long kErrScopeForbidden = 0x03000208;
+constexpr long long kErrMethodNotAllowed = 0x03000202;
 constexpr long long kErrTooManyStreams = 0x0300020A;
 
 httplib::Headers auth(const std::string& token) { return {{"X-Auth-Token", token}}; }
@@ -233,6 +234,10 @@ TEST_F(EventsE2E, AStreamNeedsASessionAndTheAccessTablesWord) {
   expectEnvelope(client_->Get("/events"), 401, kErrNotLoggedIn);
   const std::string token = loginToken(*client_, gateway_.password());
   expectEnvelope(client_->Get("/events", auth(token)), 403, kErrScopeForbidden);
+  // The stream is read only; no other method opens it or reaches a route.
+  expectEnvelope(client_->Post("/events", auth(token), "", "text/plain"), 405,
+                 kErrMethodNotAllowed);
+  expectEnvelope(client_->Delete("/v1/events", auth(token)), 405, kErrMethodNotAllowed);
   // The v1 path has its own rule, which still lets scope 4 in.
   SseClient v1(gateway_.port(), token, "/v1/events");
   EXPECT_TRUE(v1.waitForEvents(1, 30000)) << v1.head();

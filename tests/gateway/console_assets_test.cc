@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <optional>
 #include <stdexcept>
 #include <string>
 
@@ -37,7 +38,14 @@ HttpOutput get(const std::string& path, gw::HeaderList headers = {}, const char*
   in.target = path;
   in.headers = std::move(headers);
   in.clientAddress = "127.0.0.1";
-  return gw::consoleAnswer(in, path, kFiles, lookup);
+  gw::BuiltInContent content;
+  content.console = kFiles;
+  content.consoleSession = lookup;
+  std::string route;
+  std::optional<HttpOutput> out = gw::serveBuiltIn(content, in, path, &route);
+  EXPECT_TRUE(out.has_value()) << path;
+  EXPECT_EQ(route, "/console");
+  return out.value_or(HttpOutput());
 }
 
 std::string header(const HttpOutput& out, const char* name) {
