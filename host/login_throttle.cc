@@ -53,8 +53,11 @@ int LoginThrottle::secondsToWait(const std::string& userName, const std::string&
   }
   if (count.failures == 0) return 0;
   // The window is measured on the store's clock, which the failure was
-  // stamped with.
-  const time_t until = count.lastFailure + delayAfter(count.failures);
+  // stamped with. The stamp is the whole second the failure fell in; the
+  // window counts from that second's end, so that it is never shorter than
+  // the delay (a failure just before a second ends would otherwise lose
+  // almost a whole second of it).
+  const time_t until = count.lastFailure + 1 + delayAfter(count.failures);
   return until > count.now ? static_cast<int>(until - count.now) : 0;
 }
 

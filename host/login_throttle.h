@@ -3,7 +3,9 @@
 // The first kFreeFailures consecutive failures cost nothing. After that, each
 // attempt must wait for a window counted from the last failure: 1 s after
 // the third failure, 2 s after the fourth, 4 s after the fifth, and so on,
-// never more than kMaxDelay seconds. A success clears the pair; so does
+// never more than kMaxDelay seconds. Failures are stamped in whole seconds
+// and the window counts from the end of the failure's second, so it lasts
+// at least the delay and at most one second more. A success clears the pair; so does
 // kForgetAfter seconds without a failure. Nothing ever locks a user out for
 // good: once the window has passed, one more attempt is always let through,
 // and a client elsewhere (another address) is not slowed by it at all.
@@ -52,7 +54,8 @@ class HOST_API LoginThrottle {
   static LoginThrottle& instance();
 
   // Seconds the pair must still wait before its next attempt; 0 when it may
-  // try now. Asking does not count as an attempt.
+  // try now. Right after a failure that is delayAfter(failures) + 1: the
+  // failure's second is not over yet. Asking does not count as an attempt.
   int secondsToWait(const std::string& userName, const std::string& address);
   // Counts a failed attempt of the pair and of the account, and restarts the
   // pair's window.

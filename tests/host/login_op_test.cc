@@ -477,12 +477,12 @@ TEST_F(VerifyCodeLoginTest, MissingOrUnknownChallengeIsRefused) {
   EXPECT_EQ(loginWith("", ""), proto::kErrVerifyCode);
   EXPECT_EQ(loginWith(c.first, ""), proto::kErrVerifyCode);
   EXPECT_EQ(loginWith("", c.second), proto::kErrVerifyCode);
-  g_testNow += LoginThrottle::delayAfter(3);
+  g_testNow += LoginThrottle::delayAfter(3) + 1;
   EXPECT_EQ(loginWith("0123456789abcdef0123456789abcdef", c.second), proto::kErrVerifyCode);
   EXPECT_EQ(loginsSent(), 0u);
   // Each refusal counted as a failed attempt; wait out the window.
   EXPECT_EQ(LoginThrottle::instance().failures("admin", "192.0.2.10"), 4);
-  g_testNow += LoginThrottle::delayAfter(4);
+  g_testNow += LoginThrottle::delayAfter(4) + 1;
   EXPECT_EQ(loginWith(c.first, c.second), 0) << "the live challenge was not spent";
 }
 
@@ -537,17 +537,20 @@ TEST_F(CLoginOpTest, RepeatedFailuresSlowDownWithAGrowingWindow) {
   refused.credentials("admin", kPassword, "4");
   EXPECT_EQ(codeOf([&] { op_.op("POST", "", refused.request, refused.response); }),
             proto::kErrLoginThrottled);
-  EXPECT_EQ(refused.answerHeader("Retry-After"), "1");
+  // 1 s counted from the end of the third failure's second.
+  EXPECT_EQ(refused.answerHeader("Retry-After"), "2");
   EXPECT_EQ(loginsSent(), 3u);
 
   g_testNow += 1;
+  EXPECT_EQ(attempt("guess"), proto::kErrLoginThrottled) << "the failure's second may just have ended";
+  g_testNow += 1;
   EXPECT_EQ(attempt("guess"), proto::kErrLoginFailed) << "1 s window over";
   EXPECT_EQ(attempt("guess"), proto::kErrLoginThrottled);
-  g_testNow += 1;
+  g_testNow += 2;
   EXPECT_EQ(attempt("guess"), proto::kErrLoginThrottled) << "now 2 s";
   g_testNow += 1;
   EXPECT_EQ(attempt("guess"), proto::kErrLoginFailed);
-  g_testNow += 3;
+  g_testNow += 4;
   EXPECT_EQ(attempt("guess"), proto::kErrLoginThrottled) << "now 4 s";
   g_testNow += 1;
   EXPECT_EQ(attempt(kPassword), 0) << "the right password after the window";
@@ -565,12 +568,13 @@ TEST_F(CLoginOpTest, ThrottleIsPerAddress) {
 
 TEST_F(CLoginOpTest, NoPermanentLockOut) {
   acceptOnly(kPassword);
+  // The longest window: 60 s from the end of the last failure's second.
   for (int i = 0; i < 40; ++i) {
-    g_testNow += 60;
+    g_testNow += 61;
     EXPECT_EQ(attempt("guess"), proto::kErrLoginFailed) << "attempt " << i;
   }
   EXPECT_EQ(attempt(kPassword), proto::kErrLoginThrottled);
-  g_testNow += 59;
+  g_testNow += 60;
   EXPECT_EQ(attempt(kPassword), proto::kErrLoginThrottled);
   g_testNow += 1;
   EXPECT_EQ(attempt(kPassword), 0) << "the window never grows past 60 s";

@@ -30,7 +30,11 @@ TEST_F(LoginThrottleTest, ThreeFailuresAreFree) {
   for (int i = 0; i < 2; ++i) t.recordFailure("admin", "a");
   EXPECT_EQ(t.secondsToWait("admin", "a"), 0);
   t.recordFailure("admin", "a");
-  EXPECT_EQ(t.secondsToWait("admin", "a"), 1);
+  // The failure fell somewhere in this second: the 1 s window ends a second
+  // after this second does.
+  EXPECT_EQ(t.secondsToWait("admin", "a"), 2);
+  g_testNow += 1;
+  EXPECT_EQ(t.secondsToWait("admin", "a"), 1) << "the failure may have been this second's last moment";
   g_testNow += 1;
   EXPECT_EQ(t.secondsToWait("admin", "a"), 0);
 }
@@ -38,9 +42,9 @@ TEST_F(LoginThrottleTest, ThreeFailuresAreFree) {
 TEST_F(LoginThrottleTest, WindowCountsFromTheLastFailure) {
   for (int i = 0; i < 7; ++i) t.recordFailure("admin", "a");  // 16 s
   g_testNow += 10;
-  EXPECT_EQ(t.secondsToWait("admin", "a"), 6);
-  EXPECT_EQ(t.secondsToWait("admin", "a"), 6) << "asking is not an attempt";
-  g_testNow += 6;
+  EXPECT_EQ(t.secondsToWait("admin", "a"), 7);
+  EXPECT_EQ(t.secondsToWait("admin", "a"), 7) << "asking is not an attempt";
+  g_testNow += 7;
   EXPECT_EQ(t.secondsToWait("admin", "a"), 0);
 }
 
@@ -61,8 +65,8 @@ TEST_F(LoginThrottleTest, PairsAreIndependent) {
 
 TEST_F(LoginThrottleTest, NeverLocksOutForGood) {
   for (int i = 0; i < 500; ++i) t.recordFailure("admin", "a");
-  EXPECT_EQ(t.secondsToWait("admin", "a"), 60);
-  g_testNow += 60;
+  EXPECT_EQ(t.secondsToWait("admin", "a"), 61);
+  g_testNow += 61;
   EXPECT_EQ(t.secondsToWait("admin", "a"), 0);
 }
 
