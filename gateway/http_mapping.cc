@@ -80,10 +80,6 @@ RoutePlan Dispatcher::plan(const std::string& method, RequestTarget target) cons
   return plan;
 }
 
-const AccessRule& Dispatcher::ruleFor(const std::string& method, const std::string& path) const {
-  return access_->rule(routePath(matchRoute(registry_, path)), method);
-}
-
 HttpOutput Dispatcher::handle(const HttpInput& in) const {
   return handle(in, plan(in.method, splitTarget(in.target)));
 }

@@ -110,10 +110,6 @@ class Dispatcher {
 
   Metrics* metrics() const { return options_.metrics; }
 
-  // The access rule of `method` on `path` (without query); the table's
-  // fallback for a path no route serves.
-  const AccessRule& ruleFor(const std::string& method, const std::string& path) const;
-
  private:
   HttpOutput dispatch(const HttpInput& in, const RoutePlan& plan, std::string* route) const;
   HttpOutput serveRoute(const HttpInput& in, const RoutePlan& plan) const;

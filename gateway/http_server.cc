@@ -159,6 +159,7 @@ struct RequestFacts {
   unsigned version = 11;
   bool keepAlive = false;
   bool head = false;
+  bool tooLargeUpload = false;  // refused 413 on a route that takes uploads
   AnswerContext context;  // secure and hstsMaxAge stay for the connection
 
   // Notes the method, target and version the parser took, where not yet
@@ -190,6 +191,7 @@ struct RequestFacts {
     target.clear();
     parts = RequestTarget();
     client.clear();
+    tooLargeUpload = false;
     context.requestId.clear();
     context.acceptEncoding.clear();
   }
@@ -507,6 +509,12 @@ class Connection final : public Impl::Connection {
     if (facts_.context.requestId.empty()) facts_.context.requestId = requestIdFor(std::string());
     facts_.keepAlive = false;
     facts_.head = facts_.method == "HEAD";
+    if (status == 413 && !facts_.method.empty()) {
+      // No plan was made for a request refused before it was whole: made
+      // here, so that the metrics count an upload refused for its size.
+      const RoutePlan plan = server_.dispatcher.plan(facts_.method, facts_.parts);
+      facts_.tooLargeUpload = plan.rule != nullptr && plan.rule->upload;
+    }
     HttpOutput out = refusal(status, code, description);
     out.route = std::string();  // no route saw it
     answer(std::move(out));
@@ -544,10 +552,7 @@ class Connection final : public Impl::Connection {
     if (Metrics* metrics = server_.dispatcher.metrics()) {
       // Refused by the transport before any route saw it: counted under
       // "other", and an upload refused for its size counted as such.
-      if (route_.empty() && record_.status == 413 &&
-          server_.dispatcher.ruleFor(record_.method, record_.path).upload) {
-        metrics->uploadRefused("too_large");
-      }
+      if (route_.empty() && facts_.tooLargeUpload) metrics->uploadRefused("too_large");
       metrics->observe(route_.empty() ? kOtherRoute : route_, record_.status,
                        std::chrono::duration<double>(now - started_).count());
     }

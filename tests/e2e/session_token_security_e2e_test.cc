@@ -7,6 +7,7 @@
 #include <string>
 
 #include "e2e_support.h"
+#include "raw_client.h"
 
 namespace {
 
@@ -67,6 +68,31 @@ TEST_F(SessionTokenE2E, RefusedUploadsAreCountedByTheirCode) {
   EXPECT_EQ(metricSample(text, "nox_uploads_refused_total{reason=\"too_large\"}"), 1);
   EXPECT_EQ(metricSample(text, "nox_uploads_refused_total{reason=\"console_header\"}"), 1);
   EXPECT_EQ(metricSample(text, "nox_uploads_refused_total{reason=\"refused_by_check\"}"), 0);
+}
+
+// A body over the gateway's own limit is refused before any route sees it;
+// on an upload route the refusal still counts as an upload too large, on
+// another route it does not.
+TEST_F(SessionTokenE2E, BodiesOverTheTransportLimitAreCountedOnUploadRoutesOnly) {
+  const std::string token = login();
+  ASSERT_FALSE(token.empty());
+  auto tooLarge = [&](const std::string& path) {
+    RawClient raw(gateway_.port());
+    EXPECT_TRUE(raw.connected());
+    // The length alone says it: nothing of the body is sent or read.
+    raw.send("POST " + path + " HTTP/1.1\r\nHost: x\r\nX-Auth-Token: " + token +
+             "\r\nContent-Type: application/json\r\nContent-Length: 1073741824\r\n\r\n");
+    const std::string answer = raw.readAnswer();
+    EXPECT_EQ(answer.compare(0, 12, "HTTP/1.1 413"), 0) << answer;
+    EXPECT_NE(answer.find("50332163"), std::string::npos) << answer;  // 0x03000203
+  };
+  tooLarge("/kestrel_cert/import_cert");
+  tooLarge("/sessions");
+
+  auto res = client_->Get("/metrics");
+  ASSERT_TRUE(res);
+  const std::string text = "\n" + res->body;
+  EXPECT_EQ(metricSample(text, "nox_uploads_refused_total{reason=\"too_large\"}"), 1) << text;
 }
 
 }  // namespace
