@@ -51,13 +51,14 @@ int LoginThrottle::secondsToWait(const std::string& userName, const std::string&
   } catch (const StateStoreError& e) {
     throwStateUnavailable("LoginThrottle", "secondsToWait", e);
   }
-  if (count.failures == 0) return 0;
+  const int delay = delayAfter(count.failures);
+  if (delay == 0) return 0;  // the free failures
   // The window is measured on the store's clock, which the failure was
   // stamped with. The stamp is the whole second the failure fell in; the
   // window counts from that second's end, so that it is never shorter than
   // the delay (a failure just before a second ends would otherwise lose
   // almost a whole second of it).
-  const time_t until = count.lastFailure + 1 + delayAfter(count.failures);
+  const time_t until = count.lastFailure + 1 + delay;
   return until > count.now ? static_cast<int>(until - count.now) : 0;
 }
 
