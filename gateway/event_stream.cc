@@ -4,8 +4,8 @@
 
 #include <algorithm>
 #include <chrono>
-#include <iterator>
 #include <cstdlib>
+#include <iterator>
 #include <set>
 #include <vector>
 

@@ -10,9 +10,10 @@
 // total), replays the changes a resuming client missed (Last-Event-ID, or
 // the query argument lastEventId) from the ChangeFeed's backlog or tells it
 // to reload (event `reset`), hands each new change to every stream (through
-// the LoopQueue of the stream's I/O loop), sends a heartbeat comment (": ping") to each every heartbeatSeconds, and ends the
-// streams whose session ended (logout, expiry), checked every
-// sessionCheckSeconds without keeping the session alive.
+// the LoopQueue of the stream's I/O loop), sends a heartbeat comment
+// (": ping") to each every heartbeatSeconds, and ends the streams whose
+// session ended (logout, expiry), checked every sessionCheckSeconds without
+// keeping the session alive.
 //
 // A stream lives on the I/O thread of its connection (EventWriter below) and
 // holds no worker: only the admission (the session store may be asked)

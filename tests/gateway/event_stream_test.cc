@@ -84,7 +84,9 @@ TEST_F(EventHubTest, EachStreamGetsTheHeadThenEveryChangeOnceInOrder) {
   net::io_context loopA(1);
   net::io_context loopB(1);
   std::vector<std::shared_ptr<RecordingSink>> sinks;
-  for (int i = 0; i < 50; ++i) sinks.push_back(open(i % 2 ? loopB : loopA, "s" + std::to_string(i)));
+  for (int i = 0; i < 50; ++i) {
+    sinks.push_back(open(i % 2 ? loopB : loopA, "s" + std::to_string(i)));
+  }
   hub_.publish({taskChange(1, 10), taskChange(2, 20)});
   hub_.publish({taskChange(3, 30)});
   loopA.run();

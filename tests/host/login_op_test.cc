@@ -542,7 +542,8 @@ TEST_F(CLoginOpTest, RepeatedFailuresSlowDownWithAGrowingWindow) {
   EXPECT_EQ(loginsSent(), 3u);
 
   g_testNow += 1;
-  EXPECT_EQ(attempt("guess"), proto::kErrLoginThrottled) << "the failure's second may just have ended";
+  EXPECT_EQ(attempt("guess"), proto::kErrLoginThrottled)
+      << "the failure's second may just have ended";
   g_testNow += 1;
   EXPECT_EQ(attempt("guess"), proto::kErrLoginFailed) << "1 s window over";
   EXPECT_EQ(attempt("guess"), proto::kErrLoginThrottled);
