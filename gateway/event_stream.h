@@ -80,7 +80,7 @@ class EventSink {
 // for one turn's writes at most, never for a change's whole fan-out.
 class LoopQueue : public std::enable_shared_from_this<LoopQueue> {
  public:
-  static constexpr size_t kWritesPerTurn = 32;
+  static constexpr size_t kWritesPerTurn = 8;
 
   explicit LoopQueue(boost::asio::any_io_executor loop) : loop_(std::move(loop)) {}
   // Queues `text` for `sink` (whose loop this is); any thread.
